@@ -1,0 +1,231 @@
+// Ordered linear probing: the hash table under every keyed collection.
+//
+// Elements sit in one array in the order of their hash (ties broken by a
+// total order of keys). An element's home slot is the top bits of its hash,
+// so growing or shrinking the array keeps the order, and the order depends on
+// the keys alone, never on the history of inserts. That gives what the
+// collections promise:
+//
+// - lookup in O(1) expected (a miss stops at the first greater element);
+// - iteration in a stable order: an insert or an erase elsewhere never moves
+//   an element to the other side of another;
+// - "the element at key k, or the first one after where k would be", also
+//   when k is not (or no longer) there, which resumable walks rely on.
+//
+// Runs of displaced elements are kept sorted: an insert shifts the rest of
+// its run one slot right, an erase shifts the displaced tail of the run left.
+// The array has a tail beyond its 2^bits home slots instead of wrapping
+// around, so slot order is hash order. The load stays between 1/8 and 1/2.
+//
+// Invalidation: insertNew, eraseAt, clear and shrinkToFit move elements and
+// may reallocate: every position and every reference into the array is
+// invalid after them. Lookups never change the array.
+//
+// Ops requirements:
+//   using Hash = std::uint32_t or std::uint64_t;
+//   static bool used(const Slot &);
+//   static Hash hashOf(const Slot &);
+//   static void vacate(Slot &);    // make it unused, dropping what it holds
+// Slot must be default-constructible (unused) and movable.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+namespace Fwk::detail {
+
+template <typename Slot, typename Ops> class OrderedProbeArray {
+public:
+  using Hash = typename Ops::Hash;
+  static constexpr std::size_t npos = ~std::size_t{0};
+  static constexpr unsigned kHashBits = sizeof(Hash) * 8;
+  static constexpr unsigned kMinBits = 3;
+
+  struct Pos {
+    std::size_t pos;
+    bool found;
+  };
+
+  OrderedProbeArray() = default;
+  OrderedProbeArray(OrderedProbeArray &&o) noexcept { swap(o); }
+  OrderedProbeArray &operator=(OrderedProbeArray &&o) noexcept {
+    OrderedProbeArray(std::move(o)).swap(*this);
+    return *this;
+  }
+
+  std::size_t size() const noexcept { return size_; }
+  std::size_t slots() const noexcept { return len_; }
+
+  Slot &at(std::size_t pos) noexcept { return a_[pos]; }
+  const Slot &at(std::size_t pos) const noexcept { return a_[pos]; }
+
+  // The position of the probe's element, or of the first element that comes
+  // after it. `cmp(slot)` orders an element of equal hash against the probe:
+  // negative before, zero the same key, positive after.
+  template <typename Cmp> Pos lowerBound(Hash h, Cmp &&cmp) const {
+    std::size_t i = home(h);
+    while (i < len_ && Ops::used(a_[i])) {
+      const Hash hi = Ops::hashOf(a_[i]);
+      if (hi > h) {
+        break;
+      }
+      if (hi == h) {
+        const int c = cmp(a_[i]);
+        if (c == 0) {
+          return {i, true};
+        }
+        if (c > 0) {
+          break;
+        }
+      }
+      ++i;
+    }
+    return {i, false};
+  }
+
+  // The first used position at or after `from`, or npos.
+  std::size_t nextUsed(std::size_t from) const noexcept {
+    for (std::size_t i = from; i < len_; ++i) {
+      if (Ops::used(a_[i])) {
+        return i;
+      }
+    }
+    return npos;
+  }
+
+  // Inserts an element whose key is not in the table. Returns its position.
+  template <typename Cmp> std::size_t insertNew(Hash h, Cmp &&cmp, Slot &&s) {
+    if ((size_ + 1) * 2 > (std::size_t{1} << bits_) || len_ == 0) {
+      rebuild(std::max(bits_ + 1, kMinBits));
+    }
+    for (;;) {
+      const std::size_t pos = lowerBound(h, cmp).pos;
+      std::size_t e = pos;
+      while (e < len_ && Ops::used(a_[e])) {
+        ++e;
+      }
+      if (e == len_) {
+        // The run reaches the end of the tail: lengthen the tail and retry.
+        rebuild(bits_, tail_ * 2);
+        continue;
+      }
+      for (std::size_t j = e; j > pos; --j) {
+        a_[j] = std::move(a_[j - 1]);
+      }
+      a_[pos] = std::move(s);
+      ++size_;
+      return pos;
+    }
+  }
+
+  // Removes the element at `pos`.
+  void eraseAt(std::size_t pos) {
+    std::size_t hole = pos;
+    for (std::size_t j = pos + 1;
+         j < len_ && Ops::used(a_[j]) && home(Ops::hashOf(a_[j])) <= hole;
+         ++j) {
+      a_[hole] = std::move(a_[j]);
+      hole = j;
+    }
+    Ops::vacate(a_[hole]);
+    --size_;
+  }
+
+  // Releases memory after many erases: shrinks while the load is below 1/8.
+  void shrinkToFit() {
+    unsigned b = bits_;
+    while (b > kMinBits && size_ * 8 < (std::size_t{1} << b)) {
+      --b;
+    }
+    if (b != bits_) {
+      rebuild(b);
+    }
+  }
+
+  // Makes room for n elements without further growth.
+  void reserve(std::size_t n) {
+    unsigned b = std::max(bits_, kMinBits);
+    while (n * 2 > (std::size_t{1} << b)) {
+      ++b;
+    }
+    if (b != bits_ || len_ == 0) {
+      rebuild(b);
+    }
+  }
+
+  void clear() noexcept {
+    a_.reset();
+    len_ = 0;
+    bits_ = 0;
+    tail_ = 0;
+    size_ = 0;
+  }
+
+  void swap(OrderedProbeArray &o) noexcept {
+    std::swap(a_, o.a_);
+    std::swap(len_, o.len_);
+    std::swap(bits_, o.bits_);
+    std::swap(tail_, o.tail_);
+    std::swap(size_, o.size_);
+  }
+
+private:
+  std::size_t home(Hash h) const noexcept {
+    return bits_ ? static_cast<std::size_t>(h >> (kHashBits - bits_)) : 0;
+  }
+
+  static std::size_t defaultTail(unsigned bits) {
+    return std::max<std::size_t>(8, (std::size_t{1} << bits) / 16);
+  }
+
+  // The position of the element at old position i in an array of 2^bits home
+  // slots, given the position after the previously placed one.
+  std::size_t placement(std::size_t i, unsigned bits,
+                        std::size_t next) const noexcept {
+    const Hash h = Ops::hashOf(a_[i]);
+    const std::size_t p =
+        bits ? static_cast<std::size_t>(h >> (kHashBits - bits)) : 0;
+    return std::max(p, next);
+  }
+
+  // Moves every element, in order, into a new array of 2^bits home slots
+  // followed by a tail long enough for the last run.
+  void rebuild(unsigned bits, std::size_t tail = 0) {
+    tail = std::max(tail, defaultTail(bits));
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < len_; ++i) {
+      if (Ops::used(a_[i])) {
+        next = placement(i, bits, next) + 1;
+      }
+    }
+    const std::size_t homes = std::size_t{1} << bits;
+    if (next > homes + tail) {
+      tail = next - homes;
+    }
+    const std::size_t len = homes + tail;
+    std::unique_ptr<Slot[]> a(new Slot[len]);
+    next = 0;
+    for (std::size_t i = 0; i < len_; ++i) {
+      if (Ops::used(a_[i])) {
+        const std::size_t p = placement(i, bits, next);
+        a[p] = std::move(a_[i]);
+        next = p + 1;
+      }
+    }
+    a_ = std::move(a);
+    len_ = len;
+    bits_ = bits;
+    tail_ = tail;
+  }
+
+  std::unique_ptr<Slot[]> a_;
+  std::size_t len_ = 0;
+  unsigned bits_ = 0;
+  std::size_t tail_ = 0;
+  std::size_t size_ = 0;
+};
+
+} // namespace Fwk::detail
