@@ -1,0 +1,7 @@
+#include "MicaMpls/Version.h"
+
+namespace MicaMpls {
+
+std::string_view libraryVersion() noexcept { return MICA_MPLS_VERSION; }
+
+} // namespace MicaMpls
