@@ -4,10 +4,12 @@
 
 #include <string_view>
 
+#include "MicaMpls/Export.h"
+
 namespace MicaMpls {
 
 // "<major>.<minor>.<patch>" of the library that is loaded (not of the headers
 // the caller was built with).
-__attribute__((visibility("default"))) std::string_view libraryVersion() noexcept;
+MICA_MPLS_API std::string_view libraryVersion() noexcept;
 
 } // namespace MicaMpls

@@ -1,0 +1,62 @@
+// The ISEM2 family's binding to the generic table code: its types, its names
+// and its few real differences (the in-LIF resource, whose two indexes and
+// client data an entry takes). See OrderedTable/TableBinding.h.
+#pragma once
+
+#include "platform/records/MplsIsem2Records.h"
+#include "platform/resource/InLifResourceTable.h"
+
+namespace MicaMpls {
+
+class MplsIsem2SwTable;
+class MplsIsem2EntryWrapper;
+class MplsIsem2ResolverEntry;
+class MplsIsem2SwTableHelperBase;
+class MplsIsem2EntryLog;
+class MplsIsem2InLifLinkage;
+
+struct MplsIsem2Binding {
+  using Key = MplsIsem2EntryKey;
+  using Entry = MplsIsem2Entry;
+  using LogEntry = MplsIsem2LogEntry;
+  using ResourceKeys = MplsIsem2ResourceKeys;
+  using Constants = MplsIsem2Constants;
+
+  using SwTable = MplsIsem2SwTable;
+  using EntryWrapper = MplsIsem2EntryWrapper;
+  using ResolverEntry = MplsIsem2ResolverEntry;
+  using Helper = MplsIsem2SwTableHelperBase;
+  using EntryLog = MplsIsem2EntryLog;
+  using Linkage = MplsIsem2InLifLinkage;
+
+  using ResourceTable = MicaTunnelNiLib::InLifResourceTable;
+  using ResourceHandle = ResourceTable::ResourceHandle;
+  using ResourceKey = MicaTunnelNiLib::InLifEntryKey;
+
+  static constexpr const char *kSwTableClass = "MplsIsem2SwTable";
+  static constexpr const char *kWrapperClass = "MplsIsem2EntryWrapper";
+  static constexpr const char *kTableSourceUnit = "MicaMpls/MplsIsem2SwTable";
+  static constexpr const char *kInfraSourceUnit = "MicaMpls/MplsIsem2InfraTypes";
+  static constexpr const char *kEntryLogClass = "MplsIsem2EntryLog";
+  static constexpr const char *kEntryLogSourceUnit = "MicaMpls/MplsIsem2EntryLog";
+  static constexpr const char *kConfigSlateType = "MicaMpls::MplsIsem2ConfigSlate";
+  static constexpr const char *kConfigSlateEntryType = "MicaMpls::MplsIsem2ConfigSlateEntry";
+  static constexpr const char *kEntryLogSlateType = "MicaMpls::MplsIsem2EntryLogSlate";
+  static constexpr const char *kLogSlateEntryType = "MicaMpls::MplsIsem2LogSlateEntry";
+  // The second word of the items reported when a collection was wiped
+  // (entryLog::MplsIsem2, entryCfg::MplsIsem2).
+  static constexpr const char *kWipedItem = "MplsIsem2";
+  static constexpr const char *kLinkageAttr = "inLifLinkage";
+
+  static ResourceKey resourceKey(const Entry &e) noexcept { return e.inLifKey; }
+  static void setResolvedFields(Entry &e, const ResourceHandle *r) noexcept {
+    e.inLif0Index = r ? r->data().inLif0Index : 0;
+    e.inLif23Index = r ? r->data().inLif23Index : 0;
+  }
+  static constexpr bool kCarriesClientData = true;
+  static void retrieveClientData(Entry &e, const ResourceHandle &r) noexcept {
+    e.inLifClientData = r.data().clientData;
+  }
+};
+
+} // namespace MicaMpls

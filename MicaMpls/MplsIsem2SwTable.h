@@ -1,0 +1,46 @@
+// The software copy of the ISEM2 MPLS table of one unit.
+//
+//   auto table = mplsIsem2SwTableFactory(name, Asic::SwTableId(MplsIsem2Constants::swTableTypeId),
+//                                       unit, swTableSet, entryLog, groupResolver);
+//   table->inLifLinkageIs(linkage);
+//
+// Its state and algorithms are the generic ones (OrderedTable/); this class
+// adds the ISEM2 names: the linkage attribute `inLifLinkage`.
+#pragma once
+
+#include "MicaMpls/Export.h"
+#include "MicaMpls/MplsIsem2Binding.h"
+#include "MicaMpls/MplsIsem2EntryLog.h"
+#include "MicaMpls/MplsIsem2InfraTypes.h"
+#include "MicaMpls/MplsIsem2ResourceTableLinkage.h"
+#include "MicaMpls/MplsIsem2SwTableHelperBase.h"
+#include "OrderedTable/SwTableState.h"
+
+namespace MicaMpls {
+
+class MICA_MPLS_API MplsIsem2SwTable
+    : public Asic::OrderedSwTableState<MplsIsem2Binding> {
+public:
+  using OrderedSwTableState::OrderedSwTableState;
+  static Fwk::Ptr<MplsIsem2SwTable>
+  MplsIsem2SwTableIs(Fwk::Ptr<const Asic::CanonicalTableName> name,
+                    Asic::SwTableId swTableId, Asic::UnitId unitId,
+                    Asic::OrderedSwTableSet *swTableSet,
+                    Fwk::Ptr<MplsIsem2EntryLog> entryLog,
+                    Fwk::Ptr<Asic::GroupResolver> groupResolver);
+
+  const Fwk::Ptr<MplsIsem2InLifLinkage> &inLifLinkage() const noexcept { return linkage(); }
+  void inLifLinkageIs(const Fwk::Ptr<MplsIsem2InLifLinkage> &l) { linkageIs(l); }
+
+protected:
+  ~MplsIsem2SwTable() override;
+};
+
+MICA_MPLS_API Fwk::Ptr<MplsIsem2SwTable>
+mplsIsem2SwTableFactory(Fwk::Ptr<const Asic::CanonicalTableName> name,
+                       Asic::SwTableId swTableId, Asic::UnitId unitId,
+                       Asic::OrderedSwTableSet *swTableSet,
+                       Fwk::Ptr<MplsIsem2EntryLog> entryLog,
+                       Fwk::Ptr<Asic::GroupResolver> groupResolver);
+
+} // namespace MicaMpls

@@ -1,0 +1,46 @@
+// The software copy of the LEM MPLS table of one unit.
+//
+//   auto table = mplsLemSwTableFactory(name, Asic::SwTableId(MplsLemConstants::swTableTypeId),
+//                                       unit, swTableSet, entryLog, groupResolver);
+//   table->l2AdjToFecLinkageIs(linkage);
+//
+// Its state and algorithms are the generic ones (OrderedTable/); this class
+// adds the LEM names: the linkage attribute `l2AdjToFecLinkage`.
+#pragma once
+
+#include "MicaMpls/Export.h"
+#include "MicaMpls/MplsLemBinding.h"
+#include "MicaMpls/MplsLemEntryLog.h"
+#include "MicaMpls/MplsLemInfraTypes.h"
+#include "MicaMpls/MplsLemResourceTableLinkage.h"
+#include "MicaMpls/MplsLemSwTableHelperBase.h"
+#include "OrderedTable/SwTableState.h"
+
+namespace MicaMpls {
+
+class MICA_MPLS_API MplsLemSwTable
+    : public Asic::OrderedSwTableState<MplsLemBinding> {
+public:
+  using OrderedSwTableState::OrderedSwTableState;
+  static Fwk::Ptr<MplsLemSwTable>
+  MplsLemSwTableIs(Fwk::Ptr<const Asic::CanonicalTableName> name,
+                    Asic::SwTableId swTableId, Asic::UnitId unitId,
+                    Asic::OrderedSwTableSet *swTableSet,
+                    Fwk::Ptr<MplsLemEntryLog> entryLog,
+                    Fwk::Ptr<Asic::GroupResolver> groupResolver);
+
+  const Fwk::Ptr<MplsLemL2AdjToFecLinkage> &l2AdjToFecLinkage() const noexcept { return linkage(); }
+  void l2AdjToFecLinkageIs(const Fwk::Ptr<MplsLemL2AdjToFecLinkage> &l) { linkageIs(l); }
+
+protected:
+  ~MplsLemSwTable() override;
+};
+
+MICA_MPLS_API Fwk::Ptr<MplsLemSwTable>
+mplsLemSwTableFactory(Fwk::Ptr<const Asic::CanonicalTableName> name,
+                       Asic::SwTableId swTableId, Asic::UnitId unitId,
+                       Asic::OrderedSwTableSet *swTableSet,
+                       Fwk::Ptr<MplsLemEntryLog> entryLog,
+                       Fwk::Ptr<Asic::GroupResolver> groupResolver);
+
+} // namespace MicaMpls

@@ -1,0 +1,581 @@
+// The entry log of a table type, written once for every table family: what
+// each software table has committed, kept in the shared-memory store so that
+// a restarted agent finds its tables as they were.
+//
+//   auto log = mplsIsem2EntryLogFactory(tableId, stateDb, groupIntf, "Mpls");
+//   log->mountSlateConfig(unit, confirmedVersion);     // per unit, once
+//   LogVersion v = log->entryIs(logEntry, rsrcKeys, needed, unit, stats, true);
+//   log->entryDel(key, needed, unit);
+//   log->cleanupEntryLog(hardwareVersion);             // retire what the
+//                                                      // hardware has taken
+//
+// Every change gets a new log version from the table version, is written
+// into the unit's configuration table and into the change log, and is
+// announced to the group interface. A deletion keeps the configuration
+// record, marked deleted under the deletion's version, until the change log
+// is cleaned up to that version.
+//
+// Crash safety. Each record is published atomically by the store; a change
+// touches three words in this order: the scratchpad (the new table version
+// is reserved first), the configuration record, the change-log record. An
+// agent killed between any two of them restarts with a table version at
+// least as high as every version used, so no two records ever share a log
+// version; an interrupted change leaves at most a version that nobody uses,
+// or a configuration record whose change-log record is missing (the change
+// was never reported done to its client, and it is confirmed with the next
+// hardware version past it). Mounting also takes the highest version found
+// in the change log and in each unit's records into account, so a damaged
+// scratchpad cannot make a version be handed out twice either.
+//
+// Failures. A lookup that meets corrupt shared memory hands the error to the
+// collection's corruption handling, which drops the record; the record then
+// counts as absent. A write of a new key into a full configuration table, or
+// into a full change log, throws Shm::CollectionFullError before anything is
+// written or any version is used; the commit turns it into a failed change.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "OrderedTable/EntryLogRecords.h"
+#include "OrderedTable/TableBinding.h"
+#include "platform/agentlog/AgentLog.h"
+#include "platform/asic/EntryLogBase.h"
+#include "platform/asic/OrderedSwTable.h"
+#include "platform/framework/Assert.h"
+#include "platform/framework/HashMap.h"
+#include "platform/shm/Shm.h"
+#include "platform/statedb/GenId.h"
+#include "platform/trace/Trace.h"
+
+namespace Asic {
+
+// The operator messages an entry log's source unit registers (each unit its
+// own handles, all with the same records). Only `error` is raised here; the
+// other two are registered for the agent.
+struct EntryLogMessages {
+  AgentLog::Handle exception;     // HW_ABSTRACTION_EXCEPTION
+  AgentLog::Handle relaunchError; // HW_ABSTRACTION_RELAUNCH_ERROR
+  AgentLog::Handle error;         // HW_ABSTRACTION_ERROR
+};
+__attribute__((visibility("default"))) EntryLogMessages registerEntryLogMessages();
+
+template <typename B> class OrderedEntryLog : public EntryLogBase {
+public:
+  using Key = typename B::Key;
+  using LogEntry = typename B::LogEntry;
+  using ResourceKeys = typename B::ResourceKeys;
+  using ConfigSlateT = ConfigSlate<B>;
+  using EntryLogSlateT = EntryLogSlate<B>;
+  using ConfigEntry = ConfigSlateEntry<B>;
+  using LogRecord = LogSlateEntry<B>;
+
+  static constexpr Fwk::AttrId attrTableEntryLog{6, "tableEntryLog"};
+  static constexpr Fwk::AttrId attrTableConfigSlate{7, "tableConfigSlate"};
+  static constexpr Fwk::AttrId attrCleanupVersion{8, "cleanupVersion"};
+
+  // Mounts the change log and restores the table version (handleInitialized).
+  // A mount failure passes on as an exception, with nothing kept.
+  OrderedEntryLog(SwTableId tableId, Fwk::Ptr<StateDb::EntityManager> entityManager,
+                  Fwk::Ptr<GroupInterface> groupInterface, std::string agentName,
+                  const EntryLogMessages &messages)
+      : EntryLogBase(tableId, std::move(entityManager), std::move(groupInterface),
+                     std::move(agentName)),
+        messages_(messages) {
+    handleInitialized();
+  }
+
+  void handleInitialized() {
+    trace(8, "");
+    mountSlateChangeLog();
+  }
+
+  // ---- Mounting ----
+
+  // Mounts `path` as a T in the agent's shared-memory instance and checks it.
+  // A collection whose contents were lost is reported (wipedFn), the agent's
+  // relaunch generation is raised, and the emptied collection is used.
+  template <typename T>
+  static Fwk::Ptr<T> checkAndwriteMountSlate(
+      const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+      const std::string &typeName, const std::string &path,
+      const std::string &agentName,
+      const std::function<void(Shm::MountInfo &)> &mountInfoFn,
+      const std::function<Shm::CollectionControl &(Fwk::Ptr<T> &)> &collectionControlFn,
+      const std::function<void()> &wipedFn) {
+    // NOT_LOCAL_EM: the store instance is the agent's name with id 0, shared
+    // by every instance of the agent.
+    const std::uint32_t instance =
+        std::getenv("NOT_LOCAL_EM") ? 0 : entityManager->instanceId();
+    auto shm = Shm::entityManager(entityManager->name(), instance,
+                                  Shm::Access::write);
+    auto group = shm->mountGroup();
+    Shm::MountInfo info(0);
+    mountInfoFn(info);
+    group->doMount(path, typeName, info);
+    group->doClose();
+    Fwk::Ptr<T> entity = Fwk::ptrCast<T>(shm->entity(path));
+    if (!entity) {
+      return entity;
+    }
+    Shm::CollectionControl &control = collectionControlFn(entity);
+    if (!control.wiped()) {
+      return entity;
+    }
+    wipedFn();
+    if (auto gen = entityManager->template entity<GenId>(GenId::path(agentName))) {
+      gen->majorIdInc(1);
+    }
+    control.clearWiped();
+    return entity;
+  }
+
+  void mountSlateChangeLog() {
+    trace(8, "");
+    const std::string path = B::Constants::tableEntryLogSlatePath();
+    auto slate = checkAndwriteMountSlate<EntryLogSlateT>(
+        entityManager(), EntryLogSlateT::kTypeName, path, agentName(),
+        [](Shm::MountInfo &info) {
+          info.collectionInfoIs(EntryLogSlateT::kCollection,
+                                EntryLogSlateT::kCapacity);
+        },
+        [](Fwk::Ptr<EntryLogSlateT> &s) -> Shm::CollectionControl & {
+          return s->entryLogConfig().control();
+        },
+        [this] { raiseWiped("entryLog"); });
+    FWK_ASSERT_NAMED(slate, "tableEntryLog");
+    tableEntryLog_ = slate;
+    notify(attrTableEntryLog);
+    // Version allocation continues where the previous agent stopped.
+    LogVersion version = slate->entryLogConfig().control().scratchpad();
+    for (auto k = firstLogKey(); k; k = nextLogKey(*k)) {
+      version = std::max(version, *k);
+    }
+    tableVersionIs(version);
+    trace(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
+  }
+
+  // Mounts one unit's configuration table and drops the deletions that the
+  // hardware has already confirmed (versions up to `logVersion`).
+  void mountSlateConfig(UnitId unitId, LogVersion logVersion) {
+    trace(8, " unitId:{}, logVersion: {}", unitId, logVersion);
+    const std::string path = B::Constants::configSlatePath(unitId);
+    auto cfgSlate = checkAndwriteMountSlate<ConfigSlateT>(
+        entityManager(), ConfigSlateT::kTypeName, path, agentName(),
+        [](Shm::MountInfo &info) {
+          info.collectionInfoIs(ConfigSlateT::kCollection, ConfigSlateT::kCapacity);
+        },
+        [](Fwk::Ptr<ConfigSlateT> &s) -> Shm::CollectionControl & {
+          return s->swTableEntries().control();
+        },
+        [this] { raiseWiped("entryCfg"); });
+    FWK_ASSERT_NAMED(cfgSlate, "cfgSlate");
+    tableConfigSlateIs(unitId, cfgSlate);
+    trace(2, " Mounted config for unitId: {} at {}", unitId, path);
+
+    // One walk serves two ends: it drops confirmed deletions, and it makes
+    // sure no version this unit holds can be handed out again.
+    std::vector<Key> confirmed;
+    LogVersion highest = 0;
+    forEachRecord(
+        *cfgSlate,
+        [&] {
+          confirmed.clear();
+          highest = 0;
+        },
+        [&](const ConfigEntry &r) {
+          highest = std::max(highest, r.logVersion);
+          if (logVersion != 0 && r.isDeleted && r.logVersion <= logVersion) {
+            confirmed.push_back(r.logEntry.key);
+          }
+        });
+    for (const Key &key : confirmed) {
+      cfgSlate->swTableEntriesDel(key);
+    }
+    if (highest > tableVersion()) {
+      reserveVersion(highest);
+    }
+  }
+
+  // ---- The map of configuration tables ----
+
+  Fwk::Ptr<ConfigSlateT> tableConfigSlate(UnitId unitId) const {
+    const auto *s = tableConfigSlate_.find(unitId);
+    return s ? *s : nullptr;
+  }
+  bool tableConfigSlateHas(UnitId unitId) const {
+    return tableConfigSlate_.contains(unitId);
+  }
+  std::size_t tableConfigSlates() const noexcept { return tableConfigSlate_.size(); }
+  void tableConfigSlateIs(UnitId unitId, const Fwk::Ptr<ConfigSlateT> &slate) {
+    tableConfigSlate_.insert(unitId, slate);
+    notify(attrTableConfigSlate, unitId);
+  }
+  void tableConfigSlateDel(UnitId unitId) {
+    if (tableConfigSlate_.erase(unitId)) {
+      notify(attrTableConfigSlate, unitId);
+    }
+  }
+  void tableConfigSlateDelAll() {
+    while (!tableConfigSlate_.empty()) {
+      tableConfigSlateDel(UnitId(tableConfigSlate_.begin().key()));
+    }
+  }
+
+  const Fwk::Ptr<EntryLogSlateT> &tableEntryLog() const noexcept {
+    return tableEntryLog_;
+  }
+  // The number of changes logged and not yet retired.
+  std::uint32_t entryLogRecords() const noexcept {
+    return tableEntryLog_ ? tableEntryLog_->entryLogConfig().count() : 0;
+  }
+  // The version up to which the change log was last cleaned.
+  LogVersion cleanupVersion() const noexcept { return cleanupVersion_; }
+
+  // ---- Logging changes ----
+
+  // Logs a write of one entry and returns its version. With
+  // suppressIdenticalWrites, a write identical to the stored live record
+  // returns the stored version and logs nothing.
+  LogVersion entryIs(const LogEntry &logEntry, const ResourceKeys &rsrcKeys,
+                     const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId,
+                     const Fwk::Ptr<SwTableStats> &stats,
+                     bool suppressIdenticalWrites) {
+    trace(8,
+          " logEntry: {} neededEntry: {} version: {} unitId: {} "
+          "suppressIdenticalWrites: {}",
+          logEntry, neededEntry, tableVersion(), unitId, suppressIdenticalWrites);
+    ConfigSlateT &slate = configSlateOf(unitId);
+    const Key &key = logEntry.key;
+    if (suppressIdenticalWrites) {
+      ConfigEntry stored;
+      if (lookup(slate, key, stored) && !stored.isDeleted) {
+        if (stored.logEntry == logEntry && stored.rsrcKeys == rsrcKeys) {
+          if (stats) {
+            stats->suppressedWriteCntInc(1);
+          }
+          trace(3, "Suppressing identical write for key: {}", key);
+          if (stored.logVersion != 0) {
+            return stored.logVersion;
+          }
+        } else {
+          trace(3,
+                "Not Suppressing write because entry or resource key is "
+                "different  for key: {}",
+                key);
+          if (stats) {
+            stats->suppressCheckDiffCntInc(1);
+          }
+        }
+      }
+    }
+    refuseIfFull(slate.swTableEntries(), &key);
+    const LogVersion v = reserveVersion(tableVersion() + 1);
+    ConfigEntry record{};
+    record.rsrcKeys = rsrcKeys;
+    record.logEntry = logEntry;
+    record.logVersion = v;
+    slate.swTableEntriesIs(record);
+    logChange(v, logEntry, unitId, 0, neededEntry);
+    return v;
+  }
+
+  // Logs the deletion of one entry; 0 when the key has no record. A record
+  // already marked deleted is deleted again under a new version.
+  LogVersion entryDel(const Key &key, const Fwk::Ptr<const NeededEntry> &neededEntry,
+                      UnitId unitId) {
+    trace(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
+    ConfigSlateT &slate = configSlateOf(unitId);
+    ConfigEntry stored;
+    if (!lookup(slate, key, stored)) {
+      trace(3, " key: {} entry does not exist. So ignoring delete", key);
+      return 0;
+    }
+    refuseIfFull(slate.swTableEntries(), nullptr);
+    const LogVersion v = reserveVersion(tableVersion() + 1);
+    stored.logVersion = v;
+    stored.isDeleted = true;
+    slate.swTableEntriesIs(stored);
+    logChange(v, stored.logEntry, unitId, LogRecord::kEntryDelete, neededEntry);
+    return v;
+  }
+
+  // Logs the deletion of every entry of the unit, also when it has none.
+  LogVersion tableDel(const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId) {
+    trace(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
+    ConfigSlateT &slate = configSlateOf(unitId);
+    refuseIfFull(slate.swTableEntries(), nullptr);
+    const LogVersion v = reserveVersion(tableVersion() + 1);
+    // Records already marked deleted keep their own version: their own
+    // deletion retires them.
+    forEachKey(slate, [&](const Key &key) {
+      ConfigEntry r;
+      if (lookup(slate, key, r) && !r.isDeleted) {
+        r.logVersion = v;
+        r.isDeleted = true;
+        slate.swTableEntriesIs(r);
+      }
+    });
+    logChange(v, LogEntry{}, unitId, LogRecord::kTableDelete, neededEntry);
+    return v;
+  }
+
+  // ---- Reads ----
+
+  LogEntry entry(const Key &key, UnitId unitId) const {
+    trace(8, " key: {} unitId:{}", key, unitId);
+    return stored(key, unitId).logEntry;
+  }
+  bool entryHas(const Key &key, UnitId unitId) const {
+    trace(8, " key: {} unitId:{}", key, unitId);
+    auto slate = tableConfigSlate(unitId);
+    ConfigEntry r;
+    return slate && lookup(*slate, key, r) && !r.isDeleted;
+  }
+  ResourceKeys entryRsrcKeys(const Key &key, UnitId unitId) const {
+    trace(8, " key: {} unitId:{}", key, unitId);
+    return stored(key, unitId).rsrcKeys;
+  }
+  LogVersion entryLogVersion(const Key &key, UnitId unitId) const {
+    trace(8, " key: {} unitId:{}", key, unitId);
+    return stored(key, unitId).logVersion;
+  }
+  // The unit's records marked deleted, in O(1).
+  std::uint32_t entrysInDeletion(UnitId unitId) const {
+    trace(8, " unitId:{}", unitId);
+    auto slate = tableConfigSlate(unitId);
+    return slate ? slate->swTableEntries().flaggedCount() : 0;
+  }
+  // The unit's live records, in O(1).
+  std::uint32_t entrys(UnitId unitId) const {
+    trace(8, " unitId:{}", unitId);
+    const auto &coll = configSlateOf(unitId).swTableEntries();
+    return static_cast<std::uint32_t>(coll.count() - coll.flaggedCount());
+  }
+
+  // ---- Clean-up ----
+
+  // Retires every logged change up to and including `logVersion`.
+  void cleanupEntryLog(LogVersion logVersion) {
+    trace(8, " version {}", logVersion);
+    if (tableEntryLog_) {
+      auto &log = tableEntryLog_->entryLogConfig();
+      if (cleanupVersion_ == 0 || logVersion < cleanupVersion_ ||
+          logVersion - cleanupVersion_ >= log.count()) {
+        // A walk of the log in its order: always after a start, and whenever
+        // it is cheaper than visiting every version of the range. Versions
+        // above those handed out never exist, so the two retire the same.
+        if (cleanupVersion_ == 0 || logVersion >= cleanupVersion_) {
+          for (auto k = firstLogKey(); k; k = nextLogKey(*k)) {
+            if (*k <= logVersion) {
+              retireAt(*k);
+            }
+          }
+        }
+      } else {
+        for (LogVersion n = cleanupVersion_;; ++n) {
+          retireAt(n);
+          if (n == logVersion) {
+            break;
+          }
+        }
+      }
+    }
+    if (logVersion != cleanupVersion_) {
+      cleanupVersion_ = logVersion;
+      notify(attrCleanupVersion);
+    }
+  }
+
+protected:
+  // The node is being destroyed: the mounts are released, the shared-memory
+  // contents stay for the next agent.
+  ~OrderedEntryLog() override {
+    tableConfigSlate_.clear();
+    tableEntryLog_ = nullptr;
+  }
+
+private:
+  template <typename... Args>
+  static void trace(Trace::Level level, fmt::format_string<Args...> f,
+                    Args &&...args) {
+    // The level is tested before anything is formatted (MICA_TRACE).
+    MICA_TRACE(Trace::handleOf<typename B::EntryLog>(), level,
+               B::kEntryLogSourceUnit, B::kEntryLogClass, f,
+               std::forward<Args>(args)...);
+  }
+
+  void raiseWiped(const char *what) {
+    AgentLog::raise(messages_.error, fmt::format("{}::{}", what, B::kWipedItem));
+  }
+
+  ConfigSlateT &configSlateOf(UnitId unitId) const {
+    const auto *s = tableConfigSlate_.find(unitId);
+    FWK_ASSERT_TEXT(s != nullptr, "tableConfigSlateHas( unitId )",
+                    "Config slate for unitId:{} is not created yet!", unitId);
+    return **s;
+  }
+
+  // Reserves versions up to `v` in the scratchpad before anything uses them.
+  LogVersion reserveVersion(LogVersion v) {
+    tableEntryLog_->entryLogConfig().control().scratchpadIs(v);
+    tableVersionInc(v - tableVersion());
+    return v;
+  }
+
+  void logChange(LogVersion v, const LogEntry &logEntry, UnitId unitId,
+                 std::uint8_t deleteBits, const Fwk::Ptr<const NeededEntry> &needed) {
+    LogRecord r{};
+    r.logVersion = v;
+    r.logEntry = logEntry;
+    r.unitId = unitId;
+    r.deleteBits = deleteBits;
+    tableEntryLog_->entryLogConfigIs(r);
+    if (groupInterface()) {
+      groupInterface()->addLogEntry(tableId(), v, needed);
+    }
+  }
+
+  // Nothing may be written when a new key does not fit: check both
+  // collections before a version is reserved.
+  // `newKey` is the key a write may add, or null when none is added.
+  void refuseIfFull(const typename ConfigSlateT::Collection &cfg,
+                    const Key *newKey) const {
+    if (newKey && cfg.count() >= cfg.capacity() && !cfg.contains(*newKey)) {
+      throw Shm::CollectionFullError(fmt::format(
+          "{}: the configuration table is full ({} records)",
+          B::kEntryLogClass, cfg.capacity()));
+    }
+    const auto &log = tableEntryLog_->entryLogConfig();
+    if (log.count() >= log.capacity()) {
+      throw Shm::CollectionFullError(
+          fmt::format("{}: the change log is full ({} records)",
+                      B::kEntryLogClass, log.capacity()));
+    }
+  }
+
+  // A lookup that treats corrupt shared memory as absence.
+  static bool lookup(ConfigSlateT &slate, const Key &key, ConfigEntry &out) {
+    try {
+      return slate.swTableEntries().find(key, out);
+    } catch (const Shm::CorruptionError &e) {
+      slate.swTableEntries().doCorruptionDetected(e.what());
+      out = ConfigEntry{};
+      return false;
+    }
+  }
+
+  ConfigEntry stored(const Key &key, UnitId unitId) const {
+    ConfigEntry r{};
+    if (auto slate = tableConfigSlate(unitId)) {
+      lookup(*slate, key, r);
+    }
+    return r;
+  }
+
+  // Visits every key of a unit in the table's order. The callback may
+  // rewrite or delete records.
+  template <typename F> static void forEachKey(ConfigSlateT &slate, F &&f) {
+    auto &coll = slate.swTableEntries();
+    std::optional<Key> k;
+    try {
+      k = coll.firstKey();
+    } catch (const Shm::CorruptionError &e) {
+      coll.doCorruptionDetected(e.what());
+      k = coll.firstKey();
+    }
+    while (k) {
+      const Key key = *k;
+      f(key);
+      try {
+        k = coll.nextKey(key);
+      } catch (const Shm::CorruptionError &e) {
+        coll.doCorruptionDetected(e.what());
+        k = coll.nextKey(key);
+      }
+    }
+  }
+
+  // Visits every record of a unit (read only) in one sequential pass. A
+  // corrupt record is dropped and the pass starts over, so `restart` runs
+  // before every pass.
+  template <typename R, typename F>
+  static void forEachRecord(ConfigSlateT &slate, R &&restart, F &&f) {
+    auto &coll = slate.swTableEntries();
+    for (;;) {
+      restart();
+      try {
+        coll.forEach(f);
+        return;
+      } catch (const Shm::CorruptionError &e) {
+        coll.doCorruptionDetected(e.what());
+      }
+    }
+  }
+
+  std::optional<LogVersion> firstLogKey() const {
+    return logKeyStep([&](auto &log) { return log.firstKey(); });
+  }
+  std::optional<LogVersion> nextLogKey(LogVersion v) const {
+    return logKeyStep([&](auto &log) { return log.nextKey(v); });
+  }
+  template <typename F> std::optional<LogVersion> logKeyStep(F &&step) const {
+    auto &log = tableEntryLog_->entryLogConfig();
+    try {
+      return step(log);
+    } catch (const Shm::CorruptionError &e) {
+      log.doCorruptionDetected(e.what());
+      return step(log);
+    }
+  }
+
+  // Deletes the change-log record of version n, if any, and retires it.
+  void retireAt(LogVersion n) {
+    auto &log = tableEntryLog_->entryLogConfig();
+    LogRecord r;
+    try {
+      if (!log.find(n, r)) {
+        return;
+      }
+    } catch (const Shm::CorruptionError &e) {
+      log.doCorruptionDetected(e.what());
+      return;
+    }
+    tableEntryLog_->entryLogConfigDel(n);
+    retire(r);
+  }
+
+  void retire(const LogRecord &r) {
+    auto slate = tableConfigSlate(r.unitId);
+    if (!slate) {
+      trace(3, " configSlate not found for unitId: {}", r.unitId);
+      return;
+    }
+    if (r.isEntryDelete()) {
+      ConfigEntry c;
+      if (lookup(*slate, r.logEntry.key, c) && c.logVersion == r.logVersion) {
+        slate->swTableEntriesDel(r.logEntry.key);
+      }
+      // A different version: the key was written again after its deletion,
+      // and the newer record stays.
+    } else if (r.isTableDelete()) {
+      trace(3, " deleteing all entries for unitId: {}", r.unitId);
+      forEachKey(*slate, [&](const Key &key) {
+        ConfigEntry c;
+        if (lookup(*slate, key, c) && c.logVersion == r.logVersion) {
+          slate->swTableEntriesDel(key);
+        }
+      });
+    }
+  }
+
+  EntryLogMessages messages_;
+  Fwk::Ptr<EntryLogSlateT> tableEntryLog_;
+  Fwk::HashMap<UnitId, Fwk::Ptr<ConfigSlateT>> tableConfigSlate_{0x27b70a85u};
+  LogVersion cleanupVersion_ = 0;
+};
+
+} // namespace Asic

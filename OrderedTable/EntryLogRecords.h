@@ -1,0 +1,153 @@
+// The persistent records of a table type's entry log, and the two
+// shared-memory entities that hold them, written once for every table family.
+//
+// ConfigSlate (one per unit, collection `swTableEntries`, 65,536 records):
+// the last committed state of every key of the unit's table.
+//
+//   ConfigSlateEntry   rsrcKeys | logEntry | pad | logVersion | isDeleted | pad
+//   ISEM2: 800 + 16 + 0 + 8 + 1 + 7 = 832 bytes; LEM: 4 + 24 + 4 + 8 + 1 + 7 = 48
+//
+// EntryLogSlate (one per table type, collection `entryLogConfig`, 1,000,000
+// records, keyed by log version): one record per logged change, until the
+// hardware has taken it. Its collection control's scratchpad holds the table
+// version, the last log version handed out.
+//
+//   LogSlateEntry      logVersion | logEntry | unitId | deleteBits | pad
+//   ISEM2: 8 + 16 + 2 + 1 + 5 = 32 bytes; LEM: 8 + 24 + 2 + 1 + 5 = 40
+//   deleteBits: 0 a write, 1 a delete of one entry, 2 a delete of the table.
+//
+// Padding fields are explicit and always zero, so checksums and equality see
+// only meaningful bytes; a default-constructed record stands for absence.
+#pragma once
+
+#include <cstdint>
+
+#include "OrderedTable/TableBinding.h"
+#include "platform/asic/Types.h"
+#include "platform/framework/Record.h"
+#include "platform/shm/Shm.h"
+
+namespace Asic {
+
+namespace detail {
+constexpr std::size_t padTo8(std::size_t n) { return (8 - n % 8) % 8; }
+} // namespace detail
+
+template <typename B> struct ConfigSlateEntry {
+  using ResourceKeys = typename B::ResourceKeys;
+  using LogEntry = typename B::LogEntry;
+
+  ResourceKeys rsrcKeys;
+  LogEntry logEntry;
+  [[no_unique_address]] Fwk::Pad<detail::padTo8(sizeof(ResourceKeys) +
+                                                sizeof(LogEntry))>
+      pad0;
+  LogVersion logVersion = 0;
+  bool isDeleted = false;
+  std::uint8_t pad1[7] = {};
+
+  bool operator==(const ConfigSlateEntry &o) const noexcept {
+    return Fwk::bytesEqual(*this, o);
+  }
+  // Equality with the default record, which stands for absence.
+  bool isEq(const ConfigSlateEntry &o) const noexcept { return *this == o; }
+  // The committed entry: its resource keys followed by its log entry.
+  typename B::Entry entry() const noexcept {
+    return B::Entry::fromParts(rsrcKeys, logEntry);
+  }
+};
+
+template <typename B> struct LogSlateEntry {
+  using LogEntry = typename B::LogEntry;
+  static constexpr std::uint8_t kEntryDelete = 1;
+  static constexpr std::uint8_t kTableDelete = 2;
+
+  LogVersion logVersion = 0;
+  LogEntry logEntry;
+  UnitId unitId = 0;
+  std::uint8_t deleteBits = 0;
+  std::uint8_t pad[detail::padTo8(sizeof(LogVersion) + sizeof(LogEntry) +
+                                  sizeof(UnitId) + 1)] = {};
+
+  bool isEntryDelete() const noexcept { return deleteBits & kEntryDelete; }
+  bool isTableDelete() const noexcept { return deleteBits & kTableDelete; }
+  bool operator==(const LogSlateEntry &o) const noexcept {
+    return Fwk::bytesEqual(*this, o);
+  }
+};
+
+template <typename B> struct ConfigSlateRecordTraits {
+  using Key = typename B::Key;
+  using Record = ConfigSlateEntry<B>;
+  static Key keyOf(const Record &r) noexcept { return r.logEntry.key; }
+  // The collection counts records marked deleted in O(1).
+  static bool flagged(const Record &r) noexcept { return r.isDeleted; }
+  static constexpr const char *kRecordName = B::kConfigSlateEntryType;
+  static constexpr std::uint32_t kRecordVersion = 1;
+};
+
+template <typename B> struct LogSlateRecordTraits {
+  using Key = LogVersion;
+  using Record = LogSlateEntry<B>;
+  static Key keyOf(const Record &r) noexcept { return r.logVersion; }
+  static bool flagged(const Record &) noexcept { return false; }
+  static constexpr const char *kRecordName = B::kLogSlateEntryType;
+  static constexpr std::uint32_t kRecordVersion = 1;
+};
+
+// One unit's configuration table.
+template <typename B> class ConfigSlate : public Shm::Entity {
+public:
+  using Traits = ConfigSlateRecordTraits<B>;
+  using Record = ConfigSlateEntry<B>;
+  using Collection = Shm::Collection<Traits>;
+  static constexpr const char *kTypeName = B::kConfigSlateType;
+  static constexpr const char *kCollection = "swTableEntries";
+  static constexpr std::uint32_t kCapacity = 65536;
+
+  static Shm::EntityLayout layout() {
+    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
+  }
+  explicit ConfigSlate(Shm::EntityInit &init)
+      : Shm::Entity(init),
+        swTableEntries_(init.template collection<Traits>(kCollection)) {}
+
+  Collection &swTableEntries() noexcept { return swTableEntries_; }
+  const Collection &swTableEntries() const noexcept { return swTableEntries_; }
+  // Inserts or replaces the record of its key.
+  void swTableEntriesIs(const Record &r) { swTableEntries_.insert(r); }
+  void swTableEntriesDel(const typename B::Key &key) {
+    swTableEntries_.erase(key);
+  }
+
+private:
+  Collection swTableEntries_;
+};
+
+// The table type's change log.
+template <typename B> class EntryLogSlate : public Shm::Entity {
+public:
+  using Traits = LogSlateRecordTraits<B>;
+  using Record = LogSlateEntry<B>;
+  using Collection = Shm::Collection<Traits>;
+  static constexpr const char *kTypeName = B::kEntryLogSlateType;
+  static constexpr const char *kCollection = "entryLogConfig";
+  static constexpr std::uint32_t kCapacity = 1000000;
+
+  static Shm::EntityLayout layout() {
+    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
+  }
+  explicit EntryLogSlate(Shm::EntityInit &init)
+      : Shm::Entity(init),
+        entryLogConfig_(init.template collection<Traits>(kCollection)) {}
+
+  Collection &entryLogConfig() noexcept { return entryLogConfig_; }
+  const Collection &entryLogConfig() const noexcept { return entryLogConfig_; }
+  void entryLogConfigIs(const Record &r) { entryLogConfig_.insert(r); }
+  void entryLogConfigDel(LogVersion v) { entryLogConfig_.erase(v); }
+
+private:
+  Collection entryLogConfig_;
+};
+
+} // namespace Asic

@@ -1,0 +1,120 @@
+#include "platform/asic/OrderedSwTable.h"
+
+namespace Asic {
+
+CanonicalTableName::CanonicalTableName(Kind kind, std::string ns,
+                                       std::string name)
+    : kind_(kind), ns_(std::move(ns)), name_(std::move(name)),
+      str_(ns_ + "::" + name_) {}
+CanonicalTableName::~CanonicalTableName() = default;
+
+Fwk::Ptr<const CanonicalTableName>
+CanonicalTableName::canonicalTableNameIs(Kind kind, std::string ns,
+                                         std::string name) {
+  return Fwk::make<CanonicalTableName>(kind, std::move(ns), std::move(name));
+}
+
+DependencyEntryHandle::~DependencyEntryHandle() = default;
+
+NeededEntry::~NeededEntry() = default;
+
+void NeededEntry::add(const TableVersion &v) { versions_.push_back(v); }
+
+void NeededEntry::add(const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
+  if (dependency) {
+    versions_.push_back(TableVersion{dependency->tableId(),
+                                     dependency->logVersion()});
+  }
+}
+
+SwTableStats::~SwTableStats() = default;
+
+SwTableBase::SwTableBase(Fwk::Ptr<const CanonicalTableName> name,
+                         SwTableId swTableId, UnitId unitId,
+                         OrderedSwTableSet *swTableSet)
+    : name_(std::move(name)), swTableId_(swTableId), unitId_(unitId),
+      swTableSet_(swTableSet) {}
+SwTableBase::~SwTableBase() = default;
+
+void SwTableBase::statsIs() {
+  stats_ = Fwk::make<SwTableStats>();
+  notify(attrStats);
+}
+
+void SwTableBase::statusIs(const Fwk::Ptr<OrderedSwTableStatus> &status) {
+  if (status_ == status) {
+    return;
+  }
+  Fwk::Ptr<OrderedSwTableStatus> old = std::move(status_);
+  status_ = status;
+  notify(attrStatus);
+}
+
+OrderedSwTable::~OrderedSwTable() = default;
+OrderedSwTable::EntryHandle::~EntryHandle() = default;
+OrderedSwTableWithMarkSweep::~OrderedSwTableWithMarkSweep() = default;
+
+OrderedSwTableStatus::~OrderedSwTableStatus() = default;
+
+void OrderedSwTableStatus::pendingHwWritesIs(bool on) {
+  if (pendingHwWrites_ == on) {
+    return;
+  }
+  pendingHwWrites_ = on;
+  notify(attrPendingHwWrites);
+}
+
+OrderedSwTableSet::OrderedSwTableSet(SwTableId tableId,
+                                     Fwk::Ptr<OrderedSwTableStatus> status)
+    : tableId_(tableId), status_(std::move(status)) {}
+
+OrderedSwTableSet::~OrderedSwTableSet() = default;
+
+Fwk::Ptr<OrderedSwTable> OrderedSwTableSet::swTable(UnitId unit) const {
+  const auto *t = tables_.find(unit);
+  return t ? *t : nullptr;
+}
+
+void OrderedSwTableSet::swTableIs(const Fwk::Ptr<OrderedSwTable> &table) {
+  if (!table) {
+    return;
+  }
+  const UnitId unit = table->unitId();
+  tables_.insert(unit, table);
+  notify(attrSwTable, unit);
+}
+
+void OrderedSwTableSet::swTableDel(UnitId unit) {
+  Fwk::Ptr<OrderedSwTable> gone;
+  if (tables_.take(unit, gone)) {
+    notify(attrSwTable, unit);
+  }
+}
+
+std::vector<Fwk::Ptr<OrderedSwTable>> OrderedSwTableSet::swTableList() const {
+  std::vector<Fwk::Ptr<OrderedSwTable>> out;
+  out.reserve(tables_.size());
+  for (auto it = tables_.begin(); it != tables_.end(); ++it) {
+    out.push_back(it.value());
+  }
+  return out;
+}
+
+void OrderedSwTableSet::maybeUpdatePendingHwWrites() {
+  ++updates_;
+  bool pending = false;
+  for (auto it = tables_.begin(); it != tables_.end() && !pending; ++it) {
+    pending = it.value()->hasPendingHwWrites();
+  }
+  if (pending != pendingHwWrites_) {
+    pendingHwWrites_ = pending;
+    notify(attrPendingHwWrites);
+  }
+  if (status_) {
+    status_->pendingHwWritesIs(pending);
+  }
+}
+
+ResolverEntry::~ResolverEntry() = default;
+
+} // namespace Asic
