@@ -36,16 +36,24 @@ void Notifier::dispatch(const Change &change) const {
   // last reference to it. A notifier that is being built or destroyed has no
   // reference to keep.
   Ptr<const Notifier> self(references() ? this : nullptr);
-  ++depth_;
+  // The walk may end by an observer's exception: the guard still closes it,
+  // so entries removed meanwhile are compacted.
+  struct Walk {
+    const Notifier &n;
+    explicit Walk(const Notifier &notifier) : n(notifier) { ++n.depth_; }
+    ~Walk() {
+      if (--n.depth_ == 0 && n.observers_.size() != n.live_) {
+        n.observers_.erase(
+            std::remove(n.observers_.begin(), n.observers_.end(), nullptr),
+            n.observers_.end());
+      }
+    }
+  } walk(*this);
   const std::size_t n = observers_.size();
   for (std::size_t i = 0; i < n; ++i) {
     if (Observer *o = observers_[i]) {
       o->onChange(*this, change);
     }
-  }
-  if (--depth_ == 0 && observers_.size() != live_) {
-    observers_.erase(std::remove(observers_.begin(), observers_.end(), nullptr),
-                     observers_.end());
   }
 }
 

@@ -159,3 +159,4 @@ TEST(AssertDeathTest, PrintsTheExpressionAndTheMessage) {
 }
 
 } // namespace
+

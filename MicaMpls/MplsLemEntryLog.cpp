@@ -1,0 +1,36 @@
+#include "MicaMpls/MplsLemEntryLog.h"
+
+namespace MicaMpls {
+
+namespace {
+// Registered when the library is loaded.
+const Asic::EntryLogMessages kMessages = Asic::registerEntryLogMessages();
+const Shm::EntityTypeRegistrar<MplsLemConfigSlate> kConfigSlateType;
+const Shm::EntityTypeRegistrar<MplsLemEntryLogSlate> kEntryLogSlateType;
+} // namespace
+
+MplsLemEntryLog::MplsLemEntryLog(
+    Asic::SwTableId tableId, const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+    const Fwk::Ptr<Asic::GroupInterface> &groupInterface, std::string agentName)
+    : OrderedEntryLog(tableId, entityManager, groupInterface,
+                      std::move(agentName), kMessages) {}
+
+MplsLemEntryLog::~MplsLemEntryLog() = default;
+
+Fwk::Ptr<MplsLemEntryLog> MplsLemEntryLog::MplsLemEntryLogIs(
+    Asic::SwTableId tableId, const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+    const Fwk::Ptr<Asic::GroupInterface> &groupInterface, std::string agentName) {
+  return Fwk::make<MplsLemEntryLog>(tableId, entityManager, groupInterface,
+                                   std::move(agentName));
+}
+
+Fwk::Ptr<MplsLemEntryLog>
+mplsLemEntryLogFactory(Asic::SwTableId tableId,
+                        const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+                        const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
+                        std::string agentName) {
+  return MplsLemEntryLog::MplsLemEntryLogIs(tableId, entityManager,
+                                            groupInterface, std::move(agentName));
+}
+
+} // namespace MicaMpls

@@ -1,0 +1,41 @@
+// The entry log of the LEM table type: the generic entry log
+// (OrderedTable/EntryLog.h) over the LEM records, and the names of its
+// shared-memory entities and records.
+#pragma once
+
+#include <string>
+
+#include "MicaMpls/Export.h"
+#include "MicaMpls/MplsLemBinding.h"
+#include "OrderedTable/EntryLog.h"
+
+namespace MicaMpls {
+
+using MplsLemConfigSlateEntry = Asic::ConfigSlateEntry<MplsLemBinding>;
+using MplsLemLogSlateEntry = Asic::LogSlateEntry<MplsLemBinding>;
+using MplsLemConfigSlate = Asic::ConfigSlate<MplsLemBinding>;
+using MplsLemEntryLogSlate = Asic::EntryLogSlate<MplsLemBinding>;
+
+class MICA_MPLS_API MplsLemEntryLog : public Asic::OrderedEntryLog<MplsLemBinding> {
+public:
+  MplsLemEntryLog(Asic::SwTableId tableId,
+                   const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+                   const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
+                   std::string agentName);
+  static Fwk::Ptr<MplsLemEntryLog>
+  MplsLemEntryLogIs(Asic::SwTableId tableId,
+                     const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+                     const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
+                     std::string agentName);
+
+protected:
+  ~MplsLemEntryLog() override;
+};
+
+MICA_MPLS_API Fwk::Ptr<MplsLemEntryLog>
+mplsLemEntryLogFactory(Asic::SwTableId tableId,
+                        const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+                        const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
+                        std::string agentName);
+
+} // namespace MicaMpls
