@@ -1,15 +1,20 @@
 // Costs of the trace facility and of key hashing:
 //   - a disabled trace whose argument would be expensive to format (one load
 //     and one bit test: the argument is never touched);
-//   - an enabled trace into a sink that drops the record (formatting a
-//     typical record: the message, then the whole line as it would be
-//     written);
+//   - an enabled trace into a sink that drops the record (formatting the
+//     message of a typical record), and the same trace written to /dev/null
+//     (the message, the whole line and its write(2));
+//   - one message into the always-on ring;
 //   - hashing an 8-byte label key, and HashMap lookups and inserts of such
 //     keys at 64K elements.
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
+
 #include <cstdint>
+#include <cstdlib>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "platform/framework/Hash.h"
@@ -105,6 +110,28 @@ void BM_TraceEnabledDevNull(benchmark::State &state) {
   Trace::configureFromEnvironment();
 }
 BENCHMARK(BM_TraceEnabledDevNull);
+
+// One message into the always-on ring (a mapped file under /tmp).
+void BM_RingWrite(benchmark::State &state) {
+  char dir[] = "/tmp/mica-bench-ring-XXXXXX";
+  if (::mkdtemp(dir) == nullptr) {
+    state.SkipWithError("mkdtemp failed");
+    return;
+  }
+  const std::string trace = std::string(dir) + "/bench.trace";
+  ::setenv("MICA_TRACE_FILE", trace.c_str(), 1);
+  Trace::configureFromEnvironment();
+  std::int64_t swept = 0;
+  for (auto _ : state) {
+    MICA_TRACE_RING("MicaMpls/BenchSwTable", "BenchSwTable", "Swept {} entries",
+                    ++swept);
+  }
+  ::unsetenv("MICA_TRACE_FILE");
+  Trace::configureFromEnvironment();
+  ::unlink((trace + ".ring").c_str());
+  ::rmdir(dir);
+}
+BENCHMARK(BM_RingWrite);
 
 // n distinct keys; different salts give disjoint sets (a multiply by an odd
 // constant is a bijection on 20-bit labels).
