@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -45,9 +46,7 @@ constexpr std::uint32_t kNoSlot = 0xffffffffu;
 
 // One mapped ring file.
 struct RingMap {
-  int fd = -1;
-  void *base = nullptr;
-  std::size_t size = 0;
+  int fd = -1; // kept open for flock(); the mapping is never undone
   dev_t dev = 0;
   ino_t ino = 0;
   rf::RingHeader *header = nullptr;
@@ -110,8 +109,9 @@ LocalDescriptor pack(std::string_view sourceUnit, int line,
   return d;
 }
 
-// What a header says, if it describes this layout. fileBytes bounds nothing
-// here: a reader accepts a file shorter than its header claims.
+// Whether a header describes this layout, its sizes within the bounds a
+// reader believes. It says nothing of the file's length: a reader accepts a
+// file shorter than its header claims, a writer does not.
 bool geometryOk(const rf::RingHeader &h) noexcept {
   return std::memcmp(h.magic, rf::kMagic, sizeof h.magic) == 0 &&
          h.version == rf::kVersion && h.headerSize == sizeof(rf::RingHeader) &&
@@ -239,8 +239,6 @@ RingMap *mapRing(const std::string &path, std::string &why) noexcept {
       } else {
         auto *bytes = static_cast<char *>(base);
         m->fd = fd;
-        m->base = base;
-        m->size = size;
         m->dev = st.st_dev;
         m->ino = st.st_ino;
         m->header = reinterpret_cast<rf::RingHeader *>(bytes);

@@ -160,8 +160,8 @@ Mask maskFor(const State &s, std::string_view name) noexcept {
 }
 
 void configureLocked(State &s) {
-  const char *spec = std::getenv("MICA_TRACE");
-  s.rules = parseRules(spec ? spec : "");
+  const char *levels = std::getenv("MICA_TRACE");
+  s.rules = parseRules(levels ? levels : "");
   for (Handle *h : s.handles) {
     h->maskIs(maskFor(s, h->name()));
   }

@@ -153,8 +153,8 @@ TEST(LevelList, ParsesNumbersRangesAllAndNoneAndRejectsTheRest) {
 }
 
 TEST_F(LevelSettings, LastMatchingEntryWinsAndStarMatchesAPrefix) {
-  EnvVar spec("MICA_TRACE",
-              "*/1; Mpls*/2 ;MplsLemSwTable/0-3,8;MplsIsem2*/none;;");
+  EnvVar levels("MICA_TRACE",
+                "*/1; Mpls*/2 ;MplsLemSwTable/0-3,8;MplsIsem2*/none;;");
   Trace::configureFromEnvironment();
   Trace::Handle lem("MplsLemSwTable");
   Trace::Handle isem("MplsIsem2SwTable");
@@ -168,15 +168,15 @@ TEST_F(LevelSettings, LastMatchingEntryWinsAndStarMatchesAPrefix) {
   EXPECT_EQ(prefixOnly.mask(), 1u << 2);
 
   // A new configuration reaches handles that already exist.
-  EnvVar respec("MICA_TRACE", "Resolver/all");
+  EnvVar newLevels("MICA_TRACE", "Resolver/all");
   Trace::configureFromEnvironment();
   EXPECT_EQ(other.mask(), 0xffff);
   EXPECT_EQ(lem.mask(), 0);
 }
 
 TEST_F(LevelSettings, BadEntriesAreReportedOnceAndTheOthersApply) {
-  EnvVar spec("MICA_TRACE",
-              "Good/3;Bad/17;NoSlash;Mid*dle/1;/2;Bad2/1-;Also/2,4");
+  EnvVar levels("MICA_TRACE",
+                "Good/3;Bad/17;NoSlash;Mid*dle/1;/2;Bad2/1-;Also/2,4");
   StderrCapture err;
   Trace::configureFromEnvironment();
   const std::string text = err.take();
@@ -201,7 +201,7 @@ TEST_F(LevelSettings, BadEntriesAreReportedOnceAndTheOthersApply) {
 }
 
 TEST_F(LevelSettings, MaskIsReachesEveryHandleOfTheNameAndLaterOnes) {
-  EnvVar spec("MICA_TRACE", "Shared*/1");
+  EnvVar levels("MICA_TRACE", "Shared*/1");
   Trace::configureFromEnvironment();
   // Two handles of one name, as a class template instantiated in two
   // modules has, and the one of the generic code.
@@ -291,7 +291,7 @@ TEST_F(FileSink, WritesOneGreppableLinePerRecord) {
   ScratchDir dir;
   const std::string path = dir.file("trace.log");
   EnvVar file("MICA_TRACE_FILE", path);
-  EnvVar spec("MICA_TRACE", "MplsIsem2SwTable/8");
+  EnvVar levels("MICA_TRACE", "MplsIsem2SwTable/8");
   Trace::configureFromEnvironment();
   Trace::Handle h("MplsIsem2SwTable");
   const CountedKey key{16};
@@ -327,7 +327,7 @@ TEST_F(FileSink, RecordsOfTwoProcessesNeverInterleaveWithinALine) {
   ScratchDir dir;
   const std::string path = dir.file("shared.log");
   EnvVar file("MICA_TRACE_FILE", path);
-  EnvVar spec("MICA_TRACE", "Writer/all");
+  EnvVar levels("MICA_TRACE", "Writer/all");
   Trace::configureFromEnvironment();
   constexpr int kRecords = 400;
   // Long records (beyond PIPE_BUF and beyond the stack buffers) of one
