@@ -5,7 +5,10 @@
 // bit N enables level N. The emitting macro tests the bit before any argument
 // is evaluated or formatted, so a disabled trace costs one load and one test:
 //
-//   Trace::Handle &th() { static Trace::Handle h("MplsIsem2EntryLog"); return h; }
+//   Trace::Handle &th() {
+//     static Trace::Handle h("MplsIsem2EntryLog");
+//     return h;
+//   }
 //   MICA_TRACE(th(), 8, "MicaMpls/MplsIsem2EntryLog", "MplsIsem2EntryLog",
 //              " unitId:{}, logVersion: {}", unitId, logVersion);
 //
@@ -19,9 +22,20 @@
 //   MICA_TRACE="MplsIsem2SwTable/0-3,8;MplsLem*/all;*/1"
 //
 // a ';'-separated list of <name pattern>/<levels>, where a pattern is a handle
-// name, optionally ending in '*', and levels are numbers and ranges (0-15) or
-// "all"; the last matching entry wins. Trace records go to stderr, or to the
-// file named by MICA_TRACE_FILE (appended, one line per record).
+// name, optionally ending in '*', and levels are numbers and ranges (0-15),
+// "all" or "none"; the last matching entry wins. An entry that does not parse
+// is reported once on stderr and ignored; the others still apply. Trace
+// records go to stderr, or to the file named by MICA_TRACE_FILE (appended,
+// one line per record, each line one write(2) so that processes sharing the
+// file never interleave within a line):
+//
+// clang-format off
+//   2026-11-22 03:04:05.123456 12345 MplsIsem2SwTable 8 MicaMpls/MplsIsem2SwTable:entryWrite:123 MplsIsem2SwTable:  key: ...
+// clang-format on
+//
+// local time with microseconds, pid, handle name, level, source unit,
+// function and line, class name (left out when empty), then the message. A
+// newline inside a message is written as "\n" so a record stays one line.
 //
 // Levels in use: 1 a failed operation, 2 lifecycle milestones, 3 decisions
 // worth seeing, 6 mark-and-sweep results, 8 entry into an operation with its
@@ -36,12 +50,21 @@
 //
 //   MICA_TRACE_RING("MicaMpls/MplsIsem2SwTable", "MplsIsem2SwTable",
 //                   "Swept {} entries", count);
+//
+// The ring file is memory-mapped, so what was written survives a crash of the
+// process; its layout and the rules for processes sharing it are in
+// RingFormat.h. Trace::readRing() (and the tools) render it back.
+//
+// Threads: handles, emit, the sink and the ring may be used from any thread.
+// Traces never throw; a formatter that throws ends the process with a message
+// naming the trace (formatFailed).
 #pragma once
 
 #include <fmt/format.h>
 
 #include <atomic>
 #include <cstdint>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,15 +106,22 @@ private:
 
 // Sets the mask of every handle of that name, now and when created later
 // (a class template instantiated in several modules has a handle in each).
+// It acts as one more MICA_TRACE entry after the others, so a name may also
+// be a pattern ending in '*'; a later maskIs of the same name replaces it.
 MICA_PLATFORM_API void maskIs(std::string_view name, Mask mask);
 // Re-reads MICA_TRACE / MICA_TRACE_FILE (for tests and tools that change
-// them at run time) and applies them to every handle.
+// them at run time) and applies them to every handle. Masks set by
+// maskIs(name, mask) before are forgotten: the environment is the whole
+// configuration again.
 MICA_PLATFORM_API void configureFromEnvironment();
-// Parses a MICA_TRACE level list ("0-3,8", "all"); false when it is not one.
+// Parses a MICA_TRACE level list ("0-3,8", "all", "none"); false when it is
+// not one (out is then left as it was).
 MICA_PLATFORM_API bool parseLevels(std::string_view text, Mask &out);
 
 // Where records go. A record sink may be installed by tests; null restores
-// the configured one (stderr or MICA_TRACE_FILE).
+// the configured one (stderr or MICA_TRACE_FILE). The views of a Record are
+// valid only during Sink::write. REQUIRES: an installed sink stays alive until
+// it has been replaced and no thread is still inside a trace call.
 struct Record {
   const Handle *handle;
   Level level;
@@ -115,19 +145,36 @@ MICA_PLATFORM_API void emit(const Handle &handle, Level level,
                             std::string_view className,
                             std::string_view message) noexcept;
 
+// Ends the process after a formatter threw inside a trace: prints what threw
+// and where the trace is, then aborts. Never returns.
+[[noreturn]] MICA_PLATFORM_API void
+formatFailed(const Handle &handle, std::string_view sourceUnit,
+             std::string_view function, int line, const char *what) noexcept;
+
 template <typename... Args>
 void emitf(const Handle &handle, Level level, std::string_view sourceUnit,
            std::string_view function, int line, std::string_view className,
            fmt::format_string<Args...> format, Args &&...args) noexcept {
-  // Traces run in no-throw context: a failing formatter ends the process.
+  // Traces run in no-throw context: a failing formatter ends the process,
+  // saying which trace it was. The message is formatted on the stack unless
+  // it is longer than the buffer's inline size.
   fmt::memory_buffer buf;
-  fmt::format_to(std::back_inserter(buf), format, std::forward<Args>(args)...);
+  try {
+    fmt::format_to(fmt::appender(buf), format, std::forward<Args>(args)...);
+  } catch (const std::exception &e) {
+    formatFailed(handle, sourceUnit, function, line, e.what());
+  } catch (...) {
+    formatFailed(handle, sourceUnit, function, line, "unknown exception");
+  }
   emit(handle, level, sourceUnit, function, line, className,
        std::string_view(buf.data(), buf.size()));
 }
 
 // The bare class name of T (no namespace, no template arguments), computed
 // at compile time: the handle name of generic code instantiated for T.
+//   bareTypeName<MicaMpls::MplsIsem2SwTable>()      == "MplsIsem2SwTable"
+//   bareTypeName<Asic::Table<MicaMpls::Key>>()      == "Table"
+//   bareTypeName<Asic::Table<MicaMpls::Key>::Row>() == "Row"
 template <typename T> constexpr std::string_view bareTypeName() noexcept {
   std::string_view p = __PRETTY_FUNCTION__;
   // g++: "... [with T = Ns::Name; std::string_view = ...]"
@@ -137,6 +184,11 @@ template <typename T> constexpr std::string_view bareTypeName() noexcept {
     return p;
   }
   p.remove_prefix(at + 4);
+  // The type ends at the first ';' or ']' outside template arguments. Its
+  // bare name starts after the last "::" (or the space after "const") outside
+  // template arguments, so that a class nested in a template instance,
+  // Outer<int>::Inner, is "Inner".
+  std::size_t start = 0;
   std::size_t end = 0;
   int depth = 0;
   for (; end < p.size(); ++end) {
@@ -145,16 +197,21 @@ template <typename T> constexpr std::string_view bareTypeName() noexcept {
       ++depth;
     } else if (c == '>') {
       --depth;
-    } else if (depth == 0 && (c == ';' || c == ']')) {
-      break;
+    } else if (depth == 0) {
+      if (c == ';' || c == ']') {
+        break;
+      }
+      if (c == ':' && end + 1 < p.size() && p[end + 1] == ':') {
+        start = end + 2;
+        ++end;
+      } else if (c == ' ') {
+        start = end + 1;
+      }
     }
   }
-  p = p.substr(0, end);
+  p = p.substr(start, end - start);
   if (const auto lt = p.find('<'); lt != std::string_view::npos) {
     p = p.substr(0, lt);
-  }
-  if (const auto colons = p.rfind("::"); colons != std::string_view::npos) {
-    p.remove_prefix(colons + 2);
   }
   return p;
 }
@@ -168,14 +225,21 @@ template <typename T> Handle &handleOf() {
 // ---- Always-on message ring ----
 
 struct MessageDescriptor {
-  std::uint32_t id; // 0 when the ring is not written (no trace file)
+  std::uint32_t id; // 0 when it could not be registered (the table is full)
 };
-// Registers a message kind. argTypes holds one type code per argument.
-MICA_PLATFORM_API MessageDescriptor
-registerMessage(std::string_view sourceUnit, int line,
-                std::string_view className, std::string_view function,
-                std::string_view format, std::string_view argTypes);
-// Appends one message with integer arguments to the ring.
+// Registers a message kind. argTypes holds one type code per argument. The
+// same descriptor registered again (another module, another call) gets the
+// same id. A descriptor is registered whether or not a trace file is
+// configured, so a call site whose first use came before the trace file was
+// configured still reaches the ring afterwards.
+MICA_PLATFORM_API MessageDescriptor registerMessage(std::string_view sourceUnit,
+                                                    int line,
+                                                    std::string_view className,
+                                                    std::string_view function,
+                                                    std::string_view format,
+                                                    std::string_view argTypes);
+// Appends one message with integer arguments (at most 4 are kept) to the
+// ring; does nothing when no trace file is configured.
 MICA_PLATFORM_API void ringWrite(const MessageDescriptor &descriptor,
                                  const std::int64_t *args,
                                  std::size_t count) noexcept;
@@ -183,9 +247,16 @@ MICA_PLATFORM_API void ringWrite(const MessageDescriptor &descriptor,
 // One message read back from the ring, rendered.
 struct RingMessage {
   std::uint64_t timeNs;
-  std::string text;
+  std::string text; // the format rendered with the arguments
+  std::uint32_t pid = 0;
+  std::string sourceUnit;
+  std::string className;
+  std::string function;
+  int line = 0;
 };
-// The messages in a ring file, oldest first (for tools and tests).
+// The messages in a ring file, oldest first (for tools and tests). A missing,
+// truncated or corrupt file yields the messages that can still be read (none
+// when the header is unusable); it never throws for what the file holds.
 MICA_PLATFORM_API std::vector<RingMessage> readRing(const std::string &path);
 
 } // namespace Trace
@@ -194,8 +265,8 @@ MICA_PLATFORM_API std::vector<RingMessage> readRing(const std::string &path);
   do {                                                                         \
     const ::Trace::Handle &mica_trace_h_ = (handle);                           \
     if (mica_trace_h_.enabled(level)) [[unlikely]] {                           \
-      ::Trace::emitf(mica_trace_h_, (level), (sourceUnit), __func__,           \
-                     __LINE__, (className), __VA_ARGS__);                      \
+      ::Trace::emitf(mica_trace_h_, (level), (sourceUnit), __func__, __LINE__, \
+                     (className), __VA_ARGS__);                                \
     }                                                                          \
   } while (0)
 
