@@ -47,7 +47,7 @@
 #include "platform/asic/OrderedSwTable.h"
 #include "platform/framework/Assert.h"
 #include "platform/framework/HashMap.h"
-#include "platform/shm/Shm.h"
+#include "platform/shm/Store.h"
 #include "platform/statedb/GenId.h"
 #include "platform/trace/Trace.h"
 

@@ -25,7 +25,7 @@
 #include "OrderedTable/TableBinding.h"
 #include "platform/asic/Types.h"
 #include "platform/framework/Record.h"
-#include "platform/shm/Shm.h"
+#include "platform/shm/Store.h"
 
 namespace Asic {
 
@@ -110,7 +110,7 @@ public:
   }
   explicit ConfigSlate(Shm::EntityInit &init)
       : Shm::Entity(init),
-        swTableEntries_(init.template collection<Traits>(kCollection)) {}
+        swTableEntries_(init, kCollection) {}
 
   Collection &swTableEntries() noexcept { return swTableEntries_; }
   const Collection &swTableEntries() const noexcept { return swTableEntries_; }
@@ -139,7 +139,7 @@ public:
   }
   explicit EntryLogSlate(Shm::EntityInit &init)
       : Shm::Entity(init),
-        entryLogConfig_(init.template collection<Traits>(kCollection)) {}
+        entryLogConfig_(init, kCollection) {}
 
   Collection &entryLogConfig() noexcept { return entryLogConfig_; }
   const Collection &entryLogConfig() const noexcept { return entryLogConfig_; }
