@@ -94,7 +94,8 @@ std::uint32_t CollectionCore::mountBegin() {
         reinterpret_cast<std::uintptr_t>(site_.slots) & ~(format::kPageSize - 1));
     const std::size_t len =
         static_cast<std::size_t>(slotAt(hw) - begin);
-    (void)::madvise(begin, len, MADV_POPULATE_WRITE);
+    // Read faults suffice: tmpfs pages map writable on a read fault.
+    (void)::madvise(begin, len, MADV_POPULATE_READ);
   }
   free_.clear();
   free_.reserve(64);

@@ -57,6 +57,9 @@
 //                       returns only whole records that were committed, but a
 //                       record changed meanwhile may show its old or new
 //                       value, or (when replaced mid-scan) be missed.
+//   forEachUnordered(f) one pass in slot order, no copies kept: for
+//                       streaming (see its comment for what a concurrent
+//                       replace does to it)
 //   countByScan         the live slots of one such scan
 // count(), flaggedCount(), the key walk, insert and erase are writer-only
 // (assertion).
@@ -225,6 +228,18 @@ protected:
   }
   std::uint32_t freshSlot();
   void growFree();
+  // Writer: starts fetching the slot the next takeSlot() returns, for
+  // writing, so that its cache lines arrive while the checksum and the index
+  // lookup run.
+  void prefetchDestination() const noexcept {
+    const std::uint32_t next = free_.empty() ? hw_ : free_.back();
+    if (next < site_.desc.slotCount) {
+      const unsigned char *s = slotAt(next);
+      for (std::uint32_t off = 0; off < site_.desc.slotSize; off += 64) {
+        __builtin_prefetch(s + off, 1);
+      }
+    }
+  }
 
   // Writer mount: the high-water mark, clamped (and reported) when it is
   // beyond the slots; prefaults the used part of the mapping.
@@ -343,10 +358,15 @@ public:
     requireWriter();
     const Key key = Traits::keyOf(r);
     const std::uint64_t h = hashBytes(&key, sizeof(Key));
+    prefetchDestination();
+    const auto p = index_.lowerBound(h, cmpTo(key));
+    if (p.found) {
+      // The old copy's seal is stored to below; fetch it meanwhile.
+      __builtin_prefetch(slotAt(index_.at(p.pos).slot), 1);
+    }
     const std::uint64_t seal = format::sealOf(nextSeq_);
     // Checksum the caller's copy while it is cache-hot.
     const std::uint64_t ck = format::recordChecksum(&r, sizeof(Record), seal);
-    const auto p = index_.lowerBound(h, cmpTo(key));
     const std::uint32_t flags = kUsed | (flaggedOf(r) ? kFlagged : 0);
     if (p.found) {
       freeRoom();
@@ -430,6 +450,37 @@ public:
          pos = index_.nextUsed(pos + 1)) {
       f(*verified(index_.at(pos)));
     }
+  }
+
+  // f(const Record &) for every live record in slot order: one pass, no
+  // allocation, the cheapest way for a reader to stream a collection. Not in
+  // the collection's order; during a replace that overlaps the pass both
+  // copies of the key (old, then new) or neither may be seen
+  // (lastScanConsistent() is false then). Reader or writer; O(slots used).
+  // Throws CorruptionError at a bad record.
+  template <typename F> void forEachUnordered(F &&f) const {
+    Record rec;
+    const std::uint64_t c0 = commitWord(); // R4
+    bool complete = true;
+    const std::uint32_t hw = readerHighWater();
+    for (std::uint32_t i = 0; i < hw; ++i) {
+      std::uint64_t seal = 0;
+      const detail::SlotRead got = detail::readSlot(slotAt(i), &rec, sizeof rec, seal);
+      if (got == detail::SlotRead::busy) {
+        complete = false;
+      } else if (got != detail::SlotRead::free && !droppedByReader(i, seal)) {
+        if (got == detail::SlotRead::bad) {
+          pending_.push_back(Pending{i, seal, Traits::keyOf(rec)});
+          throwCorrupt(i, format::sealValid(seal) ? "checksum mismatch"
+                                                  : "the seal is not valid");
+        }
+        f(static_cast<const Record &>(rec));
+      }
+    }
+    std::atomic_thread_fence(std::memory_order_acquire); // R2 for the pass
+    const std::uint64_t c1 =
+        detail::loadWord(site_.control->commitSeq, std::memory_order_relaxed);
+    lastScanConsistent_ = complete && c0 == c1 && (c0 & 1) == 0;
   }
 
   // The live slots found by one scan. Reader or writer; O(slots used).
@@ -551,6 +602,17 @@ private:
   void mountScan() {
     const std::uint32_t hw = mountBegin();
     std::uint64_t maxSeq = 0;
+    // Checked records are collected and sorted in the index order first, so
+    // that the index is then filled front to back instead of at random.
+    struct Found {
+      std::uint64_t hash;
+      std::uint64_t seq;
+      std::uint32_t slot;
+      std::uint32_t flags;
+      Key key;
+    };
+    std::vector<Found> found;
+    found.reserve(hw);
     for (std::uint32_t i = 0; i < hw; ++i) {
       unsigned char *s = slotAt(i);
       const std::uint64_t seal = sealAt(s);
@@ -570,26 +632,29 @@ private:
       const std::uint64_t seq = seal & format::kSeqMask;
       maxSeq = std::max(maxSeq, seq);
       const Key key = Traits::keyOf(*r);
-      const std::uint64_t h = hashBytes(&key, sizeof(Key));
-      const std::uint32_t flags = kUsed | (flaggedOf(*r) ? kFlagged : 0);
-      const auto p = index_.lowerBound(h, cmpTo(key));
-      if (p.found) {
+      found.push_back(Found{hashBytes(&key, sizeof(Key)), seq, i,
+                            kUsed | (flaggedOf(*r) ? kFlagged : 0), key});
+    }
+    std::sort(found.begin(), found.end(), [](const Found &a, const Found &b) {
+      if (a.hash != b.hash) {
+        return a.hash < b.hash;
+      }
+      const int c = std::memcmp(&a.key, &b.key, sizeof(Key));
+      return c != 0 ? c < 0 : a.seq > b.seq;
+    });
+    index_.reserve(found.size());
+    for (std::size_t j = 0; j < found.size(); ++j) {
+      const Found &f = found[j];
+      if (j > 0 && f.hash == found[j - 1].hash &&
+          sameKey(f.key, found[j - 1].key)) {
         // Two copies: a replace was interrupted after publishing the new
-        // copy. The newer one is the outcome of the replace.
-        Entry &e = index_.at(p.pos);
+        // copy. The newer one (sorted first) is the outcome of the replace.
         ++recovered_;
-        if (seq > (sealAt(slotAt(e.slot)) & format::kSeqMask)) {
-          mountFree(e.slot);
-          flagged_ += (flags & kFlagged ? 1 : 0) - (e.flags & kFlagged ? 1 : 0);
-          e.slot = i;
-          e.flags = flags;
-        } else {
-          mountFree(i);
-        }
+        mountFree(f.slot);
         continue;
       }
-      index_.insertNew(h, cmpTo(key), Entry{h, i, flags, key});
-      flagged_ += flags & kFlagged ? 1 : 0;
+      index_.insertNew(f.hash, cmpTo(f.key), Entry{f.hash, f.slot, f.flags, f.key});
+      flagged_ += f.flags & kFlagged ? 1 : 0;
     }
     // More records than the capacity can only come from damage; keep the
     // first ones in order.
@@ -677,6 +742,8 @@ private:
         [&] {
           items.clear();
           recs.clear();
+          items.reserve(readerHighWater());
+          recs.reserve(readerHighWater());
         },
         [&](std::uint32_t, std::uint64_t seal, const Record &r) {
           const Key k = Traits::keyOf(r);

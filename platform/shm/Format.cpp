@@ -1,6 +1,10 @@
 #include "platform/shm/Format.h"
 
 #include <fmt/format.h>
+#include <xxhash.h>
+#if defined(__x86_64__)
+#include <xxh_x86dispatch.h>
+#endif
 
 #include <cstring>
 
@@ -32,6 +36,15 @@ void computeOffsets(FileHeader &h) noexcept {
     off = roundUp(off + d.slotsBytes, kPageSize);
   }
   h.fileSize = off;
+}
+
+std::uint64_t recordChecksum(const void *record, std::size_t size,
+                             std::uint64_t seal) noexcept {
+#if defined(__x86_64__)
+  return XXH3_64bits_withSeed_dispatch(record, size, seal);
+#else
+  return XXH3_64bits_withSeed(record, size, seal);
+#endif
 }
 
 std::uint64_t headerChecksum(const FileHeader &h) noexcept {

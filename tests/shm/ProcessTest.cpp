@@ -256,6 +256,10 @@ TEST(ShmProcess, ReaderBesideARunningWriterSeesOnlyWholeWrittenRecords) {
         ++records;
       }
     }
+    s->log().forEachUnordered([&](const LogRecord &r) {
+      ASSERT_TRUE(logConsistent(r));
+      ASSERT_LE(r.value, s->small().control().scratchpad());
+    });
     BigRecord r;
     if (s->big().find(BigKey{7, 3}, r)) {
       EXPECT_TRUE(bigConsistent(r));
