@@ -70,7 +70,9 @@ constexpr std::size_t kBigSlot = 16 + sizeof(Big);
 constexpr std::size_t kLogSlot = 16 + sizeof(Log);
 constexpr std::uint64_t kLogWindow = 1024; // log records in flight
 
-std::string agent() { return "bench-shm-" + std::to_string(::getpid()); }
+std::string agent() {
+  return "bench-shm-" + std::to_string(::getpid());
+}
 
 Shm::MountInfo info() {
   Shm::MountInfo i;
@@ -299,7 +301,9 @@ void BM_ReaderScanUnordered65536(benchmark::State &state) {
   ro->close();
   state.SetItemsProcessed(state.iterations() * kBigCap);
 }
-BENCHMARK(BM_ReaderScanUnordered65536)->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_ReaderScanUnordered65536)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(10);
 
 void BM_ReaderCountByScan65536(benchmark::State &state) {
   Store &s = store();
@@ -314,7 +318,9 @@ void BM_ReaderCountByScan65536(benchmark::State &state) {
   ro->close();
   state.SetItemsProcessed(state.iterations() * kBigCap);
 }
-BENCHMARK(BM_ReaderCountByScan65536)->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_ReaderCountByScan65536)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(10);
 
 // Reading every byte of the slots once and copying them: the floor of both.
 void BM_Mount65536_Roofline(benchmark::State &state) {
@@ -326,7 +332,9 @@ void BM_Mount65536_Roofline(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * kBigCap);
 }
-BENCHMARK(BM_Mount65536_Roofline)->Unit(benchmark::kMillisecond)->Iterations(20);
+BENCHMARK(BM_Mount65536_Roofline)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(20);
 
 } // namespace
 

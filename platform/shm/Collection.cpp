@@ -22,11 +22,11 @@ CollectionCore::CollectionCore(const CollectionSite &site) : site_(site) {
 CollectionCore::~CollectionCore() = default;
 
 void CollectionCore::writerRequired() const {
-  Fwk::assertionFailed(
-      "writer()", fmt::format("collection {} of {} is {}", name(),
-                              site_.file->filePath,
-                              site_.writer ? "closed" : "read-only"),
-      __FILE__, __LINE__, __func__);
+  Fwk::assertionFailed("writer()",
+                       fmt::format("collection {} of {} is {}", name(),
+                                   site_.file->filePath,
+                                   site_.writer ? "closed" : "read-only"),
+                       __FILE__, __LINE__, __func__);
 }
 
 std::string CollectionCore::describe(std::uint32_t slot,
@@ -81,19 +81,19 @@ std::uint32_t CollectionCore::mountBegin() {
   std::uint32_t hw = static_cast<std::uint32_t>(
       std::min<std::uint64_t>(mark, site_.desc.slotCount));
   if (mark > site_.desc.slotCount) {
-    reportCorruption(describe(
-        CorruptionError::kNoSlot,
-        fmt::format("high-water mark {} beyond the {} slots; clamped", mark,
-                    site_.desc.slotCount)));
+    reportCorruption(
+        describe(CorruptionError::kNoSlot,
+                 fmt::format("high-water mark {} beyond the {} slots; clamped",
+                             mark, site_.desc.slotCount)));
     highWaterIs(*site_.control, hw);
   }
   if (hw > 0) {
     // Fault the used prefix in at once; the rest of a sparse file is left
     // alone (it may be far larger than what was ever used).
     auto *begin = reinterpret_cast<unsigned char *>(
-        reinterpret_cast<std::uintptr_t>(site_.slots) & ~(format::kPageSize - 1));
-    const std::size_t len =
-        static_cast<std::size_t>(slotAt(hw) - begin);
+        reinterpret_cast<std::uintptr_t>(site_.slots) &
+        ~(format::kPageSize - 1));
+    const std::size_t len = static_cast<std::size_t>(slotAt(hw) - begin);
     // Read faults suffice: tmpfs pages map writable on a read fault.
     (void)::madvise(begin, len, MADV_POPULATE_READ);
   }

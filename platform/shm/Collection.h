@@ -7,9 +7,10 @@
 //     using Key = MplsIsem2EntryKey;
 //     using Record = MplsIsem2ConfigSlateEntry;
 //     static Key keyOf(const Record &r) { return r.key; }
-//     static bool flagged(const Record &r) { return r.markedDeleted; } // optional
-//     static constexpr const char *kRecordName = "MicaMpls::MplsIsem2ConfigSlateEntry";
-//     static constexpr std::uint32_t kRecordVersion = 1;
+//     static bool flagged(const Record &r) { return r.markedDeleted; } //
+//     optional static constexpr const char *kRecordName =
+//     "MicaMpls::MplsIsem2ConfigSlateEntry"; static constexpr std::uint32_t
+//     kRecordVersion = 1;
 //   };
 //
 //   auto &c = slate->swTableEntries();
@@ -465,7 +466,8 @@ public:
     const std::uint32_t hw = readerHighWater();
     for (std::uint32_t i = 0; i < hw; ++i) {
       std::uint64_t seal = 0;
-      const detail::SlotRead got = detail::readSlot(slotAt(i), &rec, sizeof rec, seal);
+      const detail::SlotRead got =
+          detail::readSlot(slotAt(i), &rec, sizeof rec, seal);
       if (got == detail::SlotRead::busy) {
         complete = false;
       } else if (got != detail::SlotRead::free && !droppedByReader(i, seal)) {
@@ -486,10 +488,8 @@ public:
   // The live slots found by one scan. Reader or writer; O(slots used).
   std::size_t countByScan() const {
     std::size_t n = 0;
-    scanConsistently([&] { n = 0; },
-                     [&](std::uint32_t, std::uint64_t, const Record &) {
-                       ++n;
-                     });
+    scanConsistently([&] { n = 0; }, [&](std::uint32_t, std::uint64_t,
+                                         const Record &) { ++n; });
     return n;
   }
 
@@ -502,7 +502,9 @@ public:
         dropByReader(p.slot, p.seal);
         continue;
       }
-      requireWriter();
+      if (site_.file->closed.load(std::memory_order_relaxed)) {
+        break; // a closed handle changes nothing
+      }
       const auto pos = locate(p.key);
       if (!pos.found || index_.at(pos.pos).slot != p.slot ||
           sealAt(slotAt(p.slot)) != p.seal) {
@@ -582,7 +584,8 @@ private:
   const Record *verified(const Entry &e) const {
     const unsigned char *s = slotAt(e.slot);
     const std::uint64_t seal = sealAt(s);
-    const auto *r = reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
+    const auto *r =
+        reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
     const char *why = nullptr;
     if (!format::sealValid(seal)) {
       why = "the seal is not valid";
@@ -624,7 +627,8 @@ private:
         mountDrop(i, "the seal is not valid");
         continue;
       }
-      const auto *r = reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
+      const auto *r =
+          reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
       if (format::recordChecksum(r, sizeof(Record), seal) != checksumAt(s)) {
         mountDrop(i, "checksum mismatch");
         continue;
@@ -653,7 +657,8 @@ private:
         mountFree(f.slot);
         continue;
       }
-      index_.insertNew(f.hash, cmpTo(f.key), Entry{f.hash, f.slot, f.flags, f.key});
+      index_.insertNew(f.hash, cmpTo(f.key),
+                       Entry{f.hash, f.slot, f.flags, f.key});
       flagged_ += f.flags & kFlagged ? 1 : 0;
     }
     // More records than the capacity can only come from damage; keep the
@@ -678,8 +683,7 @@ private:
   void scanConsistently(Reset &&reset, Visit &&visit) const {
     Record rec;
     bool consistent = false;
-    for (unsigned attempt = 0; attempt < kScanTries && !consistent;
-         ++attempt) {
+    for (unsigned attempt = 0; attempt < kScanTries && !consistent; ++attempt) {
       reset();
       const std::uint64_t c0 = commitWord(); // R4
       bool complete = true;
@@ -718,15 +722,19 @@ private:
   bool scanFind(const Key &key, Record &out) const {
     bool found = false;
     std::uint64_t best = 0;
-    scanConsistently([&] { found = false; best = 0; },
-                     [&](std::uint32_t, std::uint64_t seal, const Record &r) {
-                       const std::uint64_t seq = seal & format::kSeqMask;
-                       if (sameKey(Traits::keyOf(r), key) && seq > best) {
-                         best = seq;
-                         found = true;
-                         std::memcpy(&out, &r, sizeof(Record));
-                       }
-                     });
+    scanConsistently(
+        [&] {
+          found = false;
+          best = 0;
+        },
+        [&](std::uint32_t, std::uint64_t seal, const Record &r) {
+          const std::uint64_t seq = seal & format::kSeqMask;
+          if (sameKey(Traits::keyOf(r), key) && seq > best) {
+            best = seq;
+            found = true;
+            std::memcpy(&out, &r, sizeof(Record));
+          }
+        });
     return found;
   }
 

@@ -74,7 +74,8 @@ EntityInit::EntityInit(std::shared_ptr<detail::MountedFile> file,
                        EntityLayout layout)
     : file_(std::move(file)), layout_(std::move(layout)) {}
 
-detail::CollectionSite EntityInit::site(const CollectionLayout &expected) const {
+detail::CollectionSite
+EntityInit::site(const CollectionLayout &expected) const {
   const format::FileHeader &h = file_->header;
   for (std::uint32_t i = 0; i < h.collectionCount; ++i) {
     const format::CollectionDesc &d = h.collections[i];
@@ -101,8 +102,8 @@ detail::CollectionSite EntityInit::site(const CollectionLayout &expected) const 
     s.writer = file_->writer;
     return s;
   }
-  throw LayoutError(fmt::format("{}: no collection {}", file_->filePath,
-                                expected.name));
+  throw LayoutError(
+      fmt::format("{}: no collection {}", file_->filePath, expected.name));
 }
 
 Entity::Entity(EntityInit &init) : file_(init.file()) {}

@@ -6,14 +6,15 @@
 //
 //   class MplsIsem2ConfigSlate : public Shm::Entity {
 //   public:
-//     static constexpr const char *kTypeName = "MicaMpls::MplsIsem2ConfigSlate";
-//     static Shm::EntityLayout layout() {
+//     static constexpr const char *kTypeName =
+//     "MicaMpls::MplsIsem2ConfigSlate"; static Shm::EntityLayout layout() {
 //       return Shm::EntityLayout(kTypeName)
 //           .collection<ConfigRecordTraits>("swTableEntries");
 //     }
 //     explicit MplsIsem2ConfigSlate(Shm::EntityInit &init)
 //         : Shm::Entity(init), entries_(init, "swTableEntries") {}
-//     Shm::Collection<ConfigRecordTraits> &swTableEntries() { return entries_; }
+//     Shm::Collection<ConfigRecordTraits> &swTableEntries() { return entries_;
+//     }
 //   private:
 //     Shm::Collection<ConfigRecordTraits> entries_;
 //   };

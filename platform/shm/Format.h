@@ -131,7 +131,8 @@ struct FileHeader {
   unsigned char padding[4088 - 176 - 176 * kMaxCollections];
   std::uint64_t checksum;
 };
-static_assert(sizeof(FileHeader) == kHeaderSize, "the layout above is the format");
+static_assert(sizeof(FileHeader) == kHeaderSize,
+              "the layout above is the format");
 static_assert(offsetof(FileHeader, collections) == 176);
 static_assert(offsetof(FileHeader, checksum) == 4088);
 
@@ -155,7 +156,8 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free,
               "seals and control words need lock-free 64-bit atomics");
 
 inline constexpr std::uint32_t slotSizeFor(std::uint32_t recordSize) noexcept {
-  return static_cast<std::uint32_t>(kSlotHeaderSize + ((recordSize + 7u) & ~7u));
+  return static_cast<std::uint32_t>(kSlotHeaderSize +
+                                    ((recordSize + 7u) & ~7u));
 }
 
 // The checksum of a record stored under a seal: XXH3-64 of the record bytes

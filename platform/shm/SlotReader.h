@@ -69,7 +69,7 @@ inline SlotRead readSlot(const unsigned char *slot, void *out, std::size_t size,
       return SlotRead::bad;
     }
     return format::recordChecksum(out, size, s1) == ck ? SlotRead::ok
-                                                        : SlotRead::bad;
+                                                       : SlotRead::bad;
   }
   return SlotRead::busy;
 }

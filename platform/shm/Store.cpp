@@ -28,7 +28,9 @@ constexpr const char *kCatalogNew = ".catalog.new";
 constexpr const char *kCatalogMagic = "mica-shm-catalog 1\n";
 constexpr std::size_t kMaxCatalogBytes = 16u << 20;
 
-std::string errnoText(int err) { return std::strerror(err); }
+std::string errnoText(int err) {
+  return std::strerror(err);
+}
 
 [[noreturn]] void throwSys(const std::string &what, int err) {
   throw Error(fmt::format("{}: {}", what, errnoText(err)));
@@ -388,8 +390,8 @@ void EntityManager::open() {
   const std::string inst = fmt::format("{}.{}", agentName_, instanceId_);
   Fd dir = openDir(rootFd.get(), inst, writer, directory_);
   if (!dir) {
-    throw NotFoundError(fmt::format("instance {} has no directory {}", inst,
-                                    directory_));
+    throw NotFoundError(
+        fmt::format("instance {} has no directory {}", inst, directory_));
   }
   if (writer) {
     Fd lock(::openat(dir.get(), kLockName,
@@ -506,8 +508,9 @@ void EntityManager::writeCatalog() {
   for (const std::string &p : catalog_) {
     text += p + "\n";
   }
-  text += fmt::format("end {:016x}\n", Fwk::hashBytes64(text.data(), text.size(),
-                                                        format::kHeaderSeed));
+  text +=
+      fmt::format("end {:016x}\n", Fwk::hashBytes64(text.data(), text.size(),
+                                                    format::kHeaderSeed));
   if (::unlinkat(dirFd_, kCatalogNew, 0) != 0 && errno != ENOENT) {
     throwSys("cannot remove the catalog draft of " + directory_, errno);
   }
@@ -525,35 +528,43 @@ void EntityManager::writeCatalog() {
 void EntityManager::mount(const std::string &path, const std::string &typeName,
                           const MountInfo &info) {
   if (closed_) {
-    throw Error(fmt::format("instance {}.{} is closed", agentName_, instanceId_));
+    throw Error(
+        fmt::format("instance {}.{} is closed", agentName_, instanceId_));
   }
   const std::vector<std::string> parts = splitPath(path);
   const EntityType *type = entityType(typeName);
   if (!type) {
-    throw Error(fmt::format("mount of {}: unknown entity type {}", path,
-                            typeName));
-  }
-  if (const auto it = entities_.find(path); it != entities_.end()) {
-    if (it->second->typeName() == typeName) {
-      return;
-    }
-    throw Error(fmt::format("mount of {} as {}: already mounted as {}", path,
-                            typeName, it->second->typeName()));
+    throw Error(
+        fmt::format("mount of {}: unknown entity type {}", path, typeName));
   }
   const EntityLayout layout = type->layout();
+  if (const auto it = entities_.find(path); it != entities_.end()) {
+    if (it->second->typeName() != typeName) {
+      throw Error(fmt::format("mount of {} as {}: already mounted as {}", path,
+                              typeName, it->second->typeName()));
+    }
+    const std::string diff =
+        layoutDifference(it->second->file_->header, layout, info);
+    if (!diff.empty()) {
+      throw Error(
+          fmt::format("mount of {}: already mounted, and {}", path, diff));
+    }
+    return;
+  }
   layout.validate();
   if (layout.typeName() != typeName) {
     throw Error(fmt::format("entity type {} declares its layout as {}",
                             typeName, layout.typeName()));
   }
-  const bool writer = access_ == Access::write &&
-                      info.mountType() == MountInfo::kWriterMount;
+  const bool writer =
+      access_ == Access::write && info.mountType() == MountInfo::kWriterMount;
   for (const CollectionInfo &c : info.collections()) {
     const auto &cs = layout.collections();
-    if (std::none_of(cs.begin(), cs.end(),
-                     [&](const CollectionLayout &l) { return l.name == c.name; })) {
-      throw Error(fmt::format("mount of {}: type {} has no collection {}",
-                              path, typeName, c.name));
+    if (std::none_of(cs.begin(), cs.end(), [&](const CollectionLayout &l) {
+          return l.name == c.name;
+        })) {
+      throw Error(fmt::format("mount of {}: type {} has no collection {}", path,
+                              typeName, c.name));
     }
     if (c.capacity > format::kMaxCapacity) {
       throw Error(fmt::format("mount of {}: capacity {} of {} above the "
@@ -585,7 +596,8 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
       throw PathError(fmt::format("{} is a symbolic link; refused", filePath));
     }
     if (err == EISDIR) {
-      throw PathError(fmt::format("{} is a directory, not an entity", filePath));
+      throw PathError(
+          fmt::format("{} is a directory, not an entity", filePath));
     }
     if (err != ENOENT) {
       throwSys("cannot open " + filePath, err);
@@ -602,18 +614,19 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
       throwSys("cannot stat " + filePath, errno);
     }
     if (!S_ISREG(st.st_mode)) {
-      throw PathError(fmt::format("{} is not a regular file; refused", filePath));
+      throw PathError(
+          fmt::format("{} is not a regular file; refused", filePath));
     }
     std::string why;
     bool usable = static_cast<std::uint64_t>(st.st_size) >= sizeof header;
     if (!usable) {
-      why = fmt::format("file of {} bytes is shorter than a header",
-                        st.st_size);
+      why =
+          fmt::format("file of {} bytes is shorter than a header", st.st_size);
     } else if (!readAll(fd.get(), &header, sizeof header, 0)) {
       throwSys("cannot read " + filePath, errno ? errno : EIO);
     } else {
-      usable = format::headerUsable(header, static_cast<std::uint64_t>(st.st_size),
-                                    why);
+      usable = format::headerUsable(
+          header, static_cast<std::uint64_t>(st.st_size), why);
     }
     if (!usable) {
       const std::string msg =
@@ -633,8 +646,8 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
         throw LayoutError(fmt::format("{} is not a {} of this layout: {}",
                                       filePath, typeName, diff));
       }
-      reporter().notice(fmt::format(
-          "{}: {}; recreated empty for {}, wiped", filePath, diff, typeName));
+      reporter().notice(fmt::format("{}: {}; recreated empty for {}, wiped",
+                                    filePath, diff, typeName));
       fd = Fd();
     }
     if (!fd) {
@@ -665,9 +678,9 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
   file->writer = writer;
   file->header = header;
   file->size = static_cast<std::size_t>(st.st_size);
-  void *base = ::mmap(nullptr, file->size,
-                      writer ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED,
-                      fd.get(), 0);
+  void *base =
+      ::mmap(nullptr, file->size, writer ? PROT_READ | PROT_WRITE : PROT_READ,
+             MAP_SHARED, fd.get(), 0);
   if (base == MAP_FAILED) {
     throwSys("cannot map " + filePath, errno);
   }
@@ -761,7 +774,8 @@ EntityManager::entityPaths(const std::string &basePath) const {
     return out;
   }
   struct stat st {};
-  if (::fstatat(dir.get(), parts.back().c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (::fstatat(dir.get(), parts.back().c_str(), &st, AT_SYMLINK_NOFOLLOW) !=
+      0) {
     return out;
   }
   if (S_ISREG(st.st_mode)) {

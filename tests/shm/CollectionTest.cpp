@@ -117,10 +117,49 @@ TEST(ShmCollection, OrderIsStableAndWalksResumeAfterErasedKeys) {
   auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
   auto rt = mount<Table>(ro, "t", readerInfo());
   std::vector<std::uint32_t> readerOrder;
-  rt->entries().forEach([&](const SmallRecord &r) { readerOrder.push_back(r.key); });
+  rt->entries().forEach(
+      [&](const SmallRecord &r) { readerOrder.push_back(r.key); });
   EXPECT_EQ(readerOrder, before);
   ro->close();
   em2->close();
+  // And so does a reader in another process.
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  const pid_t child = forkChild([&] {
+    auto cro = Shm::entityManager(agent, 0, Shm::Access::read);
+    auto ct = mount<Table>(cro, "t", readerInfo());
+    ct->entries().forEach([&](const SmallRecord &r) {
+      (void)!::write(fds[1], &r.key, sizeof r.key);
+    });
+  });
+  ::close(fds[1]);
+  std::vector<std::uint32_t> childOrder;
+  std::uint32_t k = 0;
+  while (::read(fds[0], &k, sizeof k) == sizeof k) {
+    childOrder.push_back(k);
+  }
+  ::close(fds[0]);
+  EXPECT_EQ(waitExit(child), 0);
+  EXPECT_EQ(childOrder, before);
+}
+
+TEST(ShmCollection, ReadersNoticeAReplacedOrRemovedFile) {
+  const std::string agent = freshAgent();
+  auto em = Shm::entityManager(agent, 0);
+  mount<Table>(em, "t", tableInfo(4))->entries().insert(SmallRecord{1, 1});
+  auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+  auto rt = mount<Table>(ro, "t", readerInfo());
+  EXPECT_FALSE(rt->stale());
+  EXPECT_THROW(em->mountGroup()->doMount("t", Table::kTypeName, tableInfo(8)),
+               Shm::Error); // mounted already, with another capacity
+  em->entityDel("t");
+  EXPECT_TRUE(rt->stale());
+  SmallRecord r;
+  EXPECT_TRUE(rt->entries().find(1, r)); // the old mapping stays readable
+  mount<Table>(em, "t", tableInfo(4));
+  EXPECT_TRUE(rt->stale());
+  ro->close();
+  em->close();
 }
 
 TEST(ShmCollection, FullCollectionRefusesNewKeysButReplaces) {
@@ -288,7 +327,8 @@ TEST(ShmWiped, LayoutChangesRecreateTheFileWiped) {
 
 TEST(ShmPaths, BadNamesAreRefusedAndCreateNothing) {
   const std::string agent = freshAgent();
-  for (const std::string bad : {"", ".", "..", "a/b", ".hidden", "a b", "a\n"}) {
+  for (const std::string bad :
+       {"", ".", "..", "a/b", ".hidden", "a b", "a\n"}) {
     EXPECT_THROW(Shm::entityManager(bad, 0), Shm::PathError) << bad;
   }
   auto em = Shm::entityManager(agent, 0);
@@ -311,14 +351,16 @@ TEST(ShmPaths, SymbolicLinksAreRefused) {
   mount<Table>(em, "real/t", tableInfo(4));
   std::filesystem::create_directory_symlink(dir + "/real", dir + "/linkdir");
   std::filesystem::create_symlink(dir + "/real/t", dir + "/real/linkfile");
-  EXPECT_THROW(em->mountGroup()->doMount("linkdir/t", Table::kTypeName, tableInfo(4)),
-               Shm::PathError);
+  EXPECT_THROW(
+      em->mountGroup()->doMount("linkdir/t", Table::kTypeName, tableInfo(4)),
+      Shm::PathError);
   EXPECT_THROW(em->mountGroup()->doMount("real/linkfile", Table::kTypeName,
                                          tableInfo(4)),
                Shm::PathError);
   auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
-  EXPECT_THROW(ro->mountGroup()->doMount("linkdir/t", Table::kTypeName, readerInfo()),
-               Shm::PathError);
+  EXPECT_THROW(
+      ro->mountGroup()->doMount("linkdir/t", Table::kTypeName, readerInfo()),
+      Shm::PathError);
   EXPECT_THROW(ro->mountGroup()->doMount("real/linkfile", Table::kTypeName,
                                          readerInfo()),
                Shm::PathError);
@@ -348,7 +390,8 @@ TEST(ShmPaths, FilesAre0600DirectoriesAre0700AndListed) {
   EXPECT_EQ(mode(dir + "/b/t1"), 0600u);
   EXPECT_EQ(mode(dir + "/.lock"), 0600u);
   EXPECT_EQ(mode(dir + "/.catalog"), 0600u);
-  EXPECT_EQ(em->entityPaths(""), (std::vector<std::string>{"a", "b/t1", "b/t2"}));
+  EXPECT_EQ(em->entityPaths(""),
+            (std::vector<std::string>{"a", "b/t1", "b/t2"}));
   EXPECT_EQ(em->entityPaths("b"), (std::vector<std::string>{"b/t1", "b/t2"}));
   EXPECT_TRUE(em->entityPaths("c").empty());
 
@@ -365,20 +408,24 @@ TEST(ShmPaths, FilesAre0600DirectoriesAre0700AndListed) {
 TEST(ShmPaths, MountErrorsAreClear) {
   const std::string agent = freshAgent();
   auto em = Shm::entityManager(agent, 0);
-  EXPECT_THROW(em->mountGroup()->doMount("t", "No::Such", tableInfo(4)), Shm::Error);
-  EXPECT_THROW(em->mountGroup()->doMount("t", Table::kTypeName, Shm::MountInfo()),
+  EXPECT_THROW(em->mountGroup()->doMount("t", "No::Such", tableInfo(4)),
                Shm::Error);
+  EXPECT_THROW(
+      em->mountGroup()->doMount("t", Table::kTypeName, Shm::MountInfo()),
+      Shm::Error);
   Shm::MountInfo extra = tableInfo(4);
   extra.collectionInfoIs("nope", 4);
-  EXPECT_THROW(em->mountGroup()->doMount("t", Table::kTypeName, extra), Shm::Error);
+  EXPECT_THROW(em->mountGroup()->doMount("t", Table::kTypeName, extra),
+               Shm::Error);
   mount<Table>(em, "t", tableInfo(4));
   EXPECT_THROW(em->mountGroup()->doMount("t", Slate::kTypeName, slateInfo()),
                Shm::Error);
   EXPECT_THROW(em->mountGroup()->doMount("t/x", Table::kTypeName, tableInfo(4)),
                Shm::PathError);
   auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
-  EXPECT_THROW(ro->mountGroup()->doMount("missing", Table::kTypeName, readerInfo()),
-               Shm::NotFoundError);
+  EXPECT_THROW(
+      ro->mountGroup()->doMount("missing", Table::kTypeName, readerInfo()),
+      Shm::NotFoundError);
   EXPECT_THROW(ro->mountGroup()->doMount("t", Slate::kTypeName, readerInfo()),
                Shm::LayoutError);
   EXPECT_THROW(Shm::entityManager(freshAgent("-none"), 0, Shm::Access::read),

@@ -20,7 +20,8 @@ format::FileHeader readHeader(const std::string &file) {
 
 // The file offset of slot `i` of collection `c`.
 std::uint64_t slotOffset(const format::FileHeader &h, int c, std::uint32_t i) {
-  return h.collections[c].slotsOffset + std::uint64_t{i} * h.collections[c].slotSize;
+  return h.collections[c].slotsOffset +
+         std::uint64_t{i} * h.collections[c].slotSize;
 }
 
 // A slate whose "big" collection holds labels 0..n-1 in slots 0..n-1.
@@ -49,11 +50,11 @@ TEST(ShmCorruption, WriterMountDropsBadSealsChecksumsAndRecordBytes) {
   const std::string agent = freshAgent();
   const std::string file = makeSlate(agent);
   const format::FileHeader h = readHeader(file);
-  flipByte(file, slotOffset(h, 0, 1) + 7, 0x01);  // seal tag byte
-  flipByte(file, slotOffset(h, 0, 2) + 0, 0x01);  // seal sequence
-  flipByte(file, slotOffset(h, 0, 3) + 9, 0x10);  // checksum
+  flipByte(file, slotOffset(h, 0, 1) + 7, 0x01);   // seal tag byte
+  flipByte(file, slotOffset(h, 0, 2) + 0, 0x01);   // seal sequence
+  flipByte(file, slotOffset(h, 0, 3) + 9, 0x10);   // checksum
   flipByte(file, slotOffset(h, 0, 4) + 500, 0x80); // record bytes
-  flipByte(file, slotOffset(h, 0, 5) + 16, 0x01); // the key itself
+  flipByte(file, slotOffset(h, 0, 5) + 16, 0x01);  // the key itself
   CaptureReporter rep;
   auto em = Shm::entityManager(agent, 0);
   auto s = mount<Slate>(em, "s", slateInfo());
@@ -272,9 +273,10 @@ TEST(ShmCorruption, RandomFlipsNeverCrashAndNeverYieldBadRecords) {
     const int flips = 1 + static_cast<int>(rng() % 6);
     for (int f = 0; f < flips; ++f) {
       // Mostly the slots; sometimes the header and control words.
-      const std::uint64_t at = rng() % 4 == 0 ? rng() % (4096 + 256)
-                                              : h.collections[0].slotsOffset +
-                                                    rng() % (usedEnd - h.collections[0].slotsOffset);
+      const std::uint64_t at =
+          rng() % 4 == 0 ? rng() % (4096 + 256)
+                         : h.collections[0].slotsOffset +
+                               rng() % (usedEnd - h.collections[0].slotsOffset);
       bytes[at] = static_cast<char>(bytes[at] ^ (1 << (rng() % 8)));
     }
     {
@@ -286,8 +288,10 @@ TEST(ShmCorruption, RandomFlipsNeverCrashAndNeverYieldBadRecords) {
       auto rs = mount<Slate>(ro, "s", readerInfo());
       for (int pass = 0; pass < 100; ++pass) {
         try {
-          rs->big().forEach([](const BigRecord &r) { ASSERT_TRUE(bigConsistent(r)); });
-          rs->log().forEach([](const LogRecord &r) { ASSERT_TRUE(logConsistent(r)); });
+          rs->big().forEach(
+              [](const BigRecord &r) { ASSERT_TRUE(bigConsistent(r)); });
+          rs->log().forEach(
+              [](const LogRecord &r) { ASSERT_TRUE(logConsistent(r)); });
           break;
         } catch (const Shm::CorruptionError &e) {
           if (e.collection() == "big") {

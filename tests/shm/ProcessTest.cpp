@@ -22,10 +22,12 @@ constexpr std::uint32_t kBigCap = 48;
 constexpr std::uint32_t kLogCap = 128;
 constexpr std::uint32_t kSmallCap = 6;
 
-Shm::MountInfo crashInfo() { return slateInfo(kBigCap, kLogCap, kSmallCap); }
+Shm::MountInfo crashInfo() {
+  return slateInfo(kBigCap, kLogCap, kSmallCap);
+}
 
 struct Op {
-  int coll;   // 0 big, 1 log, 2 small
+  int coll; // 0 big, 1 log, 2 small
   bool erase;
   std::uint64_t key;
 };
@@ -74,12 +76,14 @@ void applyToStore(Slate &s, const Op &op, std::uint64_t i) {
       break;
     }
     case 1:
-      op.erase ? void(s.log().erase(op.key)) : s.log().insert(logRecord(op.key, i));
+      op.erase ? void(s.log().erase(op.key))
+               : s.log().insert(logRecord(op.key, i));
       break;
     default:
-      op.erase ? void(s.small().erase(static_cast<std::uint32_t>(op.key)))
-               : s.small().insert(SmallRecord{static_cast<std::uint32_t>(op.key),
-                                              static_cast<std::uint32_t>(i)});
+      op.erase
+          ? void(s.small().erase(static_cast<std::uint32_t>(op.key)))
+          : s.small().insert(SmallRecord{static_cast<std::uint32_t>(op.key),
+                                         static_cast<std::uint32_t>(i)});
       break;
     }
   } catch (const Shm::CollectionFullError &) {
@@ -136,21 +140,23 @@ std::uint64_t envOr(const char *name, std::uint64_t dflt) {
 
 TEST(ShmProcess, WriterKilledAtRandomInstantsLosesNothingAndTearsNothing) {
   const std::string agent = freshAgent();
-  const std::uint64_t seed =
-      envOr("MICA_CRASH_SEED", std::random_device{}() | (std::uint64_t{std::random_device{}()} << 32));
+  const std::uint64_t seed = envOr(
+      "MICA_CRASH_SEED",
+      std::random_device{}() | (std::uint64_t{std::random_device{}()} << 32));
   const std::uint64_t rounds = envOr("MICA_CRASH_ROUNDS", 500);
   SCOPED_TRACE(testing::Message() << "replay with MICA_CRASH_SEED=" << seed);
   std::mt19937_64 rng(seed);
   State model;
-  std::uint64_t next = 0;        // the first change not known to be done
-  std::uint64_t scratchpad = 0;  // never goes backwards
+  std::uint64_t next = 0;       // the first change not known to be done
+  std::uint64_t scratchpad = 0; // never goes backwards
   std::uint64_t recovered = 0, inFlightApplied = 0;
   void *shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(shared, MAP_FAILED);
   auto *done = new (shared) std::atomic<std::uint64_t>(0);
   for (std::uint64_t round = 0; round < rounds; ++round) {
-    SCOPED_TRACE(testing::Message() << "round " << round << ", change " << next);
+    SCOPED_TRACE(testing::Message()
+                 << "round " << round << ", change " << next);
     done->store(next);
     const pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
@@ -159,8 +165,8 @@ TEST(ShmProcess, WriterKilledAtRandomInstantsLosesNothingAndTearsNothing) {
     }
     // Kill at a random instant: a quarter of the time very early (during
     // start-up and the mount scan), otherwise within 15 ms.
-    const auto delay = std::chrono::microseconds(rng() % 4 == 0 ? rng() % 400
-                                                                : rng() % 15000);
+    const auto delay =
+        std::chrono::microseconds(rng() % 4 == 0 ? rng() % 400 : rng() % 15000);
     std::this_thread::sleep_for(delay);
     ::kill(pid, SIGKILL);
     EXPECT_EQ(waitExit(pid), 128 + SIGKILL);
@@ -184,8 +190,9 @@ TEST(ShmProcess, WriterKilledAtRandomInstantsLosesNothingAndTearsNothing) {
         << "the store is neither before nor after change " << next;
     for (int c = 0; c < 3; ++c) {
       auto &coll = c == 0 ? static_cast<Shm::detail::CollectionCore &>(s->big())
-                   : c == 1 ? static_cast<Shm::detail::CollectionCore &>(s->log())
-                            : s->small();
+                   : c == 1
+                       ? static_cast<Shm::detail::CollectionCore &>(s->log())
+                       : s->small();
       recovered += coll.recoveredAtMount();
       EXPECT_EQ(coll.corruptionCount(), 0u);
     }
@@ -286,7 +293,8 @@ TEST(ShmProcess, ReaderBesideARunningWriterSeesOnlyWholeWrittenRecords) {
 
 // --- the writer lock ------------------------------------------------------
 
-TEST(ShmProcess, SecondWriterIsRefusedReadersAreNotAndTheLockDiesWithItsHolder) {
+TEST(ShmProcess,
+     SecondWriterIsRefusedReadersAreNotAndTheLockDiesWithItsHolder) {
   const std::string agent = freshAgent();
   int fds[2];
   ASSERT_EQ(::pipe(fds), 0);

@@ -179,7 +179,8 @@ Fwk::Ptr<E> mount(const Fwk::Ptr<Shm::EntityManager> &em,
 // A fresh agent name per test, its instance directory removed.
 inline std::string freshAgent(const std::string &suffix = "") {
   const auto *t = testing::UnitTest::GetInstance()->current_test_info();
-  std::string name = std::string(t->test_suite_name()) + "-" + t->name() + suffix;
+  std::string name =
+      std::string(t->test_suite_name()) + "-" + t->name() + suffix;
   for (char &c : name) {
     if (c == '/') {
       c = '-';
