@@ -68,9 +68,11 @@
 //    created complete under a temporary name and renamed into place, so a
 //    kill during creation leaves either no file or the whole one; an unusable
 //    header is recreated (wiped) rather than repaired.
-// The library above keeps its log versions consistent with this: it stores
-// the scratchpad after the record it describes, so after a crash the
-// scratchpad never names a version that two records could share.
+// A user that keeps a version number in the scratchpad stores it after the
+// record it describes; then after a crash the scratchpad never names a
+// version whose record is missing, and the next version handed out after a
+// remount (scratchpad + 1, or past the largest record found) is never one
+// that a record already carries.
 // What this does not cover: power loss or kernel crashes (files live in
 // tmpfs; nothing is synced), and a second writer that ignores the lock.
 //
