@@ -1,0 +1,786 @@
+// Shm::Collection<Traits>: a fixed-capacity keyed collection of records in a
+// mapped entity file. Users include platform/shm/Store.h.
+//
+// Traits describe the records (see RecordTraits below):
+//
+//   struct ConfigRecordTraits {
+//     using Key = MplsIsem2EntryKey;
+//     using Record = MplsIsem2ConfigSlateEntry;
+//     static Key keyOf(const Record &r) { return r.key; }
+//     static bool flagged(const Record &r) { return r.markedDeleted; } //
+//     optional static constexpr const char *kRecordName =
+//     "MicaMpls::MplsIsem2ConfigSlateEntry"; static constexpr std::uint32_t
+//     kRecordVersion = 1;
+//   };
+//
+//   auto &c = slate->swTableEntries();
+//   c.insert(rec);                               // insert or replace
+//   try {
+//     MplsIsem2ConfigSlateEntry r;
+//     if (c.find(key, r)) use(r);
+//   } catch (const Shm::CorruptionError &e) {
+//     c.doCorruptionDetected(e.what());          // reported, counted, dropped
+//   }
+//   for (auto k = c.firstKey(); k; k = c.nextKey(*k)) maybeErase(*k);
+//
+// Writer (the entity was mounted by the instance's writer). Keeps a private
+// index, rebuilt at every mount from the slots, in the order (XXH3-64 of the
+// key bytes seeded with the file's seed, then the key bytes). Costs are
+// expected O(1) unless noted.
+//   capacity, count, flaggedCount      O(1)
+//   find, findRef                      verify the record's checksum and key;
+//                                      throw CorruptionError when they fail
+//   insert                             insert or replace; a new key when
+//                                      count() == capacity() throws
+//                                      CollectionFullError and changes nothing
+//   erase                              true when the key was there
+//   firstKey, nextKey, lowerBoundKey   the order; nextKey(k) and
+//                                      lowerBoundKey(k) work whether or not k
+//                                      is present. Read the index only: never
+//                                      throw, never touch the file.
+//   forEach(f)                         f(const Record &) in order, each
+//                                      verified first (throws CorruptionError
+//                                      at a bad one, after calling f for the
+//                                      records before it)
+// Invalidation: insert, erase and doCorruptionDetected invalidate every
+// pointer returned by findRef and any forEach in progress (f must not change
+// the collection). Keys are values: a walk by firstKey/nextKey stays valid
+// across any change, and erasing the key just returned is the usual way to
+// drain a collection in order.
+//
+// Reader (mounted with Access::read, typically in another process). Keeps no
+// index; everything is a bounded scan of the slots below the high-water mark:
+//   find                O(slots used); the newest copy of the key
+//   forEach(f)          copies the live records, then calls f in the
+//                       writer's order. Tries a few times for a scan that no
+//                       change overlapped; lastScanConsistent() tells whether
+//                       it got one. A scan that overlapped changes still
+//                       returns only whole records that were committed, but a
+//                       record changed meanwhile may show its old or new
+//                       value, or (when replaced mid-scan) be missed.
+//   forEachUnordered(f) one pass in slot order, no copies kept: for
+//                       streaming (see its comment for what a concurrent
+//                       replace does to it)
+//   countByScan         the live slots of one such scan
+// count(), flaggedCount(), the key walk, insert and erase are writer-only
+// (assertion).
+//
+// Corruption: a record whose seal, checksum or key is wrong raises
+// CorruptionError naming file, collection and slot. The caller passes its
+// what() to doCorruptionDetected(), which reports it to the Reporter, counts
+// it (corruptionCount()) and drops the record: the writer frees the slot and
+// forgets the key; a reader remembers the slot and seal and treats it as
+// absent until the writer reuses the slot. Corruption found by the mount scan
+// is reported, counted and dropped directly.
+//
+// NOT thread-safe: one thread uses a collection at a time. Readers in other
+// processes are always safe.
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/Export.h"
+#include "platform/framework/Assert.h"
+#include "platform/framework/OrderedProbe.h"
+#include "platform/shm/Entity.h"
+#include "platform/shm/Errors.h"
+#include "platform/shm/Format.h"
+#include "platform/shm/SlotReader.h"
+#include "platform/shm/SlotWriter.h"
+
+namespace Shm {
+
+namespace detail {
+class CollectionCore;
+} // namespace detail
+
+// What a collection needs to know of its records. `flagged` is optional: the
+// collection keeps an O(1) count of the records it returns true for.
+template <typename T>
+concept RecordTraits = requires(const typename T::Record &r) {
+  typename T::Key;
+  { T::keyOf(r) } -> std::convertible_to<typename T::Key>;
+  { T::kRecordName } -> std::convertible_to<const char *>;
+  { T::kRecordVersion } -> std::convertible_to<std::uint32_t>;
+};
+
+// The per-collection control words in the file.
+class MICA_PLATFORM_API CollectionControl {
+public:
+  // Set when the collection was recreated empty because its contents were
+  // lost; stays set (across remounts) until clearWiped().
+  bool wiped() const noexcept {
+    return detail::loadWord(block_->wiped, std::memory_order_acquire) != 0;
+  }
+  // REQUIRES: writer.
+  void clearWiped();
+
+  // A word of the collection's owner, kept with the records. [W5/R5] The
+  // store is a release and the load an acquire: a reader that sees a value
+  // sees every change the writer made to the collection before storing it.
+  std::uint64_t scratchpad() const noexcept {
+    return detail::loadWord(block_->scratchpad, std::memory_order_acquire);
+  }
+  // REQUIRES: writer.
+  void scratchpadIs(std::uint64_t v) {
+    requireWriter();
+    detail::wordAt(block_->scratchpad).store(v, std::memory_order_release);
+  }
+
+  // The high-water mark and the commit sequence word, for tools and tests.
+  std::uint64_t highWater() const noexcept {
+    return detail::loadWord(block_->highWater, std::memory_order_acquire);
+  }
+  std::uint64_t commitSequence() const noexcept {
+    return detail::loadWord(block_->commitSeq, std::memory_order_acquire);
+  }
+
+private:
+  friend class detail::CollectionCore;
+  void requireWriter() const {
+    FWK_ASSERT_MSG(writer_ && !file_->closed.load(std::memory_order_relaxed),
+                   "shared-memory control of {} is read-only or closed",
+                   file_->filePath);
+  }
+
+  format::ControlBlock *block_ = nullptr;
+  const detail::MountedFile *file_ = nullptr;
+  bool writer_ = false;
+};
+
+namespace detail {
+
+// The part of a collection that does not depend on its record type.
+class MICA_PLATFORM_API CollectionCore {
+public:
+  CollectionCore(const CollectionCore &) = delete;
+  CollectionCore &operator=(const CollectionCore &) = delete;
+
+  const std::string &name() const noexcept { return site_.name; }
+  std::uint32_t capacity() const noexcept { return site_.desc.capacity; }
+  bool writer() const noexcept { return site_.writer; }
+  CollectionControl &control() noexcept { return control_; }
+  const CollectionControl &control() const noexcept { return control_; }
+  std::uint64_t corruptionCount() const noexcept { return corruptions_; }
+  // Duplicate copies of a key (left by a replace that a crash interrupted)
+  // that the last writer mount resolved.
+  std::uint64_t recoveredAtMount() const noexcept { return recovered_; }
+  // Reader: whether the last forEach/countByScan/find scan overlapped no
+  // change of the writer.
+  bool lastScanConsistent() const noexcept { return lastScanConsistent_; }
+
+protected:
+  explicit CollectionCore(const CollectionSite &site);
+  ~CollectionCore();
+
+  unsigned char *slotAt(std::uint32_t i) const noexcept {
+    return site_.slots + static_cast<std::size_t>(i) * site_.desc.slotSize;
+  }
+  static std::uint64_t sealAt(const unsigned char *slot) noexcept {
+    return loadWord(reinterpret_cast<const format::SlotHeader *>(slot)->seal,
+                    std::memory_order_relaxed);
+  }
+  static std::uint64_t checksumAt(const unsigned char *slot) noexcept {
+    return reinterpret_cast<const format::SlotHeader *>(slot)->checksum;
+  }
+  std::uint64_t hashBytes(const void *key, std::size_t n) const noexcept {
+    return Fwk::hashBytes64(key, n, site_.hashSeed);
+  }
+
+  void requireWriter() const {
+    if (!site_.writer || site_.file->closed.load(std::memory_order_relaxed))
+        [[unlikely]] {
+      writerRequired();
+    }
+  }
+  [[noreturn]] void writerRequired() const;
+  [[noreturn]] void throwCorrupt(std::uint32_t slot,
+                                 const std::string &detail) const;
+  [[noreturn]] void throwFull(const void *key, std::size_t keySize) const;
+  std::string describe(std::uint32_t slot, const std::string &detail) const;
+  // Reports and counts one corruption the caller deals with itself.
+  void reportCorruption(const std::string &message);
+
+  // Writer: a free slot, taken from the free list or beyond the high-water
+  // mark (after storing the mark, W1). REQUIRES: one exists, which the
+  // callers ensure from count() and the spare slot.
+  std::uint32_t takeSlot() {
+    if (!free_.empty()) [[likely]] {
+      const std::uint32_t s = free_.back();
+      free_.pop_back();
+      return s;
+    }
+    return freshSlot();
+  }
+  // Writer: makes sure one more free slot can be remembered without
+  // allocating, so nothing after a commit point can throw.
+  void freeRoom() {
+    if (free_.size() == free_.capacity()) [[unlikely]] {
+      growFree();
+    }
+  }
+  std::uint32_t freshSlot();
+  void growFree();
+  // Writer: starts fetching the slot the next takeSlot() returns, for
+  // writing, so that its cache lines arrive while the checksum and the index
+  // lookup run.
+  void prefetchDestination() const noexcept {
+    const std::uint32_t next = free_.empty() ? hw_ : free_.back();
+    if (next < site_.desc.slotCount) {
+      const unsigned char *s = slotAt(next);
+      for (std::uint32_t off = 0; off < site_.desc.slotSize; off += 64) {
+        __builtin_prefetch(s + off, 1);
+      }
+    }
+  }
+
+  // Writer mount: the high-water mark, clamped (and reported) when it is
+  // beyond the slots; prefaults the used part of the mapping.
+  std::uint32_t mountBegin();
+  // Writer mount, per slot: frees a slot whose record was dropped or lost a
+  // duplicate.
+  void mountDrop(std::uint32_t slot, const std::string &detail);
+  void mountFree(std::uint32_t slot);
+  void mountFinish(std::uint32_t hw, std::uint64_t maxSeq);
+
+  // Writer: one change, around the stores of SlotWriter.h.
+  std::uint64_t beginChange() noexcept {
+    const std::uint64_t seq = nextSeq_++;
+    detail::beginChange(*site_.control, seq);
+    return seq;
+  }
+  void endChange(std::uint64_t seq) noexcept {
+    detail::endChange(*site_.control, seq);
+  }
+
+  // Reader: whether (slot, seal) was dropped by doCorruptionDetected.
+  bool droppedByReader(std::uint32_t slot, std::uint64_t seal) const;
+  void dropByReader(std::uint32_t slot, std::uint64_t seal);
+  std::uint32_t readerHighWater() const noexcept {
+    return highWater(*site_.control, site_.desc.slotCount);
+  }
+  std::uint64_t commitWord() const noexcept {
+    return loadWord(site_.control->commitSeq, std::memory_order_acquire);
+  }
+  static constexpr unsigned kScanTries = 3;
+
+  CollectionSite site_;
+  CollectionControl control_;
+  std::uint64_t corruptions_ = 0;
+  std::uint64_t recovered_ = 0;
+  mutable bool lastScanConsistent_ = true;
+  // Writer state, rebuilt at mount.
+  std::uint32_t hw_ = 0;
+  std::uint64_t nextSeq_ = 1;
+  std::vector<std::uint32_t> free_;
+  // Reader state: slots dropped as corrupt, with the seal they had.
+  mutable std::unordered_map<std::uint32_t, std::uint64_t> dropped_;
+};
+
+} // namespace detail
+
+template <RecordTraits Traits>
+class Collection : public detail::CollectionCore {
+public:
+  using Key = typename Traits::Key;
+  using Record = typename Traits::Record;
+
+  static_assert(std::is_trivially_copyable_v<Record> &&
+                    std::is_trivially_copyable_v<Key>,
+                "records live in shared memory and are copied as bytes");
+  static_assert(std::has_unique_object_representations_v<Record> &&
+                    std::has_unique_object_representations_v<Key>,
+                "records and keys are checksummed, hashed and compared as "
+                "bytes: declare padding as explicit fields that stay zero");
+  static_assert(alignof(Record) <= 8 && alignof(Key) <= 8,
+                "records sit at 8-byte aligned offsets in the file");
+
+  // Binds the collection `name` of the entity being mounted. A writer scans
+  // the slots: checks every record, resolves duplicates left by a crash and
+  // rebuilds the index and free list. Throws LayoutError when the file's
+  // collection does not hold these records.
+  Collection(EntityInit &init, const std::string &name)
+      : CollectionCore(init.site(layoutOf(name))) {
+    if (writer()) {
+      mountScan();
+    }
+  }
+
+  static CollectionLayout layoutOf(const std::string &name) {
+    return CollectionLayout{name, Traits::kRecordName, Traits::kRecordVersion,
+                            static_cast<std::uint32_t>(sizeof(Key)),
+                            static_cast<std::uint32_t>(sizeof(Record))};
+  }
+
+  // Writer only.
+  std::size_t count() const {
+    requireView();
+    return index_.size();
+  }
+  std::size_t flaggedCount() const {
+    requireView();
+    return flagged_;
+  }
+
+  // The record of the key, copied into `out`. Throws CorruptionError when it
+  // fails its checks. Reader: a scan (see the top of the file).
+  bool find(const Key &key, Record &out) const {
+    if (!writer()) {
+      return scanFind(key, out);
+    }
+    const Record *r = findRef(key);
+    if (!r) {
+      return false;
+    }
+    std::memcpy(&out, r, sizeof(Record));
+    return true;
+  }
+
+  // Writer only: the record of the key in place, verified, or null. Valid
+  // until the next insert, erase or doCorruptionDetected.
+  const Record *findRef(const Key &key) const {
+    requireView();
+    const auto p = locate(key);
+    return p.found ? verified(index_.at(p.pos)) : nullptr;
+  }
+
+  // Inserts the record or replaces the one of its key.
+  // REQUIRES: writer. Throws CollectionFullError (nothing changed) for a new
+  // key when count() == capacity().
+  void insert(const Record &r) {
+    requireWriter();
+    const Key key = Traits::keyOf(r);
+    const std::uint64_t h = hashBytes(&key, sizeof(Key));
+    prefetchDestination();
+    const auto p = index_.lowerBound(h, cmpTo(key));
+    if (p.found) {
+      // The old copy's seal is stored to below; fetch it meanwhile.
+      __builtin_prefetch(slotAt(index_.at(p.pos).slot), 1);
+    }
+    const std::uint64_t seal = format::sealOf(nextSeq_);
+    // Checksum the caller's copy while it is cache-hot.
+    const std::uint64_t ck = format::recordChecksum(&r, sizeof(Record), seal);
+    const std::uint32_t flags = kUsed | (flaggedOf(r) ? kFlagged : 0);
+    if (p.found) {
+      freeRoom();
+      const std::uint32_t slot = takeSlot();
+      unsigned char *s = slotAt(slot);
+      const std::uint64_t seq = beginChange();
+      detail::writeRecord(s, &r, sizeof(Record), ck);
+      detail::publish(s, seal);
+      Entry &e = index_.at(p.pos);
+      detail::unpublish(slotAt(e.slot));
+      endChange(seq);
+      free_.push_back(e.slot);
+      flagged_ += (flags & kFlagged ? 1 : 0) - (e.flags & kFlagged ? 1 : 0);
+      e.slot = slot;
+      e.flags = flags;
+      return;
+    }
+    if (index_.size() >= capacity()) {
+      throwFull(&key, sizeof(Key));
+    }
+    freeRoom();
+    const std::uint32_t slot = takeSlot();
+    try {
+      index_.insertNew(h, cmpTo(key), Entry{h, slot, flags, key});
+    } catch (...) {
+      free_.push_back(slot);
+      throw;
+    }
+    unsigned char *s = slotAt(slot);
+    const std::uint64_t seq = beginChange();
+    detail::writeRecord(s, &r, sizeof(Record), ck);
+    detail::publish(s, seal);
+    endChange(seq);
+    flagged_ += flags & kFlagged ? 1 : 0;
+  }
+
+  // Removes the key's record. True when it was there. REQUIRES: writer.
+  bool erase(const Key &key) {
+    requireWriter();
+    const auto p = locate(key);
+    if (!p.found) {
+      return false;
+    }
+    freeRoom();
+    Entry &e = index_.at(p.pos);
+    const std::uint32_t slot = e.slot;
+    const std::uint64_t seq = beginChange();
+    detail::unpublish(slotAt(slot));
+    endChange(seq);
+    free_.push_back(slot);
+    flagged_ -= e.flags & kFlagged ? 1 : 0;
+    index_.eraseAt(p.pos);
+    maybeShrink();
+    return true;
+  }
+
+  // The order. Writer only.
+  std::optional<Key> firstKey() const {
+    requireView();
+    return keyAt(index_.nextUsed(0));
+  }
+  // The first key after `key` in the order, present or not.
+  std::optional<Key> nextKey(const Key &key) const {
+    requireView();
+    const auto p = locate(key);
+    return keyAt(index_.nextUsed(p.found ? p.pos + 1 : p.pos));
+  }
+  // `key` when present, else the first key after it.
+  std::optional<Key> lowerBoundKey(const Key &key) const {
+    requireView();
+    return keyAt(index_.nextUsed(locate(key).pos));
+  }
+
+  // f(const Record &) for every record, in order.
+  template <typename F> void forEach(F &&f) const {
+    if (!writer()) {
+      scanForEach(f);
+      return;
+    }
+    for (std::size_t pos = index_.nextUsed(0); pos != Array::npos;
+         pos = index_.nextUsed(pos + 1)) {
+      f(*verified(index_.at(pos)));
+    }
+  }
+
+  // f(const Record &) for every live record in slot order: one pass, no
+  // allocation, the cheapest way for a reader to stream a collection. Not in
+  // the collection's order; during a replace that overlaps the pass both
+  // copies of the key (old, then new) or neither may be seen
+  // (lastScanConsistent() is false then). Reader or writer; O(slots used).
+  // Throws CorruptionError at a bad record.
+  template <typename F> void forEachUnordered(F &&f) const {
+    Record rec;
+    const std::uint64_t c0 = commitWord(); // R4
+    bool complete = true;
+    const std::uint32_t hw = readerHighWater();
+    for (std::uint32_t i = 0; i < hw; ++i) {
+      std::uint64_t seal = 0;
+      const detail::SlotRead got =
+          detail::readSlot(slotAt(i), &rec, sizeof rec, seal);
+      if (got == detail::SlotRead::busy) {
+        complete = false;
+      } else if (got != detail::SlotRead::free && !droppedByReader(i, seal)) {
+        if (got == detail::SlotRead::bad) {
+          pending_.push_back(Pending{i, seal, Traits::keyOf(rec)});
+          throwCorrupt(i, format::sealValid(seal) ? "checksum mismatch"
+                                                  : "the seal is not valid");
+        }
+        f(static_cast<const Record &>(rec));
+      }
+    }
+    std::atomic_thread_fence(std::memory_order_acquire); // R2 for the pass
+    const std::uint64_t c1 =
+        detail::loadWord(site_.control->commitSeq, std::memory_order_relaxed);
+    lastScanConsistent_ = complete && c0 == c1 && (c0 & 1) == 0;
+  }
+
+  // The live slots found by one scan. Reader or writer; O(slots used).
+  std::size_t countByScan() const {
+    std::size_t n = 0;
+    scanConsistently([&] { n = 0; }, [&](std::uint32_t, std::uint64_t,
+                                         const Record &) { ++n; });
+    return n;
+  }
+
+  // Reports `message`, counts it, and drops every record whose failed check
+  // raised a CorruptionError since the last call.
+  void doCorruptionDetected(const std::string &message) {
+    reportCorruption(message);
+    for (const Pending &p : pending_) {
+      if (!writer()) {
+        dropByReader(p.slot, p.seal);
+        continue;
+      }
+      if (site_.file->closed.load(std::memory_order_relaxed)) {
+        break; // a closed handle changes nothing
+      }
+      const auto pos = locate(p.key);
+      if (!pos.found || index_.at(pos.pos).slot != p.slot ||
+          sealAt(slotAt(p.slot)) != p.seal) {
+        continue; // already dropped or changed since
+      }
+      freeRoom();
+      const std::uint64_t seq = beginChange();
+      detail::unpublish(slotAt(p.slot));
+      endChange(seq);
+      free_.push_back(p.slot);
+      flagged_ -= index_.at(pos.pos).flags & kFlagged ? 1 : 0;
+      index_.eraseAt(pos.pos);
+    }
+    pending_.clear();
+  }
+
+private:
+  static constexpr std::uint32_t kUsed = 1;
+  static constexpr std::uint32_t kFlagged = 2;
+
+  struct Entry {
+    std::uint64_t hash = 0;
+    std::uint32_t slot = 0;
+    std::uint32_t flags = 0;
+    Key key{};
+  };
+  struct Ops {
+    using Hash = std::uint64_t;
+    static bool used(const Entry &e) noexcept { return e.flags & kUsed; }
+    static Hash hashOf(const Entry &e) noexcept { return e.hash; }
+    static void vacate(Entry &e) noexcept { e.flags = 0; }
+  };
+  using Array = Fwk::detail::OrderedProbeArray<Entry, Ops>;
+
+  struct Pending {
+    std::uint32_t slot;
+    std::uint64_t seal;
+    Key key;
+  };
+
+  static bool flaggedOf(const Record &r) {
+    if constexpr (requires { Traits::flagged(r); }) {
+      return Traits::flagged(r);
+    } else {
+      return false;
+    }
+  }
+  static bool sameKey(const Key &a, const Key &b) noexcept {
+    return std::memcmp(&a, &b, sizeof(Key)) == 0;
+  }
+  static auto cmpTo(const Key &key) noexcept {
+    return [&key](const Entry &e) {
+      return std::memcmp(&e.key, &key, sizeof(Key));
+    };
+  }
+  typename Array::Pos locate(const Key &key) const {
+    return index_.lowerBound(hashBytes(&key, sizeof(Key)), cmpTo(key));
+  }
+  std::optional<Key> keyAt(std::size_t pos) const {
+    if (pos == Array::npos) {
+      return std::nullopt;
+    }
+    return index_.at(pos).key;
+  }
+  void requireView() const {
+    FWK_ASSERT_MSG(writer(),
+                   "collection {} of {}: only the writer keeps an index",
+                   name(), site_.file->filePath);
+  }
+  void maybeShrink() {
+    if (index_.slots() > 4096 && index_.size() * 16 < index_.slots()) {
+      index_.shrinkToFit();
+    }
+  }
+
+  // Writer: the record of an index entry, checked in place.
+  const Record *verified(const Entry &e) const {
+    const unsigned char *s = slotAt(e.slot);
+    const std::uint64_t seal = sealAt(s);
+    const auto *r =
+        reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
+    const char *why = nullptr;
+    if (!format::sealValid(seal)) {
+      why = "the seal is not valid";
+    } else if (format::recordChecksum(r, sizeof(Record), seal) !=
+               checksumAt(s)) {
+      why = "checksum mismatch";
+    } else if (!sameKey(Traits::keyOf(*r), e.key)) {
+      why = "the record's key is not the key it is indexed under";
+    }
+    if (why) [[unlikely]] {
+      pending_.push_back(Pending{e.slot, seal, e.key});
+      throwCorrupt(e.slot, why);
+    }
+    return r;
+  }
+
+  void mountScan() {
+    const std::uint32_t hw = mountBegin();
+    std::uint64_t maxSeq = 0;
+    // Checked records are collected and sorted in the index order first, so
+    // that the index is then filled front to back instead of at random.
+    struct Found {
+      std::uint64_t hash;
+      std::uint64_t seq;
+      std::uint32_t slot;
+      std::uint32_t flags;
+      Key key;
+    };
+    std::vector<Found> found;
+    found.reserve(hw);
+    for (std::uint32_t i = 0; i < hw; ++i) {
+      unsigned char *s = slotAt(i);
+      const std::uint64_t seal = sealAt(s);
+      if (seal == 0) {
+        mountFree(i);
+        continue;
+      }
+      if (!format::sealValid(seal)) {
+        mountDrop(i, "the seal is not valid");
+        continue;
+      }
+      const auto *r =
+          reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
+      if (format::recordChecksum(r, sizeof(Record), seal) != checksumAt(s)) {
+        mountDrop(i, "checksum mismatch");
+        continue;
+      }
+      const std::uint64_t seq = seal & format::kSeqMask;
+      maxSeq = std::max(maxSeq, seq);
+      const Key key = Traits::keyOf(*r);
+      found.push_back(Found{hashBytes(&key, sizeof(Key)), seq, i,
+                            kUsed | (flaggedOf(*r) ? kFlagged : 0), key});
+    }
+    std::sort(found.begin(), found.end(), [](const Found &a, const Found &b) {
+      if (a.hash != b.hash) {
+        return a.hash < b.hash;
+      }
+      const int c = std::memcmp(&a.key, &b.key, sizeof(Key));
+      return c != 0 ? c < 0 : a.seq > b.seq;
+    });
+    index_.reserve(found.size());
+    for (std::size_t j = 0; j < found.size(); ++j) {
+      const Found &f = found[j];
+      if (j > 0 && f.hash == found[j - 1].hash &&
+          sameKey(f.key, found[j - 1].key)) {
+        // Two copies: a replace was interrupted after publishing the new
+        // copy. The newer one (sorted first) is the outcome of the replace.
+        ++recovered_;
+        mountFree(f.slot);
+        continue;
+      }
+      index_.insertNew(f.hash, cmpTo(f.key),
+                       Entry{f.hash, f.slot, f.flags, f.key});
+      flagged_ += f.flags & kFlagged ? 1 : 0;
+    }
+    // More records than the capacity can only come from damage; keep the
+    // first ones in order.
+    while (index_.size() > capacity()) {
+      std::size_t last = Array::npos;
+      for (std::size_t pos = index_.nextUsed(0); pos != Array::npos;
+           pos = index_.nextUsed(pos + 1)) {
+        last = pos;
+      }
+      const Entry &e = index_.at(last);
+      flagged_ -= e.flags & kFlagged ? 1 : 0;
+      mountDrop(e.slot, "more records than the capacity");
+      index_.eraseAt(last);
+    }
+    mountFinish(hw, maxSeq);
+  }
+
+  // Reader scans. `reset()` runs before each attempt, `visit(slot, seal,
+  // record)` for each live record. Throws CorruptionError at a bad record.
+  template <typename Reset, typename Visit>
+  void scanConsistently(Reset &&reset, Visit &&visit) const {
+    Record rec;
+    bool consistent = false;
+    for (unsigned attempt = 0; attempt < kScanTries && !consistent; ++attempt) {
+      reset();
+      const std::uint64_t c0 = commitWord(); // R4
+      bool complete = true;
+      const std::uint32_t hw = readerHighWater();
+      for (std::uint32_t i = 0; i < hw; ++i) {
+        std::uint64_t seal = 0;
+        switch (detail::readSlot(slotAt(i), &rec, sizeof rec, seal)) {
+        case detail::SlotRead::free:
+          continue;
+        case detail::SlotRead::busy:
+          complete = false;
+          continue;
+        case detail::SlotRead::bad:
+          if (droppedByReader(i, seal)) {
+            continue;
+          }
+          pending_.push_back(Pending{i, seal, Traits::keyOf(rec)});
+          throwCorrupt(i, format::sealValid(seal) ? "checksum mismatch"
+                                                  : "the seal is not valid");
+        case detail::SlotRead::ok:
+          if (droppedByReader(i, seal)) {
+            continue;
+          }
+          visit(i, seal, static_cast<const Record &>(rec));
+          continue;
+        }
+      }
+      std::atomic_thread_fence(std::memory_order_acquire); // R2 for the scan
+      const std::uint64_t c1 =
+          detail::loadWord(site_.control->commitSeq, std::memory_order_relaxed);
+      consistent = complete && c0 == c1 && (c0 & 1) == 0;
+    }
+    lastScanConsistent_ = consistent;
+  }
+
+  bool scanFind(const Key &key, Record &out) const {
+    bool found = false;
+    std::uint64_t best = 0;
+    scanConsistently(
+        [&] {
+          found = false;
+          best = 0;
+        },
+        [&](std::uint32_t, std::uint64_t seal, const Record &r) {
+          const std::uint64_t seq = seal & format::kSeqMask;
+          if (sameKey(Traits::keyOf(r), key) && seq > best) {
+            best = seq;
+            found = true;
+            std::memcpy(&out, &r, sizeof(Record));
+          }
+        });
+    return found;
+  }
+
+  template <typename F> void scanForEach(F &f) const {
+    struct Item {
+      std::uint64_t hash;
+      std::uint64_t seq;
+      std::uint32_t at;
+    };
+    std::vector<Item> items;
+    std::vector<Record> recs;
+    scanConsistently(
+        [&] {
+          items.clear();
+          recs.clear();
+          items.reserve(readerHighWater());
+          recs.reserve(readerHighWater());
+        },
+        [&](std::uint32_t, std::uint64_t seal, const Record &r) {
+          const Key k = Traits::keyOf(r);
+          items.push_back(Item{hashBytes(&k, sizeof(Key)),
+                               seal & format::kSeqMask,
+                               static_cast<std::uint32_t>(recs.size())});
+          recs.push_back(r);
+        });
+    auto keyOfItem = [&](const Item &i) { return Traits::keyOf(recs[i.at]); };
+    std::sort(items.begin(), items.end(), [&](const Item &a, const Item &b) {
+      if (a.hash != b.hash) {
+        return a.hash < b.hash;
+      }
+      const Key ka = keyOfItem(a), kb = keyOfItem(b);
+      const int c = std::memcmp(&ka, &kb, sizeof(Key));
+      return c != 0 ? c < 0 : a.seq > b.seq;
+    });
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      if (i > 0 && items[i].hash == items[i - 1].hash &&
+          sameKey(keyOfItem(items[i]), keyOfItem(items[i - 1]))) {
+        continue; // an older copy of a key being replaced
+      }
+      f(static_cast<const Record &>(recs[items[i].at]));
+    }
+  }
+
+  Array index_;
+  std::size_t flagged_ = 0;
+  mutable std::vector<Pending> pending_;
+};
+
+} // namespace Shm

@@ -1,0 +1,231 @@
+// The shared-memory record store: fixed-capacity keyed collections of
+// records in memory-mapped files that outlive the writer process, read by
+// other processes without locks.
+//
+//   auto em = Shm::entityManager("mplsAgent", 0);            // takes the
+//   writer lock Shm::MountInfo info; info.collectionInfoIs("swTableEntries",
+//   65536); em->mountGroup()->doMount("isem2/slate/unit0",
+//   MplsIsem2ConfigSlate::kTypeName, info); auto slate =
+//   Fwk::ptrCast<MplsIsem2ConfigSlate>(em->entity("isem2/slate/unit0"));
+//   slate->swTableEntries().insert(rec);
+//
+//   // another process:
+//   auto ro = Shm::entityManager("mplsAgent", 0, Shm::Access::read);
+//   ro->mountGroup()->doMount("isem2/slate/unit0",
+//   MplsIsem2ConfigSlate::kTypeName,
+//                             Shm::MountInfo(Shm::MountInfo::kReaderMount));
+//
+// Files. An instance (agent name, instance id) owns the directory
+// <root>/<agentName>.<instanceId>/, where <root> is $MICA_SHM_ROOT or
+// /dev/shm/mica-mpls. Each entity path "a/b/c" is the file a/b/c below it
+// (directories 0700, files 0600). The root itself is the operator's choice
+// and is opened as given; below it every component is opened on its own with
+// O_NOFOLLOW, so a symbolic link anywhere in the instance directory is
+// refused. Names starting with '.' belong to the store: ".lock" (the writer
+// lock, holding the writer's pid), ".catalog" (every entity path ever
+// created here) and ".<name>.new" (a file being created). The layout of an
+// entity file is in Format.h.
+//
+// Processes. One writer per instance: the writer handle holds an exclusive
+// flock on .lock for its life (released by close() or by the process's
+// death, however it dies). A second writer, in another process or through
+// another handle of this process, gets LockedError. A forked child inherits
+// the lock with the open file, so fork a writer only while this process has
+// no writer handle open. Readers take no lock, map files read-only and never
+// write; see SlotReader.h for how they read.
+//
+// Crash consistency. The writer may be killed at any instruction; a remount
+// must find every record as it was before the interrupted change or as after
+// it, never torn, and everything committed before it. Why it does:
+//
+// 1. Nothing the mount relies on is a summary. Counts, the free list and the
+//    index live only in the writer's memory and are rebuilt from the slots at
+//    every mount. The only summary word in the file, the high-water mark, is
+//    bumped before a slot beyond it is first written (W1 before W3), so every
+//    slot ever published lies below it; a mark beyond the slot count is
+//    clamped.
+// 2. A record is committed by one aligned 8-byte store, its seal (W3). The
+//    bytes and the checksum are written before it, into a slot whose seal is
+//    0, which the mount treats as free whatever the bytes hold. So a kill
+//    before the seal store leaves the slot free (the state before an
+//    insert); a kill after it leaves the whole record (the state after).
+// 3. A replace publishes the new copy in a spare slot first and frees the old
+//    one (seal 0) only after. A kill between the two leaves two copies of the
+//    key; their sequence numbers tell which is newer, and the mount keeps it
+//    and frees the other: the state after the replace. The array has
+//    capacity + 1 slots, so that spare always exists, even when full.
+// 4. An erase is one store of 0 into the seal.
+// 5. The checksum is seeded with the seal, so a seal can only vouch for the
+//    bytes written for it: a kill can never pair a new seal with older bytes
+//    without the mount seeing a mismatch (which it reports as corruption; a
+//    crash alone never produces one).
+// 6. Sequence numbers only grow, also across restarts: the mount starts after
+//    the largest of the seals it finds and of the commit word (W4), which
+//    records the sequence number of every change, erases included. So a
+//    newer copy always has the larger number, and a seal value never repeats
+//    in a slot (which the lock-free readers rely on).
+// 7. The scratchpad and the wiped flag are single 8-byte words. A file is
+//    created complete under a temporary name and renamed into place, so a
+//    kill during creation leaves either no file or the whole one; an unusable
+//    header is recreated (wiped) rather than repaired.
+// A user that keeps a version number in the scratchpad stores it after the
+// record it describes; then after a crash the scratchpad never names a
+// version whose record is missing, and the next version handed out after a
+// remount (scratchpad + 1, or past the largest record found) is never one
+// that a record already carries.
+// What this does not cover: power loss or kernel crashes (files live in
+// tmpfs; nothing is synced), and a second writer that ignores the lock.
+//
+// Wiped. A collection whose contents were lost is recreated empty with its
+// wiped flag set (CollectionControl::wiped) until clearWiped(): when its file
+// is missing though the instance's catalog says it was created before, or
+// when the file's header is unusable or of another layout (type, record
+// names, versions or sizes, collection names, capacities). A fresh instance
+// directory starts with nothing wiped.
+//
+// Threads: a handle and its entities are used by one thread at a time. The
+// process registry (entityManager) may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/Export.h"
+#include "platform/framework/Object.h"
+#include "platform/shm/Collection.h"
+#include "platform/shm/Entity.h"
+#include "platform/shm/Errors.h"
+
+namespace Shm {
+
+// $MICA_SHM_ROOT, or /dev/shm/mica-mpls when it is unset or empty.
+MICA_PLATFORM_API std::string rootDirectory();
+
+// Throws PathError unless `name` is a valid path component: non-empty, at
+// most 255 bytes, only [A-Za-z0-9._:-], not starting with '.'.
+MICA_PLATFORM_API void validateComponent(const std::string &name);
+// Throws PathError unless every '/'-separated component of `path` is valid.
+MICA_PLATFORM_API std::vector<std::string> splitPath(const std::string &path);
+
+struct CollectionInfo {
+  std::string name;
+  std::uint32_t capacity = 0;
+};
+
+// What a mount needs besides the type: the capacity of every collection.
+class MICA_PLATFORM_API MountInfo {
+public:
+  static constexpr std::uint32_t kWriterMount = 0;
+  // A read-only mount, also through a writer handle. Capacities are taken
+  // from the file (any given here must match it).
+  static constexpr std::uint32_t kReaderMount = 1;
+
+  explicit MountInfo(std::uint32_t mountType = kWriterMount)
+      : mountType_(mountType) {}
+
+  std::uint32_t mountType() const noexcept { return mountType_; }
+  void collectionInfoIs(const std::string &name, std::uint32_t capacity);
+  // 0 when not given.
+  std::uint32_t capacity(const std::string &name) const;
+  const std::vector<CollectionInfo> &collections() const noexcept {
+    return collections_;
+  }
+
+private:
+  std::uint32_t mountType_;
+  std::vector<CollectionInfo> collections_;
+};
+
+class EntityManager;
+
+// A set of mounts made together and unmounted together.
+class MICA_PLATFORM_API MountGroup : public Fwk::Object {
+public:
+  // Opens the entity file at `path` (creating it, or recreating it empty and
+  // wiped, as the top of this file says), builds the entity of the
+  // registered type `typeName` over it and registers it with the manager.
+  // Mounting a path that is already mounted with the same type does nothing.
+  // Throws PathError, LayoutError, NotFoundError (readers), CorruptionError
+  // (readers, unusable header) or Error (unknown type, missing or invalid
+  // capacity, another type mounted at the path, a failed system call).
+  void doMount(const std::string &path, const std::string &typeName,
+               const MountInfo &info);
+  // Unmounts every entity this group mounted.
+  void doClose();
+
+  const std::vector<std::string> &paths() const noexcept { return paths_; }
+
+private:
+  friend class EntityManager;
+  explicit MountGroup(EntityManager *manager);
+  ~MountGroup() override;
+
+  Fwk::Ptr<EntityManager> manager_;
+  std::vector<std::string> paths_;
+};
+
+// The process's handle of one instance directory.
+class MICA_PLATFORM_API EntityManager : public Fwk::Object {
+public:
+  const std::string &agentName() const noexcept { return agentName_; }
+  std::uint32_t instanceId() const noexcept { return instanceId_; }
+  const std::string &directory() const noexcept { return directory_; }
+  Access access() const noexcept { return access_; }
+  bool closed() const noexcept { return closed_; }
+
+  Fwk::Ptr<MountGroup> mountGroup();
+  // The mounted entity at `path`, or null.
+  Fwk::Ptr<Entity> entity(const std::string &path) const;
+  // The entity files on disk at or below `basePath` ("" for all), as entity
+  // paths, each directory's entries in sorted order.
+  std::vector<std::string> entityPaths(const std::string &basePath) const;
+  // Unmounts the entity, removes it from the catalog and deletes its file.
+  // REQUIRES: writer.
+  void entityDel(const std::string &path);
+  // Unmounts everything, releases the writer lock and forgets this handle in
+  // the process registry; a later entityManager() opens the instance anew.
+  // Entities still held afterwards keep reading their mapping but refuse
+  // every change.
+  void close();
+
+private:
+  friend class MountGroup;
+  friend Fwk::Ptr<EntityManager> entityManager(const std::string &,
+                                               std::uint32_t, Access);
+  EntityManager(std::string agentName, std::uint32_t instanceId,
+                std::string directory, Access access);
+  ~EntityManager() override;
+
+  void open();
+  void mount(const std::string &path, const std::string &typeName,
+             const MountInfo &info);
+  void unmount(const std::string &path);
+  int walkToParent(const std::vector<std::string> &parts, bool create) const;
+  void readCatalog();
+  void writeCatalog();
+
+  std::string agentName_;
+  std::uint32_t instanceId_;
+  std::string directory_;
+  Access access_;
+  bool closed_ = false;
+  int dirFd_ = -1;
+  int lockFd_ = -1;
+  std::set<std::string> catalog_;
+  bool catalogLost_ = false;
+  std::map<std::string, Fwk::Ptr<Entity>> entities_;
+};
+
+// The process's handle of the instance, opened on first use and the same
+// object until close(). Access::write takes the writer lock (LockedError when
+// another writer holds it) and creates the instance directory when needed;
+// Access::read needs it to exist (NotFoundError). A process may hold a
+// writer and a reader handle of one instance at once.
+MICA_PLATFORM_API Fwk::Ptr<EntityManager>
+entityManager(const std::string &agentName, std::uint32_t instanceId,
+              Access access = Access::write);
+
+} // namespace Shm

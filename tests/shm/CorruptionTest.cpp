@@ -1,0 +1,377 @@
+// Damaged bytes: every kind is reported, counted and read as absent, by the
+// writer's mount, by the writer's reads and by readers, and nothing crashes.
+#include <fstream>
+#include <random>
+
+#include "ShmTestTypes.h"
+#include "platform/shm/Format.h"
+
+using namespace ShmTest;
+namespace format = Shm::format;
+
+namespace {
+
+format::FileHeader readHeader(const std::string &file) {
+  format::FileHeader h{};
+  std::ifstream in(file, std::ios::binary);
+  in.read(reinterpret_cast<char *>(&h), sizeof h);
+  return h;
+}
+
+// The file offset of slot `i` of collection `c`.
+std::uint64_t slotOffset(const format::FileHeader &h, int c, std::uint32_t i) {
+  return h.collections[c].slotsOffset +
+         std::uint64_t{i} * h.collections[c].slotSize;
+}
+
+// A slate whose "big" collection holds labels 0..n-1 in slots 0..n-1.
+std::string makeSlate(const std::string &agent, std::uint32_t n = 8) {
+  auto em = Shm::entityManager(agent, 0);
+  auto s = mount<Slate>(em, "s", slateInfo());
+  for (std::uint32_t l = 0; l < n; ++l) {
+    s->big().insert(bigRecord(l, l + 100));
+    s->log().insert(logRecord(l + 1, l));
+  }
+  const std::string file = s->fileName();
+  em->close();
+  return file;
+}
+
+std::set<std::uint32_t> labels(Shm::Collection<BigTraits> &c) {
+  std::set<std::uint32_t> out;
+  c.forEach([&](const BigRecord &r) {
+    EXPECT_TRUE(bigConsistent(r));
+    out.insert(r.key.label);
+  });
+  return out;
+}
+
+TEST(ShmCorruption, WriterMountDropsBadSealsChecksumsAndRecordBytes) {
+  const std::string agent = freshAgent();
+  const std::string file = makeSlate(agent);
+  const format::FileHeader h = readHeader(file);
+  flipByte(file, slotOffset(h, 0, 1) + 7, 0x01);   // seal tag byte
+  flipByte(file, slotOffset(h, 0, 2) + 0, 0x01);   // seal sequence
+  flipByte(file, slotOffset(h, 0, 3) + 9, 0x10);   // checksum
+  flipByte(file, slotOffset(h, 0, 4) + 500, 0x80); // record bytes
+  flipByte(file, slotOffset(h, 0, 5) + 16, 0x01);  // the key itself
+  CaptureReporter rep;
+  auto em = Shm::entityManager(agent, 0);
+  auto s = mount<Slate>(em, "s", slateInfo());
+  EXPECT_EQ(s->big().corruptionCount(), 5u);
+  EXPECT_EQ(rep.corruptions.size(), 5u);
+  for (const std::string &m : rep.corruptions) {
+    EXPECT_NE(m.find(file), std::string::npos) << m;
+    EXPECT_NE(m.find("collection big"), std::string::npos) << m;
+    EXPECT_NE(m.find("slot "), std::string::npos) << m;
+  }
+  EXPECT_EQ(labels(s->big()), (std::set<std::uint32_t>{0, 6, 7}));
+  EXPECT_EQ(s->big().count(), 3u);
+  EXPECT_EQ(s->big().countByScan(), 3u);
+  EXPECT_EQ(s->log().count(), 8u); // other collections untouched
+  EXPECT_FALSE(s->big().control().wiped());
+  // The dropped slots are free again.
+  for (std::uint32_t l = 10; l < 15; ++l) {
+    s->big().insert(bigRecord(l, 1));
+  }
+  EXPECT_LE(s->big().control().highWater(), 8u);
+  em->close();
+}
+
+TEST(ShmCorruption, WriterReadsThrowAndTheCallerDropsTheRecord) {
+  const std::string agent = freshAgent();
+  makeSlate(agent);
+  auto em = Shm::entityManager(agent, 0);
+  auto s = mount<Slate>(em, "s", slateInfo());
+  auto &big = s->big();
+  const format::FileHeader h = readHeader(s->fileName());
+  // Damage under the running writer (through another descriptor: the same
+  // page cache as its mapping).
+  flipByte(s->fileName(), slotOffset(h, 0, 2) + 300, 0x04);
+  const BigKey key{2, 2};
+  BigRecord r;
+  try {
+    big.find(key, r);
+    FAIL() << "no CorruptionError";
+  } catch (const Shm::CorruptionError &e) {
+    EXPECT_EQ(e.slot(), 2u);
+    EXPECT_EQ(e.collection(), "big");
+    EXPECT_THROW(big.findRef(key), Shm::CorruptionError);
+    CaptureReporter rep;
+    big.doCorruptionDetected(e.what());
+    EXPECT_EQ(rep.corruptions, std::vector<std::string>{e.what()});
+  }
+  EXPECT_EQ(big.corruptionCount(), 1u);
+  EXPECT_FALSE(big.find(key, r));
+  EXPECT_EQ(big.count(), 7u);
+  EXPECT_EQ(big.countByScan(), 7u);
+
+  // forEach stops at a bad record; after handling, the walk completes.
+  flipByte(s->fileName(), slotOffset(h, 0, 5) + 8, 0x01);
+  CaptureReporter rep;
+  std::size_t seen = 0;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    try {
+      seen = 0;
+      big.forEach([&](const BigRecord &) { ++seen; });
+      break;
+    } catch (const Shm::CorruptionError &e) {
+      big.doCorruptionDetected(e.what());
+    }
+  }
+  EXPECT_EQ(seen, 6u);
+  EXPECT_EQ(big.corruptionCount(), 2u);
+  // The key can be written again.
+  big.insert(bigRecord(2, 7));
+  ASSERT_TRUE(big.find(key, r));
+  EXPECT_EQ(r.value, 7u);
+  em->close();
+}
+
+TEST(ShmCorruption, ReadersDropBadRecordsUntilTheSlotIsRewritten) {
+  const std::string agent = freshAgent();
+  makeSlate(agent);
+  auto em = Shm::entityManager(agent, 0);
+  auto s = mount<Slate>(em, "s", slateInfo());
+  auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+  auto rs = mount<Slate>(ro, "s", readerInfo());
+  auto &rbig = rs->big();
+  const format::FileHeader h = readHeader(s->fileName());
+  flipByte(s->fileName(), slotOffset(h, 0, 3) + 100, 0x02);
+  BigRecord r;
+  EXPECT_THROW(rbig.forEach([](const BigRecord &) {}), Shm::CorruptionError);
+  try {
+    rbig.find(BigKey{5, 1}, r);
+    FAIL() << "no CorruptionError";
+  } catch (const Shm::CorruptionError &e) {
+    EXPECT_EQ(e.slot(), 3u);
+    CaptureReporter rep;
+    rbig.doCorruptionDetected(e.what());
+    EXPECT_EQ(rep.corruptions.size(), 1u);
+  }
+  EXPECT_EQ(rbig.corruptionCount(), 1u);
+  EXPECT_FALSE(rbig.find(BigKey{3, 3}, r));
+  ASSERT_TRUE(rbig.find(BigKey{5, 1}, r));
+  EXPECT_TRUE(bigConsistent(r));
+  EXPECT_EQ(labels(rbig), (std::set<std::uint32_t>{0, 1, 2, 4, 5, 6, 7}));
+  EXPECT_EQ(rbig.countByScan(), 7u);
+  // The writer replaces the record: the reader sees the new one.
+  s->big().insert(bigRecord(3, 42));
+  ASSERT_TRUE(rbig.find(BigKey{3, 3}, r));
+  EXPECT_EQ(r.value, 42u);
+  ro->close();
+  em->close();
+}
+
+TEST(ShmCorruption, DamagedHeaderIsRecreatedWipedAndRefusedByReaders) {
+  const std::string agent = freshAgent();
+  for (std::uint64_t offset : {0ul, 20ul, 50ul, 180ul, 4090ul}) {
+    const std::string file = makeSlate(agent);
+    flipByte(file, offset, 0x20);
+    CaptureReporter rep;
+    auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+    EXPECT_THROW(ro->mountGroup()->doMount("s", Slate::kTypeName, readerInfo()),
+                 Shm::CorruptionError)
+        << offset;
+    ro->close();
+    auto em = Shm::entityManager(agent, 0);
+    auto s = mount<Slate>(em, "s", slateInfo());
+    EXPECT_TRUE(s->big().control().wiped()) << offset;
+    EXPECT_EQ(s->big().count(), 0u);
+    EXPECT_EQ(rep.corruptions.size(), 2u) << offset;
+    em->entityDel("s");
+    em->close();
+  }
+}
+
+TEST(ShmCorruption, GarbageTruncatedAndEmptyFilesNeverCrashAReader) {
+  const std::string agent = freshAgent();
+  const std::string file = makeSlate(agent);
+  std::string good;
+  {
+    std::ifstream in(file, std::ios::binary);
+    good.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  std::mt19937_64 rng(11);
+  std::vector<std::string> contents = {"", "x", good.substr(0, 4096),
+                                       good.substr(0, good.size() - 4096),
+                                       good + std::string(4096, '\0')};
+  for (int i = 0; i < 20; ++i) {
+    std::string g(rng() % 20000, '\0');
+    for (char &c : g) {
+      c = static_cast<char>(rng());
+    }
+    contents.push_back(g);
+  }
+  CaptureReporter rep;
+  for (const std::string &c : contents) {
+    {
+      std::ofstream out(file, std::ios::binary | std::ios::trunc);
+      out.write(c.data(), static_cast<std::streamsize>(c.size()));
+    }
+    auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+    EXPECT_THROW(ro->mountGroup()->doMount("s", Slate::kTypeName, readerInfo()),
+                 Shm::CorruptionError)
+        << c.size();
+    ro->close();
+  }
+  // The writer recreates it.
+  auto em = Shm::entityManager(agent, 0);
+  auto s = mount<Slate>(em, "s", slateInfo());
+  EXPECT_TRUE(s->log().control().wiped());
+  em->close();
+}
+
+TEST(ShmCorruption, DamagedControlWordsAndCatalogAreReported) {
+  const std::string agent = freshAgent();
+  const std::string file = makeSlate(agent);
+  const format::FileHeader h = readHeader(file);
+  const std::uint64_t huge = ~0ull;
+  pokeBytes(file, h.collections[0].controlOffset + 16, &huge, 8); // high water
+  pokeBytes(file, h.collections[1].controlOffset + 24, &huge, 8); // commitSeq
+  {
+    std::ofstream out(instanceDir(agent) + "/.catalog", std::ios::app);
+    out << "junk\n";
+  }
+  CaptureReporter rep;
+  auto em = Shm::entityManager(agent, 0);
+  EXPECT_EQ(rep.corruptions.size(), 1u); // the catalog
+  auto s = mount<Slate>(em, "s", slateInfo());
+  EXPECT_EQ(s->big().corruptionCount(), 1u);
+  EXPECT_EQ(s->log().corruptionCount(), 1u);
+  EXPECT_EQ(s->big().count(), 8u);
+  EXPECT_EQ(s->log().count(), 8u);
+  EXPECT_LE(s->big().control().highWater(), 65u);
+  // Sequence numbers still grow past every seal: a replace is resolved
+  // correctly after the next crash (the newest copy has the largest seal).
+  s->log().insert(logRecord(1, 99));
+  LogRecord r;
+  ASSERT_TRUE(s->log().find(1, r));
+  EXPECT_EQ(r.value, 99u);
+  // A catalog that could not be read makes missing files count as wiped.
+  auto t = mount<Table>(em, "never-before", tableInfo(4));
+  EXPECT_TRUE(t->entries().control().wiped());
+  em->close();
+}
+
+// Random damage anywhere in the used part of a file, many times over: the
+// reader and the writer report it and carry on; what they return is whole.
+TEST(ShmCorruption, RandomFlipsNeverCrashAndNeverYieldBadRecords) {
+  const std::string agent = freshAgent();
+  const std::string file = makeSlate(agent, 40);
+  std::string good;
+  {
+    std::ifstream in(file, std::ios::binary);
+    good.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  const format::FileHeader h = readHeader(file);
+  const std::uint64_t usedEnd = slotOffset(h, 1, 48);
+  std::mt19937_64 rng(testing::UnitTest::GetInstance()->random_seed());
+  CaptureReporter rep;
+  for (int round = 0; round < 150; ++round) {
+    std::string bytes = good;
+    const int flips = 1 + static_cast<int>(rng() % 6);
+    for (int f = 0; f < flips; ++f) {
+      // Mostly the slots; sometimes the header and control words.
+      const std::uint64_t at =
+          rng() % 4 == 0 ? rng() % (4096 + 256)
+                         : h.collections[0].slotsOffset +
+                               rng() % (usedEnd - h.collections[0].slotsOffset);
+      bytes[at] = static_cast<char>(bytes[at] ^ (1 << (rng() % 8)));
+    }
+    {
+      std::ofstream out(file, std::ios::binary | std::ios::trunc);
+      out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+    auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+    try {
+      auto rs = mount<Slate>(ro, "s", readerInfo());
+      for (int pass = 0; pass < 100; ++pass) {
+        try {
+          rs->big().forEach(
+              [](const BigRecord &r) { ASSERT_TRUE(bigConsistent(r)); });
+          rs->log().forEach(
+              [](const LogRecord &r) { ASSERT_TRUE(logConsistent(r)); });
+          break;
+        } catch (const Shm::CorruptionError &e) {
+          if (e.collection() == "big") {
+            rs->big().doCorruptionDetected(e.what());
+          } else {
+            rs->log().doCorruptionDetected(e.what());
+          }
+        }
+      }
+    } catch (const Shm::CorruptionError &) {
+      // an unusable header
+    }
+    ro->close();
+    auto em = Shm::entityManager(agent, 0);
+    auto s = mount<Slate>(em, "s", slateInfo());
+    EXPECT_EQ(s->big().count(), s->big().countByScan());
+    s->big().forEach([](const BigRecord &r) { ASSERT_TRUE(bigConsistent(r)); });
+    s->log().forEach([](const LogRecord &r) { ASSERT_TRUE(logConsistent(r)); });
+    em->close();
+  }
+  EXPECT_FALSE(rep.corruptions.empty());
+}
+
+} // namespace
+
+namespace {
+
+// A replace interrupted between publishing the new copy and freeing the old
+// one leaves two sealed copies of a key; the mount keeps the newer.
+TEST(ShmRecovery, TwoCopiesOfAKeyResolveToTheNewer) {
+  const std::string agent = freshAgent();
+  for (const bool newerInLowerSlot : {false, true}) {
+    SCOPED_TRACE(newerInLowerSlot);
+    const std::string file = makeSlate(agent, 4); // labels 0..3 in slots 0..3
+    const format::FileHeader h = readHeader(file);
+    // A copy of label 2 with another value in slot 4, sealed with a sequence
+    // number above (or below) the one in slot 2.
+    std::uint64_t seal2 = 0;
+    {
+      std::ifstream in(file, std::ios::binary);
+      in.seekg(static_cast<std::streamoff>(slotOffset(h, 0, 2)));
+      in.read(reinterpret_cast<char *>(&seal2), 8);
+    }
+    const std::uint64_t seal =
+        newerInLowerSlot ? format::sealOf(1) : format::sealOf(1000);
+    if (newerInLowerSlot) {
+      const std::uint64_t high = format::sealOf(1000);
+      BigRecord old = bigRecord(2, 102);
+      const std::uint64_t ck = format::recordChecksum(&old, sizeof old, high);
+      pokeBytes(file, slotOffset(h, 0, 2), &high, 8);
+      pokeBytes(file, slotOffset(h, 0, 2) + 8, &ck, 8);
+    }
+    const BigRecord copy = bigRecord(2, 555);
+    const std::uint64_t ck = format::recordChecksum(&copy, sizeof copy, seal);
+    pokeBytes(file, slotOffset(h, 0, 4) + 16, &copy, sizeof copy);
+    pokeBytes(file, slotOffset(h, 0, 4) + 8, &ck, 8);
+    pokeBytes(file, slotOffset(h, 0, 4), &seal, 8);
+    const std::uint64_t hw = 5;
+    pokeBytes(file, h.collections[0].controlOffset + 16, &hw, 8);
+
+    CaptureReporter rep;
+    auto em = Shm::entityManager(agent, 0);
+    auto s = mount<Slate>(em, "s", slateInfo());
+    EXPECT_TRUE(rep.corruptions.empty());
+    EXPECT_EQ(s->big().recoveredAtMount(), 1u);
+    EXPECT_EQ(s->big().count(), 4u);
+    EXPECT_EQ(s->big().countByScan(), 4u);
+    BigRecord r;
+    ASSERT_TRUE(s->big().find(BigKey{2, 2}, r));
+    EXPECT_EQ(r.value, newerInLowerSlot ? 102u : 555u);
+    // New changes get sequence numbers above both.
+    s->big().insert(bigRecord(2, 777));
+    em->close();
+    auto em2 = Shm::entityManager(agent, 0);
+    auto s2 = mount<Slate>(em2, "s", slateInfo());
+    ASSERT_TRUE(s2->big().find(BigKey{2, 2}, r));
+    EXPECT_EQ(r.value, 777u);
+    em2->entityDel("s");
+    em2->close();
+  }
+}
+
+} // namespace

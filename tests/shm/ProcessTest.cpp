@@ -1,0 +1,365 @@
+// Process-level behaviour with real processes: the writer lock, a reader
+// process beside a running writer, and a writer killed at random instants.
+#include <signal.h>
+#include <sys/mman.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "ShmTestTypes.h"
+
+using namespace ShmTest;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// --- the deterministic stream of changes ---------------------------------
+
+constexpr std::uint32_t kBigCap = 48;
+constexpr std::uint32_t kLogCap = 128;
+constexpr std::uint32_t kSmallCap = 6;
+
+Shm::MountInfo crashInfo() {
+  return slateInfo(kBigCap, kLogCap, kSmallCap);
+}
+
+struct Op {
+  int coll; // 0 big, 1 log, 2 small
+  bool erase;
+  std::uint64_t key;
+};
+
+Op opAt(std::uint64_t seed, std::uint64_t i) {
+  const std::uint64_t r = mix(seed ^ (i * 0x9e3779b97f4a7c15ull));
+  Op op{static_cast<int>(r % 3), (r >> 8) % 10 < 4, 0};
+  switch (op.coll) {
+  case 0:
+    op.key = (r >> 16) % 64; // more keys than the capacity: it fills up
+    break;
+  case 1:
+    // Versions only grow; erases retire older ones.
+    op.key = op.erase ? (i > 200 ? i - (r >> 16) % 200 : 1) : i + 1;
+    break;
+  default:
+    op.key = (r >> 16) % 9;
+    break;
+  }
+  return op;
+}
+
+using Model = std::map<std::uint64_t, std::uint64_t>; // key -> value
+struct State {
+  Model coll[3];
+  bool operator==(const State &) const = default;
+};
+constexpr std::uint32_t kCaps[3] = {kBigCap, kLogCap, kSmallCap};
+
+void applyToModel(State &s, const Op &op, std::uint64_t i) {
+  Model &m = s.coll[op.coll];
+  if (op.erase) {
+    m.erase(op.key);
+  } else if (m.count(op.key) || m.size() < kCaps[op.coll]) {
+    m[op.key] = i;
+  }
+}
+
+void applyToStore(Slate &s, const Op &op, std::uint64_t i) {
+  try {
+    switch (op.coll) {
+    case 0: {
+      const auto label = static_cast<std::uint32_t>(op.key);
+      op.erase ? void(s.big().erase(BigKey{label, label % 4}))
+               : s.big().insert(bigRecord(label, i));
+      break;
+    }
+    case 1:
+      op.erase ? void(s.log().erase(op.key))
+               : s.log().insert(logRecord(op.key, i));
+      break;
+    default:
+      op.erase
+          ? void(s.small().erase(static_cast<std::uint32_t>(op.key)))
+          : s.small().insert(SmallRecord{static_cast<std::uint32_t>(op.key),
+                                         static_cast<std::uint32_t>(i)});
+      break;
+    }
+  } catch (const Shm::CollectionFullError &) {
+  }
+  // The scratchpad follows the change it describes.
+  s.small().control().scratchpadIs(i + 1);
+}
+
+// Reads the whole store, checking every record against the stream: it must
+// be exactly what change number `value` wrote.
+State readStore(Slate &s, std::uint64_t seed) {
+  State st;
+  s.big().forEach([&](const BigRecord &r) {
+    EXPECT_TRUE(bigConsistent(r)) << "torn big record " << r.key.label;
+    EXPECT_EQ(r.key.unit, r.key.label % 4);
+    st.coll[0][r.key.label] = r.value;
+  });
+  s.log().forEach([&](const LogRecord &r) {
+    EXPECT_TRUE(logConsistent(r)) << "torn log record " << r.version;
+    EXPECT_EQ(r.version, r.value + 1);
+    st.coll[1][r.version] = r.value;
+  });
+  s.small().forEach([&](const SmallRecord &r) { st.coll[2][r.key] = r.value; });
+  for (int c = 0; c < 3; ++c) {
+    for (const auto &[key, value] : st.coll[c]) {
+      const Op op = opAt(seed, value);
+      EXPECT_TRUE(op.coll == c && !op.erase && op.key == key)
+          << "collection " << c << " key " << key << " holds value " << value
+          << " that no change wrote there";
+    }
+  }
+  return st;
+}
+
+// The writer process: applies changes from `start` on, until it is killed.
+// After each one it stores the number of changes done into `done`, a word
+// shared with the parent (a pipe would do, but then most kills would land in
+// the write system call instead of inside a change).
+[[noreturn]] void crashWriter(const std::string &agent, std::uint64_t seed,
+                              std::uint64_t start,
+                              std::atomic<std::uint64_t> *done) {
+  auto em = Shm::entityManager(agent, 0);
+  auto s = mount<Slate>(em, "slate", crashInfo());
+  for (std::uint64_t i = start;; ++i) {
+    applyToStore(*s, opAt(seed, i), i);
+    done->store(i + 1, std::memory_order_release);
+  }
+}
+
+std::uint64_t envOr(const char *name, std::uint64_t dflt) {
+  const char *v = std::getenv(name);
+  return v && *v ? std::strtoull(v, nullptr, 0) : dflt;
+}
+
+TEST(ShmProcess, WriterKilledAtRandomInstantsLosesNothingAndTearsNothing) {
+  const std::string agent = freshAgent();
+  const std::uint64_t seed = envOr(
+      "MICA_CRASH_SEED",
+      std::random_device{}() | (std::uint64_t{std::random_device{}()} << 32));
+  const std::uint64_t rounds = envOr("MICA_CRASH_ROUNDS", 500);
+  SCOPED_TRACE(testing::Message() << "replay with MICA_CRASH_SEED=" << seed);
+  std::mt19937_64 rng(seed);
+  State model;
+  std::uint64_t next = 0;       // the first change not known to be done
+  std::uint64_t scratchpad = 0; // never goes backwards
+  std::uint64_t recovered = 0, inFlightApplied = 0;
+  void *shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto *done = new (shared) std::atomic<std::uint64_t>(0);
+  for (std::uint64_t round = 0; round < rounds; ++round) {
+    SCOPED_TRACE(testing::Message()
+                 << "round " << round << ", change " << next);
+    done->store(next);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      crashWriter(agent, seed, next, done);
+    }
+    // Kill at a random instant: a quarter of the time very early (during
+    // start-up and the mount scan), otherwise within 15 ms.
+    const auto delay =
+        std::chrono::microseconds(rng() % 4 == 0 ? rng() % 400 : rng() % 15000);
+    std::this_thread::sleep_for(delay);
+    ::kill(pid, SIGKILL);
+    EXPECT_EQ(waitExit(pid), 128 + SIGKILL);
+
+    for (std::uint64_t i = next, end = done->load(); i < end; ++i) {
+      applyToModel(model, opAt(seed, i), i);
+      ++next;
+    }
+    // `next` may have been under way when the writer died.
+    State after = model;
+    applyToModel(after, opAt(seed, next), next);
+
+    CaptureReporter rep;
+    auto em = Shm::entityManager(agent, 0);
+    auto s = mount<Slate>(em, "slate", crashInfo());
+    const State got = readStore(*s, seed);
+    EXPECT_TRUE(rep.corruptions.empty()) << rep.corruptions.front();
+    EXPECT_FALSE(s->big().control().wiped());
+    const bool isBefore = got == model, isAfter = got == after;
+    ASSERT_TRUE(isBefore || isAfter)
+        << "the store is neither before nor after change " << next;
+    for (int c = 0; c < 3; ++c) {
+      auto &coll = c == 0 ? static_cast<Shm::detail::CollectionCore &>(s->big())
+                   : c == 1
+                       ? static_cast<Shm::detail::CollectionCore &>(s->log())
+                       : s->small();
+      recovered += coll.recoveredAtMount();
+      EXPECT_EQ(coll.corruptionCount(), 0u);
+    }
+    EXPECT_EQ(s->big().count(), got.coll[0].size());
+    EXPECT_EQ(s->big().countByScan(), got.coll[0].size()); // no duplicates
+    EXPECT_EQ(s->log().countByScan(), got.coll[1].size());
+    EXPECT_EQ(s->small().countByScan(), got.coll[2].size());
+    const std::uint64_t sp = s->small().control().scratchpad();
+    EXPECT_GE(sp, scratchpad) << "scratchpad went backwards";
+    EXPECT_LE(sp, next + 1);
+    if (sp == next + 1) {
+      EXPECT_TRUE(isAfter) << "scratchpad names a change that is not there";
+    }
+    scratchpad = sp;
+    if (isAfter && !isBefore) {
+      ++inFlightApplied;
+    }
+    if (isAfter || sp == next + 1) {
+      model = after;
+      ++next;
+    }
+    em->close();
+    if (HasFatalFailure()) {
+      return;
+    }
+  }
+  ::munmap(shared, 4096);
+  std::printf("%llu kills, %llu changes, %llu in-flight changes found applied, "
+              "%llu interrupted replaces resolved\n",
+              static_cast<unsigned long long>(rounds),
+              static_cast<unsigned long long>(next),
+              static_cast<unsigned long long>(inFlightApplied),
+              static_cast<unsigned long long>(recovered));
+  EXPECT_GT(next, rounds); // the writer got real work done between kills
+}
+
+// A reader process scanning while the writer runs sees whole records, and
+// only ones the writer wrote.
+TEST(ShmProcess, ReaderBesideARunningWriterSeesOnlyWholeWrittenRecords) {
+  const std::string agent = freshAgent();
+  const std::uint64_t seed = 12345;
+  {
+    auto em = Shm::entityManager(agent, 0);
+    mount<Slate>(em, "slate", crashInfo());
+    em->close();
+  }
+  const pid_t writer = forkChild([&] {
+    auto em = Shm::entityManager(agent, 0);
+    auto s = mount<Slate>(em, "slate", crashInfo());
+    const auto end = Clock::now() + std::chrono::milliseconds(1500);
+    for (std::uint64_t i = 0; Clock::now() < end; ++i) {
+      for (int k = 0; k < 64; ++k, ++i) {
+        applyToStore(*s, opAt(seed, i), i);
+      }
+    }
+  });
+  auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+  auto s = mount<Slate>(ro, "slate", readerInfo());
+  std::uint64_t scans = 0, consistent = 0, records = 0;
+  int status = 0;
+  while (::waitpid(writer, &status, WNOHANG) == 0) {
+    const State st = readStore(*s, seed);
+    consistent += s->big().lastScanConsistent();
+    const std::uint64_t sp = s->small().control().scratchpad();
+    for (int c = 0; c < 3; ++c) {
+      for (const auto &[key, value] : st.coll[c]) {
+        ASSERT_LE(value, sp) << "a record from the future";
+        ++records;
+      }
+    }
+    s->log().forEachUnordered([&](const LogRecord &r) {
+      ASSERT_TRUE(logConsistent(r));
+      ASSERT_LE(r.value, s->small().control().scratchpad());
+    });
+    BigRecord r;
+    if (s->big().find(BigKey{7, 3}, r)) {
+      EXPECT_TRUE(bigConsistent(r));
+    }
+    ++scans;
+    if (HasFailure()) {
+      ::kill(writer, SIGKILL);
+      ::waitpid(writer, &status, 0);
+      break;
+    }
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(s->big().corruptionCount() + s->log().corruptionCount() +
+                s->small().corruptionCount(),
+            0u);
+  EXPECT_GT(scans, 10u);
+  EXPECT_GT(records, 0u);
+  std::printf("%llu scans (%llu without overlapping a change), %llu records\n",
+              static_cast<unsigned long long>(scans),
+              static_cast<unsigned long long>(consistent),
+              static_cast<unsigned long long>(records));
+  ro->close();
+}
+
+// --- the writer lock ------------------------------------------------------
+
+TEST(ShmProcess,
+     SecondWriterIsRefusedReadersAreNotAndTheLockDiesWithItsHolder) {
+  const std::string agent = freshAgent();
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  const pid_t holder = forkChild([&] {
+    auto em = Shm::entityManager(agent, 0);
+    auto t = mount<Table>(em, "t", tableInfo(4));
+    t->entries().insert(SmallRecord{1, 2});
+    char c = 'x';
+    (void)!::write(fds[1], &c, 1);
+    ::pause();
+  });
+  char c = 0;
+  ASSERT_EQ(::read(fds[0], &c, 1), 1);
+  try {
+    Shm::entityManager(agent, 0);
+    FAIL() << "a second writer was let in";
+  } catch (const Shm::LockedError &e) {
+    const std::string m = e.what();
+    EXPECT_NE(m.find(agent + ".0"), std::string::npos) << m;
+    EXPECT_NE(m.find(instanceDir(agent)), std::string::npos) << m;
+    EXPECT_NE(m.find(std::to_string(holder)), std::string::npos) << m;
+    EXPECT_EQ(e.holderPid(), holder);
+  }
+  {
+    auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+    auto t = mount<Table>(ro, "t", readerInfo());
+    SmallRecord r;
+    ASSERT_TRUE(t->entries().find(1, r));
+    EXPECT_EQ(r.value, 2u);
+    ro->close();
+  }
+  ::kill(holder, SIGKILL);
+  EXPECT_EQ(waitExit(holder), 128 + SIGKILL);
+  auto em = Shm::entityManager(agent, 0);
+  auto t = mount<Table>(em, "t", tableInfo(4));
+  EXPECT_EQ(t->entries().count(), 1u);
+  em->close();
+  ::close(fds[0]);
+  ::close(fds[1]);
+}
+
+TEST(ShmProcess, SecondWriterHandleInTheSameProcessIsRefused) {
+  const std::string agent = freshAgent();
+  auto em = Shm::entityManager(agent, 0);
+  EXPECT_EQ(Shm::entityManager(agent, 0).ptr(), em.ptr()); // the same handle
+  // The same directory under another name is another handle: refused.
+  const std::string root = Shm::rootDirectory();
+  const std::string alias = root + "-alias-" + std::to_string(::getpid());
+  std::filesystem::remove(alias);
+  std::filesystem::create_directory_symlink(root, alias);
+  ::setenv("MICA_SHM_ROOT", alias.c_str(), 1);
+  try {
+    Shm::entityManager(agent, 0);
+    ADD_FAILURE() << "a second writer handle was let in";
+  } catch (const Shm::LockedError &e) {
+    EXPECT_NE(std::string(e.what()).find("this process"), std::string::npos)
+        << e.what();
+    EXPECT_EQ(e.holderPid(), ::getpid());
+  }
+  ::setenv("MICA_SHM_ROOT", root.c_str(), 1);
+  std::filesystem::remove(alias);
+  em->close();
+  auto again = Shm::entityManager(agent, 0);
+  EXPECT_FALSE(again->closed());
+  again->close();
+}
+
+} // namespace
