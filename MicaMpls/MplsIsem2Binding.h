@@ -3,6 +3,7 @@
 // client data an entry takes). See OrderedTable/TableBinding.h.
 #pragma once
 
+#include "MicaMpls/Export.h"
 #include "platform/records/MplsIsem2Records.h"
 #include "platform/resource/InLifResourceTable.h"
 
@@ -15,7 +16,7 @@ class MplsIsem2SwTableHelperBase;
 class MplsIsem2EntryLog;
 class MplsIsem2InLifLinkage;
 
-struct MplsIsem2Binding {
+struct MICA_MPLS_API MplsIsem2Binding {
   using Key = MplsIsem2EntryKey;
   using Entry = MplsIsem2Entry;
   using LogEntry = MplsIsem2LogEntry;
@@ -52,6 +53,11 @@ struct MplsIsem2Binding {
   static void setResolvedFields(Entry &e, const ResourceHandle *r) noexcept {
     e.inLif0Index = r ? r->data().inLif0Index : 0;
     e.inLif23Index = r ? r->data().inLif23Index : 0;
+  }
+  // Asks the in-LIF table for the entry's in-LIF, with its client data.
+  template <typename Client>
+  static auto requestResource(Client &client, const Entry &e) {
+    return client.request(e.inLifKey, e.inLifClientData, nullptr);
   }
   static constexpr bool kCarriesClientData = true;
   static void retrieveClientData(Entry &e, const ResourceHandle &r) noexcept {

@@ -16,7 +16,17 @@
 #include "MicaMpls/MplsIsem2SwTableHelperBase.h"
 #include "OrderedTable/SwTableState.h"
 
+namespace Asic {
+// Instantiated once, in the library.
+extern template class OrderedSwTableState<MicaMpls::MplsIsem2Binding>;
+extern template class TableIterState<MicaMpls::MplsIsem2Binding>;
+} // namespace Asic
+
 namespace MicaMpls {
+
+// The state of an iteration over the table (OrderedTable/SwTableIterator.h).
+using MplsIsem2SwTableIteratorState = Asic::TableIterState<MplsIsem2Binding>;
+MICA_MPLS_API Fwk::Ptr<MplsIsem2SwTableIteratorState> mplsIsem2SwTableIteratorStateFactory();
 
 class MICA_MPLS_API MplsIsem2SwTable
     : public Asic::OrderedSwTableState<MplsIsem2Binding> {

@@ -4,6 +4,7 @@
 // OrderedTable/TableBinding.h.
 #pragma once
 
+#include "MicaMpls/Export.h"
 #include "platform/records/MplsLemRecords.h"
 #include "platform/resource/L2AdjToFecResourceTable.h"
 
@@ -16,7 +17,7 @@ class MplsLemSwTableHelperBase;
 class MplsLemEntryLog;
 class MplsLemL2AdjToFecLinkage;
 
-struct MplsLemBinding {
+struct MICA_MPLS_API MplsLemBinding {
   using Key = MplsLemEntryKey;
   using Entry = MplsLemEntry;
   using LogEntry = MplsLemLogEntry;
@@ -53,6 +54,11 @@ struct MplsLemBinding {
   static void setResolvedFields(Entry &e, const ResourceHandle *r) noexcept {
     e.fecId = r ? r->data().fecId : 0;
     e.errorCode = r ? r->data().errorCode : 0;
+  }
+  // Asks the adjacency table for the entry's FEC; no client data.
+  template <typename Client>
+  static auto requestResource(Client &client, const Entry &e) {
+    return client.request(resourceKey(e), nullptr);
   }
   static constexpr bool kCarriesClientData = false;
   static void retrieveClientData(Entry &, const ResourceHandle &) noexcept {}

@@ -16,7 +16,17 @@
 #include "MicaMpls/MplsLemSwTableHelperBase.h"
 #include "OrderedTable/SwTableState.h"
 
+namespace Asic {
+// Instantiated once, in the library.
+extern template class OrderedSwTableState<MicaMpls::MplsLemBinding>;
+extern template class TableIterState<MicaMpls::MplsLemBinding>;
+} // namespace Asic
+
 namespace MicaMpls {
+
+// The state of an iteration over the table (OrderedTable/SwTableIterator.h).
+using MplsLemSwTableIteratorState = Asic::TableIterState<MplsLemBinding>;
+MICA_MPLS_API Fwk::Ptr<MplsLemSwTableIteratorState> mplsLemSwTableIteratorStateFactory();
 
 class MICA_MPLS_API MplsLemSwTable
     : public Asic::OrderedSwTableState<MplsLemBinding> {

@@ -33,28 +33,45 @@ namespace detail {
 constexpr std::size_t padTo8(std::size_t n) { return (8 - n % 8) % 8; }
 } // namespace detail
 
-template <typename B> struct ConfigSlateEntry {
-  using ResourceKeys = typename B::ResourceKeys;
-  using LogEntry = typename B::LogEntry;
+// Operations shared by the two layouts of a configuration record.
+template <typename Rec, typename B> struct ConfigSlateEntryOps {
+  bool operator==(const Rec &o) const noexcept {
+    return Fwk::bytesEqual(self(), o);
+  }
+  // Equality with the default record, which stands for absence.
+  bool isEq(const Rec &o) const noexcept { return self() == o; }
+  // The committed entry: its resource keys followed by its log entry.
+  typename B::Entry entry() const noexcept {
+    return B::Entry::fromParts(self().rsrcKeys, self().logEntry);
+  }
 
-  ResourceKeys rsrcKeys;
-  LogEntry logEntry;
-  [[no_unique_address]] Fwk::Pad<detail::padTo8(sizeof(ResourceKeys) +
-                                                sizeof(LogEntry))>
-      pad0;
+private:
+  const Rec &self() const noexcept { return static_cast<const Rec &>(*this); }
+};
+
+template <typename B>
+constexpr std::size_t kConfigPad =
+    detail::padTo8(sizeof(typename B::ResourceKeys) + sizeof(typename B::LogEntry));
+
+// A configuration record. Its layout has an explicit padding field between
+// the log entry and the version when the two parts do not end on 8 bytes.
+template <typename B, bool Padded = (kConfigPad<B> != 0)>
+struct ConfigSlateEntry : ConfigSlateEntryOps<ConfigSlateEntry<B, Padded>, B> {
+  typename B::ResourceKeys rsrcKeys;
+  typename B::LogEntry logEntry;
+  std::uint8_t pad0[kConfigPad<B>] = {};
   LogVersion logVersion = 0;
   bool isDeleted = false;
   std::uint8_t pad1[7] = {};
+};
 
-  bool operator==(const ConfigSlateEntry &o) const noexcept {
-    return Fwk::bytesEqual(*this, o);
-  }
-  // Equality with the default record, which stands for absence.
-  bool isEq(const ConfigSlateEntry &o) const noexcept { return *this == o; }
-  // The committed entry: its resource keys followed by its log entry.
-  typename B::Entry entry() const noexcept {
-    return B::Entry::fromParts(rsrcKeys, logEntry);
-  }
+template <typename B>
+struct ConfigSlateEntry<B, false> : ConfigSlateEntryOps<ConfigSlateEntry<B, false>, B> {
+  typename B::ResourceKeys rsrcKeys;
+  typename B::LogEntry logEntry;
+  LogVersion logVersion = 0;
+  bool isDeleted = false;
+  std::uint8_t pad1[7] = {};
 };
 
 template <typename B> struct LogSlateEntry {
@@ -79,6 +96,7 @@ template <typename B> struct LogSlateEntry {
 template <typename B> struct ConfigSlateRecordTraits {
   using Key = typename B::Key;
   using Record = ConfigSlateEntry<B>;
+  static_assert(Fwk::PlainRecord<Record>, "configuration records are plain bytes");
   static Key keyOf(const Record &r) noexcept { return r.logEntry.key; }
   // The collection counts records marked deleted in O(1).
   static bool flagged(const Record &r) noexcept { return r.isDeleted; }

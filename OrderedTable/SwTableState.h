@@ -30,6 +30,7 @@
 #include <string>
 
 #include "OrderedTable/InfraTypes.h"
+#include "OrderedTable/SwTableIterator.h"
 #include "OrderedTable/TableBinding.h"
 #include "platform/asic/GroupResolver.h"
 #include "platform/asic/OrderedSwTable.h"
@@ -76,8 +77,13 @@ private:
   Table *swTable_;
 };
 
-template <typename B> class OrderedSwTableState : public OrderedSwTableWithMarkSweep {
+template <typename T> struct OrderedSwTableAccessor;
+
+template <typename B>
+class __attribute__((visibility("default"))) OrderedSwTableState
+    : public OrderedSwTableWithMarkSweep {
 public:
+  using Binding = B;
   using Key = typename B::Key;
   using Entry = typename B::Entry;
   using Wrapper = typename B::EntryWrapper;
@@ -86,6 +92,16 @@ public:
   using Linkage = typename B::Linkage;
   using EntryHandle = SwTableEntryHandle<B>;
   using EntryHandleQueue = Fwk::RingQueue<Fwk::Ptr<EntryHandle>>;
+  using Dependency = Fwk::Ptr<const DependencyEntryHandle>;
+  using ResponseHandler = OrderedSwTable::ResponseHandler;
+  using IterState = TableIterState<B>;
+  using EntryIterator = OrderedSwTableEntryIterator<IterState>;
+  using SwTableEntries_py = SwTableEntries<B>;
+  using Accessor = OrderedSwTableAccessor<typename B::SwTable>;
+
+  // The entry log refuses logging one more change past this many records of
+  // its change log: a change waits in the resolver until there is room.
+  static constexpr std::uint32_t kEntryLogRecordLimit = 999999;
 
   // Attribute identities, in declaration order.
   static constexpr Fwk::AttrId attrInMarkingState{16, "inMarkingState"};
@@ -136,6 +152,80 @@ public:
       notify(attrTransientRemoveAllVersion);
     }
   }
+
+  // ---- Changes (OrderedSwTableAccessor.h) ----
+  //
+  // None of these touches the entry log or the hardware: each records the
+  // change in the transient collections, makes the handle the caller
+  // follows, and queues the change with the group resolver. The forms
+  // without a handler pass an empty one.
+
+  Fwk::Ptr<const EntryHandle> entryWrite(const Key &key, const Entry &entry,
+                                         const Dependency &dependency);
+  Fwk::Ptr<const EntryHandle>
+  entryWriteWithResponseHandler(const Key &key, const Entry &entry,
+                                const Dependency &dependency,
+                                const ResponseHandler &handler);
+  Fwk::Ptr<const EntryHandle> entryRemove(const Key &key,
+                                          const Dependency &dependency);
+  Fwk::Ptr<const EntryHandle>
+  entryRemoveWithResponseHandler(const Key &key, const Dependency &dependency,
+                                 const ResponseHandler &handler);
+  void entryRemoveAll(const Dependency &dependency);
+  void entryRemoveAllWithResponseHandler(const Dependency &dependency,
+                                         const ResponseHandler &handler);
+
+  // ---- Commit (called back by the group resolver) ----
+
+  bool isResolverEntryResolved(const Fwk::Ptr<typename B::ResolverEntry> &entry);
+  void commitEntry(const Fwk::Ptr<ResolverEntry> &entry);
+  // Points the wrapper at its resource: asks again with `refresh`, else
+  // takes the handle the linkage already holds.
+  void setRsrcPtrs(const Fwk::Ptr<Wrapper> &wrapper, bool refresh);
+  Fwk::Ptr<NeededEntry> getNeededEntrySet(const Fwk::Ptr<const Wrapper> &wrapper) const;
+
+  // ---- Version progress ----
+
+  // The hardware has taken every change up to `version`: retire the log up
+  // to it and finish, in order, every handle whose log version it covers.
+  void tableStatusVersion(LogVersion version) override;
+  bool hasPendingHwWrites() const override;
+
+  // ---- Reads: pending changes merged over the committed configuration ----
+
+  bool entryHas(const Key &key) const;
+  // The entry as clients will see it, or a default entry (entryHas tells).
+  Entry entry(const Key &key) const;
+  Entry entryRead(const Key &key) const;
+  // The committed entry only, or a default entry.
+  Entry entryFromConfig(const Key &key) const;
+  // The number of entries an iteration would yield.
+  std::uint32_t entrys() const;
+  Fwk::Ptr<IterState> initIterState() const;
+  Fwk::Ptr<IterState> initIterStateFromKey(const Key &key) const;
+  EntryIterator entryIteratorConst() const;
+  EntryIterator entryIteratorConst(const Key &key) const;
+  // A full snapshot, for the scripting interface.
+  Fwk::Ptr<SwTableEntries_py> getTableEntries_py() const;
+
+  // ---- Restore, clear, mark and sweep, update ----
+
+  // Rebuilds wrappers and resource usage from the committed configuration.
+  void restoreEntries();
+  // Logs the removal of every committed entry at once.
+  void clearTable(bool releaseResources);
+  void mark() override;
+  std::uint32_t sweep() override;
+  // Recomputes a committed entry after its resource changed; null when the
+  // key is not committed.
+  Fwk::Ptr<const EntryHandle> updateEntry(const Key &key);
+  // A wrapper of the committed entry of a key; the handle slot is filled
+  // with a new handle when it is empty.
+  Fwk::Ptr<Wrapper> entryWrapperFromConfig(const Key &key, bool refreshRsrcPtrs,
+                                           Fwk::Ptr<EntryHandle> &handleSlot);
+  void delAllEntries(bool releaseResources,
+                     const Fwk::Ptr<NeededEntry> &neededEntry,
+                     Fwk::Ptr<EntryHandle> &handleSlot);
 
   // ---- Pending writes, removes and versions ----
 
@@ -311,6 +401,13 @@ protected:
   }
 
 private:
+  typename B::SwTable &self() noexcept {
+    return static_cast<typename B::SwTable &>(*this);
+  }
+  const typename B::SwTable &cself() const noexcept {
+    return static_cast<const typename B::SwTable &>(*this);
+  }
+
   // The constants print as the agent's configuration shows them.
   static constexpr const char *pyBool(bool b) { return b ? "True" : "False"; }
 

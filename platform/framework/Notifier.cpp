@@ -8,7 +8,7 @@ Observer::~Observer() = default;
 
 Notifier::~Notifier() = default;
 
-void Notifier::observerIs(Observer *observer) {
+void Notifier::observerIs(Observer *observer) const {
   if (!observer ||
       std::find(observers_.begin(), observers_.end(), observer) !=
           observers_.end()) {
@@ -18,7 +18,7 @@ void Notifier::observerIs(Observer *observer) {
   ++live_;
 }
 
-void Notifier::observerDel(Observer *observer) noexcept {
+void Notifier::observerDel(Observer *observer) const noexcept {
   auto it = std::find(observers_.begin(), observers_.end(), observer);
   if (!observer || it == observers_.end()) {
     return;

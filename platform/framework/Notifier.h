@@ -76,9 +76,10 @@ public:
 class MICA_PLATFORM_API Notifier : public Object {
 public:
   // Registers an observer; registering one twice has no further effect.
-  void observerIs(Observer *observer);
+  // Observing does not change the notifier, so a const one can be observed.
+  void observerIs(Observer *observer) const;
   // Deregisters an observer; an unknown one is ignored.
-  void observerDel(Observer *observer) noexcept;
+  void observerDel(Observer *observer) const noexcept;
   bool hasObservers() const noexcept { return live_ != 0; }
   std::size_t observers() const noexcept { return live_; }
 
@@ -103,7 +104,7 @@ private:
   // Entries are nulled, not erased, while a notification walks the list.
   mutable std::vector<Observer *> observers_;
   mutable std::uint32_t depth_ = 0;
-  std::uint32_t live_ = 0;
+  mutable std::uint32_t live_ = 0;
 };
 
 } // namespace Fwk

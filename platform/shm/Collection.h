@@ -330,6 +330,13 @@ public:
     return flagged_;
   }
 
+  // Whether the index holds the key, without reading (or checking) its
+  // record. Writer only.
+  bool contains(const Key &key) const {
+    requireView();
+    return locate(key).found;
+  }
+
   // The record of the key, copied into `out`. Throws CorruptionError when it
   // fails its checks. Reader: a scan (see the top of the file).
   bool find(const Key &key, Record &out) const {

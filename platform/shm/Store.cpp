@@ -337,13 +337,18 @@ MountGroup::~MountGroup() = default;
 
 void MountGroup::doMount(const std::string &path, const std::string &typeName,
                          const MountInfo &info) {
+  if (closed_) {
+    throw Error("mount of " + path + ": the mount group is closed");
+  }
   manager_->mount(path, typeName, info);
   if (std::find(paths_.begin(), paths_.end(), path) == paths_.end()) {
     paths_.push_back(path);
   }
 }
 
-void MountGroup::doClose() {
+void MountGroup::doClose() { closed_ = true; }
+
+void MountGroup::doUnmount() {
   for (const std::string &p : paths_) {
     manager_->unmount(p);
   }

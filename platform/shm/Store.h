@@ -141,7 +141,9 @@ private:
 
 class EntityManager;
 
-// A set of mounts made together and unmounted together.
+// A set of mounts made together. Closing the group ends it: the mounts stay
+// with the manager (entity() finds them) until it unmounts them, and the
+// group refuses further mounts. doUnmount() takes the group's mounts back.
 class MICA_PLATFORM_API MountGroup : public Fwk::Object {
 public:
   // Opens the entity file at `path` (creating it, or recreating it empty and
@@ -153,8 +155,10 @@ public:
   // capacity, another type mounted at the path, a failed system call).
   void doMount(const std::string &path, const std::string &typeName,
                const MountInfo &info);
-  // Unmounts every entity this group mounted.
+  // Ends the group; its mounts stay.
   void doClose();
+  // Unmounts every entity this group mounted.
+  void doUnmount();
 
   const std::vector<std::string> &paths() const noexcept { return paths_; }
 
@@ -165,6 +169,7 @@ private:
 
   Fwk::Ptr<EntityManager> manager_;
   std::vector<std::string> paths_;
+  bool closed_ = false;
 };
 
 // The process's handle of one instance directory.

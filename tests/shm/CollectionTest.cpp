@@ -434,15 +434,19 @@ TEST(ShmPaths, MountErrorsAreClear) {
   em->close();
 }
 
-TEST(ShmPaths, MountGroupCloseUnmountsItsEntities) {
+TEST(ShmPaths, MountGroupCloseKeepsItsMountsAndUnmountTakesThem) {
   const std::string agent = freshAgent();
   auto em = Shm::entityManager(agent, 0);
   auto g1 = em->mountGroup();
   auto g2 = em->mountGroup();
   g1->doMount("one", Table::kTypeName, tableInfo(4));
   g2->doMount("two", Table::kTypeName, tableInfo(4));
-  auto one = em->entity("one");
   g1->doClose();
+  auto one = em->entity("one");
+  ASSERT_TRUE(one);
+  EXPECT_FALSE(one->closed());
+  EXPECT_THROW(g1->doMount("three", Table::kTypeName, tableInfo(4)), Shm::Error);
+  g1->doUnmount();
   EXPECT_FALSE(em->entity("one"));
   EXPECT_TRUE(one->closed());
   EXPECT_TRUE(em->entity("two"));

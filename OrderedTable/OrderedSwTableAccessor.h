@@ -1,0 +1,1025 @@
+// The algorithms of a software table, written once over the table type T (a
+// family's class, whose Binding names its types and differences). The
+// family classes inherit OrderedSwTableState<Binding>, whose operations are
+// defined here and forward to OrderedSwTableAccessor<T>; this header is
+// included only by the families' own source units, which instantiate it.
+//
+// A change, end to end:
+//   1. entryWrite / entryRemove / entryRemoveAll record it in the transient
+//      collections, make its handle and queue a resolver entry;
+//   2. the group resolver asks isResolverEntryResolved() until the change's
+//      dependency and resource are ready, then calls commitEntry();
+//   3. the commit logs it in the entry log and queues its handle in the
+//      entry-handle log (or finishes it at once, or fails it: state 5);
+//   4. tableStatusVersion(v) finishes every queued handle that v covers and
+//      runs its response handler.
+//
+// Re-entrancy: response handlers and resource notifications may call back
+// into the table (write, read, remove). Every loop here keeps a reference to
+// what it walks and re-reads collections after each call-out; handlers run
+// from a copy, so they may replace or clear their handle's handler.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "OrderedTable/SwTableState.h"
+#include "platform/framework/Assert.h"
+#include "platform/shm/Errors.h"
+#include "platform/trace/Trace.h"
+
+namespace Asic {
+
+template <typename T> struct OrderedSwTableAccessor {
+  using B = typename T::Binding;
+  using Key = typename B::Key;
+  using Entry = typename B::Entry;
+  using Wrapper = typename B::EntryWrapper;
+  using Resolver = typename B::ResolverEntry;
+  using Linkage = typename B::Linkage;
+  using EntryHandle = typename T::EntryHandle;
+  using Dependency = typename T::Dependency;
+  using ResponseHandler = typename T::ResponseHandler;
+  using IterState = typename T::IterState;
+  using ConfigEntry = ConfigSlateEntry<B>;
+
+  static constexpr const char *kUnit = "OrderedTable/OrderedSwTableAccessor";
+
+  // Traces of the generic algorithms: the table's handle, no class name.
+  template <typename... Args>
+  static void trace(Trace::Level level, const char *function, int line,
+                    fmt::format_string<Args...> f, Args &&...args) {
+    Trace::Handle &h = Trace::handleOf<T>();
+    if (h.enabled(level)) [[unlikely]] {
+      Trace::emitf(h, level, kUnit, function, line, "", f,
+                   std::forward<Args>(args)...);
+    }
+  }
+  // Traces of the table's own operations, as its class.
+  template <typename... Args>
+  static void traceTable(Trace::Level level, const char *function, int line,
+                         fmt::format_string<Args...> f, Args &&...args) {
+    Trace::Handle &h = Trace::handleOf<T>();
+    if (h.enabled(level)) [[unlikely]] {
+      Trace::emitf(h, level, B::kTableSourceUnit, function, line,
+                   B::kSwTableClass, f, std::forward<Args>(args)...);
+    }
+  }
+#define OT_TRACE(level, ...) trace(level, __func__, __LINE__, __VA_ARGS__)
+
+  // ---- Write, remove, remove-all ----
+
+  // The version of a new change of `key`: one past its pending change, or
+  // (0, 0) when it has none.
+  static EntryVersion nextVersion(T &t, const Key &key) {
+    if (const EntryVersion *cur = t.transientVersionForKeyColl().find(key)) {
+      const EntryVersion currEntryVersion = *cur;
+      FWK_ASSERT_NAMED(currEntryVersion.valid(), "currEntryVersion.valid()");
+      return currEntryVersion.next();
+    }
+    OT_TRACE(8, " Key: {} not found in entry version collection", key);
+    return EntryVersion(0, 0);
+  }
+
+  static Fwk::Ptr<EntryHandle> makeHandle(T &t, EntryVersion v, const Key &key,
+                                          const ResponseHandler &handler) {
+    auto h = T::entryHandleFactory(v, key, &t);
+    if (handler) {
+      h->responseHandlerIs(handler);
+    }
+    h->entryStateIs(EntryState::made);
+    return h;
+  }
+
+  // Queues a change with the resolver and tells it something may be ready.
+  static void enqueue(T &t, const Fwk::Ptr<Resolver> &r) {
+    if (const auto &gr = t.groupResolver()) {
+      gr->resolverQueueEnq(r);
+      gr->updateGenId();
+    }
+  }
+  static void afterChange(T &t) {
+    if (const auto &gr = t.groupResolver()) {
+      gr->maybeUpdateSuspend();
+    }
+    if (t.swTableSet()) {
+      t.swTableSet()->maybeUpdatePendingHwWrites();
+    }
+  }
+
+  static Fwk::Ptr<const EntryHandle>
+  entryWriteGeneric(T &t, const Key &key, const Entry &entry,
+                    const Dependency &dependency, const ResponseHandler &handler,
+                    Linkage *linkage) {
+    OT_TRACE(8, "key: {}", key);
+    const EntryVersion v = nextVersion(t, key);
+    t.transientVersionForKeyIs(key, v);
+    const bool marking = t.inMarkingState();
+    if (marking) {
+      t.markedKeyIs(key);
+    }
+    auto handle = makeHandle(t, v, key, handler);
+    auto wrapper = Fwk::make<Wrapper>(entry, handle);
+    wrapper->keyIs(key); // the key argument counts, not the entry's
+    t.transientRemoveEntryDel(key);
+    t.transientAddEntryIs(wrapper);
+    if (linkage) {
+      linkage->resolveEntry(wrapper);
+    }
+    enqueue(t, Fwk::make<Resolver>(dependency,
+                                   marking ? entryFlagMarked : entryFlagNone, &t,
+                                   wrapper));
+    OT_TRACE(2, "Done processing write for key: {} ", key);
+    t.stats()->entryWriteCntInc(1);
+    afterChange(t);
+    return handle;
+  }
+
+  static Fwk::Ptr<const EntryHandle>
+  entryRemoveGeneric(T &t, const Key &key, const Dependency &dependency,
+                     const ResponseHandler &handler) {
+    OT_TRACE(8, " Key: {} ", key);
+    const EntryVersion v = nextVersion(t, key);
+    t.transientVersionForKeyIs(key, v);
+    auto handle = makeHandle(t, v, key, handler);
+    Entry removed{};
+    removed.key = key;
+    auto wrapper = Fwk::make<Wrapper>(removed, handle);
+    auto r = Fwk::make<Resolver>(dependency, entryFlagRemove, &t, wrapper);
+    t.transientAddEntryDel(key);
+    t.transientRemoveEntryIs(wrapper);
+    enqueue(t, r);
+    OT_TRACE(2, " Done processing remove for key: {} ", key);
+    t.stats()->entryRemoveCntInc(1);
+    afterChange(t);
+    return handle;
+  }
+
+  static void entryRemoveAllGeneric(T &t, const Dependency &dependency,
+                                    const ResponseHandler &handler) {
+    OT_TRACE(8, "");
+    auto handle = makeHandle(t, EntryVersion(0, 0), Key{}, handler);
+    auto wrapper = Fwk::make<Wrapper>(Entry{}, handle);
+    auto r = Fwk::make<Resolver>(dependency, entryFlagRemoveAll, &t, wrapper);
+    // Pending writes and removes are dropped from view; their resolver
+    // entries stay queued and still commit in their turn, so the versions
+    // of their keys are kept.
+    t.transientAddEntryDelAll();
+    t.transientRemoveEntryDelAll();
+    const MajorVersion cur = t.transientRemoveAllVersion();
+    if (cur.valid()) {
+      OT_TRACE(8, "Found valid table remove all version: {}", cur);
+      t.transientRemoveAllVersionIs(MajorVersion(cur.value + 1));
+    } else {
+      OT_TRACE(8, "No remove all operation currently enqueued");
+      t.transientRemoveAllVersionIs(MajorVersion(0));
+    }
+    enqueue(t, r);
+    OT_TRACE(2, "Done processing remove all ");
+    afterChange(t);
+  }
+
+  // ---- Commit ----
+
+  static void setRsrcPtrs(T &t, const Fwk::Ptr<Wrapper> &w, bool refresh) {
+    OT_TRACE(8, "key: {}, refresh: {}", w->key(), refresh);
+    if (Linkage *l = t.linkage().ptr()) {
+      if (refresh) {
+        l->resolveEntry(w);
+      } else {
+        l->setResourceHandle(w);
+      }
+    }
+  }
+
+  static EntryState resolutionState(const Fwk::Ptr<Wrapper> &w, Linkage *linkage) {
+    return linkage ? linkage->entryResolutionState(w) : EntryState::finished;
+  }
+
+  static bool resAccessorCheckResolved(const Fwk::Ptr<Wrapper> &w,
+                                       Linkage *linkage) {
+    if (resolutionState(w, linkage) == EntryState::made) {
+      OT_TRACE(3, "SwTable key: {}, resourceKey: {} is still unresolved!",
+               w->key(), B::resourceKey(w->entry()));
+      return false;
+    }
+    return true;
+  }
+
+  static bool checkResolveSuccess(const Fwk::Ptr<Wrapper> &w, Linkage *linkage) {
+    if (resolutionState(w, linkage) == EntryState::finished) {
+      return true;
+    }
+    OT_TRACE(3, "SwTable key: {}, resourceKey: {} has failed resolution!",
+             w->key(), B::resourceKey(w->entry()));
+    return false;
+  }
+
+  static bool isResolverEntryResolved(T &t, const Fwk::Ptr<Resolver> &r,
+                                      Linkage *linkage) {
+    const auto &w = r->entryWrapper();
+    if (t.entryLog() && t.entryLog()->entryLogRecords() > T::kEntryLogRecordLimit) {
+      OT_TRACE(1, "key: {}, isEntryDeleted: {} : no space in entryLog!", w->key(),
+               r->isEntryDeleted());
+      return false;
+    }
+    if (const auto &dep = r->dependencyHandle()) {
+      if (dep->entryState() == EntryState::made) {
+        OT_TRACE(3, "key: {} dependant entry not yet resolved", w->key());
+        return false;
+      }
+      // A failed dependency counts as resolved; the commit rejects it.
+      OT_TRACE(3, "key: {} dependant entry is resolved", w->key());
+    }
+    bool resolved = true;
+    if (!r->isEntryDeleted()) {
+      t.setRsrcPtrs(w, true);
+      resolved = resAccessorCheckResolved(w, linkage);
+    }
+    if (resolved) {
+      OT_TRACE(3, "key: {}, isEntryDeleted: {}, isTableDeleted: {}, resolved: true",
+               w->key(), r->isEntryDeleted(), r->isTableDeleted());
+    }
+    return resolved;
+  }
+
+  // Calls a handle's response handler from a copy, so that the handler may
+  // replace or clear the handle's own.
+  static void respond(const Fwk::Ptr<EntryHandle> &h) {
+    if (!h->responseHandler()) {
+      return;
+    }
+    const ResponseHandler handler = h->responseHandler();
+    handler(Fwk::Ptr<const OrderedSwTable::EntryHandle>(h));
+  }
+
+  // Forgets the pending state of the wrapper's key if this commit is its
+  // newest change; a newer change's own commit will clear it otherwise.
+  template <typename Coll, typename Del>
+  static void clearTransient(T &t, const Coll &coll, Del &&del, const Key &key,
+                             EntryVersion committed) {
+    const auto *found = coll.find(key);
+    if (found && *found && (*found)->entryHandle() &&
+        (*found)->entryHandle()->version() == committed) {
+      del(key);
+      t.transientVersionForKeyDel(key);
+    }
+  }
+
+  static void commitEntry(T &t, const Fwk::Ptr<ResolverEntry> &base,
+                          Linkage *linkage) {
+    Fwk::Ptr<T> keep(&t); // a handler may drop the last reference
+    auto r = Fwk::ptrCast<Resolver>(base);
+    FWK_ASSERT(r);
+    const Dependency &dep = r->dependencyHandle();
+    const Fwk::Ptr<Wrapper> wrapper = r->entryWrapper();
+    const bool isEntryDelete = r->isEntryDeleted();
+    const bool isTableDelete = r->isTableDeleted();
+    OT_TRACE(8, "Entry: {}, isEntryDeleted: {}, isTableDeleted: {}",
+             wrapper->entry(), isEntryDelete, isTableDelete);
+    FWK_ASSERT_NAMED(!(isEntryDelete && isTableDelete),
+                     "!( isEntryDelete && isTableDelete )");
+    Fwk::Ptr<EntryHandle> handle = Fwk::ptrCast<EntryHandle>(wrapper->entryHandle());
+    FWK_ASSERT_NAMED(handle, "entryHandle != NULL");
+    const EntryVersion entryConfVersion = handle->version();
+    if (!isTableDelete) {
+      FWK_ASSERT_NAMED(entryConfVersion.valid(), "entryConfVersion.valid()");
+    }
+    const Key key = wrapper->key();
+
+    enum class Outcome { done, failWithKey, failSilently };
+    Outcome outcome = Outcome::done;
+    if (dep && entryStateFailed(dep->entryState())) {
+      if (!isTableDelete) {
+        OT_TRACE(1, "Failed dependent entry for key: {}", key);
+        outcome = Outcome::failWithKey;
+      } else {
+        OT_TRACE(1, "Failed dependent entry for remove all");
+        OT_TRACE(1, "Failed to commit entry remove all operation");
+        outcome = Outcome::failSilently;
+      }
+    } else if (isTableDelete) {
+      commitTableDelete(t, dep, wrapper, handle);
+    } else if (isEntryDelete) {
+      commitEntryDelete(t, dep, wrapper, handle, entryConfVersion, linkage);
+    } else {
+      outcome = commitWrite(t, r, dep, wrapper, handle, entryConfVersion, linkage)
+                    ? Outcome::done
+                    : Outcome::failWithKey;
+    }
+    if (outcome != Outcome::done) {
+      if (outcome == Outcome::failWithKey) {
+        OT_TRACE(1, "Failed to commit entry key: {}", key);
+      }
+      handle->entryStateIs(EntryState::failed);
+      respond(handle);
+    }
+    afterChange(t);
+    t.stats()->lastCommitTimeIs(SwTableStats::Clock::now());
+    t.stats()->commitCntInc(1);
+  }
+
+  static void commitTableDelete(T &t, const Dependency &dep,
+                                const Fwk::Ptr<Wrapper> &wrapper,
+                                Fwk::Ptr<EntryHandle> handle) {
+    const MajorVersion currRemoveAllVersion = t.transientRemoveAllVersion();
+    FWK_ASSERT_NAMED(currRemoveAllVersion.valid(), "currRemoveAllVersion.valid()");
+    OT_TRACE(8, "Committing table delete for version: {}", currRemoveAllVersion);
+    auto needed = t.getNeededEntrySet(wrapper);
+    if (dep) {
+      needed->add(dep);
+    }
+    // The remove-all's handle is not queued in the entry-handle log: it
+    // keeps state 1 and its log version, and the table does not call its
+    // handler.
+    t.delAllEntries(true, needed, handle);
+    t.transientRemoveAllVersionIs(currRemoveAllVersion.value == 0
+                                      ? MajorVersion::invalid()
+                                      : MajorVersion(currRemoveAllVersion.value - 1));
+  }
+
+  static void commitEntryDelete(T &t, const Dependency &dep,
+                                const Fwk::Ptr<Wrapper> &wrapper,
+                                const Fwk::Ptr<EntryHandle> &handle,
+                                EntryVersion committed, Linkage *linkage) {
+    const Key key = wrapper->key();
+    const Entry oldEntry = t.entryFromConfig(key);
+    auto needed = Fwk::make<NeededEntry>();
+    if (dep) {
+      needed->add(dep);
+    }
+    clearTransient(t, t.transientRemoveEntryColl(),
+                   [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key,
+                   committed);
+    wrapper->finalizeOnSuccess(Fwk::Ptr<typename B::SwTable>(&t), true);
+    const LogVersion logVersion =
+        t.entryLog() ? t.entryLog()->entryDel(key, needed, t.unitId()) : 0;
+    handle->logVersionIs(logVersion);
+    if (logVersion != 0) {
+      handle->entryStateIs(EntryState::logged);
+      t.entryHandleInLogEnq(handle);
+    } else {
+      handle->entryStateIs(EntryState::finished);
+      respond(handle);
+    }
+    if (linkage) {
+      linkage->updateLocalUsage(wrapper, oldEntry, true);
+    }
+  }
+
+  // False when the write failed (the caller fails its handle).
+  static bool commitWrite(T &t, const Fwk::Ptr<Resolver> &r, const Dependency &dep,
+                          const Fwk::Ptr<Wrapper> &wrapper,
+                          const Fwk::Ptr<EntryHandle> &handle,
+                          EntryVersion committed, Linkage *linkage) {
+    const Key key = wrapper->key();
+    auto clear = [&] {
+      clearTransient(t, t.transientAddEntryColl(),
+                     [&t](const Key &k) { t.transientAddEntryDel(k); }, key,
+                     committed);
+    };
+    const Fwk::Ptr<typename B::SwTable> self(&t);
+    if (checkResolveSuccess(wrapper, linkage)) {
+      wrapper->finalizeOnSuccess(self, false);
+      clear();
+    } else {
+      t.stats()->resolveFailCntInc(1);
+      const bool keep = wrapper->finalizeOnFailure(self, false);
+      clear();
+      if (!keep) {
+        return false;
+      }
+    }
+    auto needed = t.getNeededEntrySet(wrapper);
+    const Entry oldEntry = t.entryFromConfig(key);
+    if (dep) {
+      needed->add(dep);
+    }
+    LogVersion logVersion = 0;
+    if (const auto &log = t.entryLog()) {
+      try {
+        logVersion = log->entryIs(wrapper->entry().logEntry(),
+                                  wrapper->entry().resourceKeys(), needed,
+                                  t.unitId(), t.stats(), r->isMarked());
+      } catch (const Shm::CollectionFullError &e) {
+        // Nothing was written: the change fails, the table stays as it was.
+        OT_TRACE(1, "key: {}: {}", key, e.what());
+        return false;
+      }
+    }
+    handle->logVersionIs(logVersion);
+    if (t.entryLog() && logVersion > t.entryLog()->cleanupVersion()) {
+      handle->entryStateIs(EntryState::logged);
+      t.entryHandleInLogEnq(handle);
+    } else {
+      handle->entryStateIs(EntryState::finished);
+      respond(handle);
+    }
+    if (linkage) {
+      linkage->updateLocalUsage(wrapper, oldEntry, false);
+    }
+    return true;
+  }
+
+  // ---- Version progress ----
+
+  static void tableStatusVersion(T &t, LogVersion v) {
+    Fwk::Ptr<T> keep(&t);
+    OT_TRACE(8, "tableVersion: {}", v);
+    if (t.entryLog()) {
+      t.entryLog()->cleanupEntryLog(v);
+    }
+    if (t.groupResolver()) {
+      t.groupResolver()->updateGenId();
+    }
+    while (auto front = t.entryHandleInLogFront()) {
+      if (front->logVersion() > v) {
+        break; // it and every later handle stay queued
+      }
+      auto h = t.entryHandleInLogDeq();
+      OT_TRACE(3, "Processing version: {}, key: {}", h->logVersion(), h->key());
+      h->entryStateIs(EntryState::finished);
+      respond(h);
+    }
+    if (t.swTableSet()) {
+      t.swTableSet()->maybeUpdatePendingHwWrites();
+    }
+  }
+
+  static bool hasPendingHwWrites(const T &t) {
+    OT_TRACE(8, "");
+    const bool pending =
+        t.transientAddEntrys() != 0 || t.transientRemoveEntrys() != 0 ||
+        t.transientRemoveAllVersion().valid() ||
+        (t.entryLog() &&
+         t.entryLog()->tableVersion() != t.entryLog()->cleanupVersion());
+    OT_TRACE(3, " pendingHwWrites for swTable: tableId: {}, unitId{} is {}",
+             t.swTableId(), t.unitId(), pending);
+    return pending;
+  }
+
+  // ---- Reads ----
+
+  // The committed record of a key; corrupt shared memory reads as absent.
+  static bool configRecord(const T &t, const Key &key, ConfigEntry &out) {
+    const auto &log = t.entryLog();
+    if (!log) {
+      return false;
+    }
+    auto slate = log->tableConfigSlate(t.unitId());
+    if (!slate) {
+      return false;
+    }
+    try {
+      return slate->swTableEntries().find(key, out);
+    } catch (const Shm::CorruptionError &e) {
+      slate->swTableEntries().doCorruptionDetected(e.what());
+      return false;
+    }
+  }
+
+  static bool committed(const T &t, const Key &key) {
+    return t.entryLog() && t.entryLog()->entryHas(key, t.unitId());
+  }
+
+  static bool entryHas(const T &t, const Key &key) {
+    if (t.transientAddEntryColl().contains(key)) {
+      return true;
+    }
+    if (t.transientRemoveEntryColl().contains(key) ||
+        t.transientRemoveAllVersion().valid()) {
+      return false;
+    }
+    return committed(t, key);
+  }
+
+  static Entry entryReadGeneric(const T &t, const Key &key) {
+    OT_TRACE(8, "key: {}", key);
+    if (const auto *w = t.transientAddEntryColl().find(key)) {
+      return (*w)->entry();
+    }
+    // A pending remove-all is not consulted here (entryHas and iteration
+    // do): a key still committed reads back as its committed entry.
+    if (!t.transientRemoveEntryColl().contains(key) && committed(t, key)) {
+      return t.entryFromConfig(key);
+    }
+    OT_TRACE(1, "Failed to find entry for key: {}", key);
+    return Entry{};
+  }
+
+  static Entry entryFromConfig(const T &t, const Key &key) {
+    OT_TRACE(8, "key: {}", key);
+    ConfigEntry r;
+    if (configRecord(t, key, r) && !(r == ConfigEntry{}) && !r.isDeleted) {
+      return r.entry();
+    }
+    return Entry{};
+  }
+
+  static std::uint32_t entrys(const T &t) {
+    const auto &add = t.transientAddEntryColl();
+    if (t.transientRemoveAllVersion().valid()) {
+      return static_cast<std::uint32_t>(add.size());
+    }
+    if (!t.entryLog() || !t.entryLog()->tableConfigSlateHas(t.unitId())) {
+      return static_cast<std::uint32_t>(add.size());
+    }
+    std::uint32_t n = t.entryLog()->entrys(t.unitId());
+    for (auto it = add.begin(); it != add.end(); ++it) {
+      if (!committed(t, it.key())) {
+        ++n;
+      }
+    }
+    const auto &rm = t.transientRemoveEntryColl();
+    for (auto it = rm.begin(); it != rm.end(); ++it) {
+      if (committed(t, it.key())) {
+        --n;
+      }
+    }
+    return n;
+  }
+
+  // ---- Iteration ----
+
+  static Fwk::Ptr<IterState> initIterState(const T &t) {
+    auto s = Fwk::make<IterState>();
+    s->swTableIs(&t);
+    if (t.transientRemoveAllVersion().valid()) {
+      s->state().set(IterState::State::kRemoveAll);
+    }
+    s->state().set(IterState::State::kInAddColl);
+    return s;
+  }
+
+  static Fwk::Ptr<IterState> initIterStateFromKey(const T &t, const Key &key) {
+    OT_TRACE(8, " key: {}", key);
+    auto s = Fwk::make<IterState>();
+    s->swTableIs(&t);
+    using S = typename IterState::State;
+    if (t.transientRemoveAllVersion().valid()) {
+      s->state().set(S::kRemoveAll);
+    }
+    s->bookmarkKeyIs(key);
+    s->state().set(S::kBookmark);
+    if (t.transientAddEntryColl().contains(key)) {
+      s->state().set(S::kInAddColl);
+    } else if (!s->state().removeAllPending() && committed(t, key)) {
+      s->state().set(S::kInTblCfg);
+    }
+    // Otherwise neither phase: the iteration is at its end at once.
+    return s;
+  }
+
+  static Fwk::Ptr<typename T::SwTableEntries_py> getTableEntries_py(const T &t) {
+    auto snapshot = Fwk::make<typename T::SwTableEntries_py>();
+    for (auto it = t.entryIteratorConst(); !it.done(); ++it) {
+      snapshot->tableEntriesIs(it.entry());
+    }
+    return snapshot;
+  }
+
+  // ---- Restore, clear, mark and sweep, update ----
+
+  static Fwk::Ptr<Wrapper> entryWrapperFromConfig(T &t, const Key &key,
+                                                  bool refreshRsrcPtrs,
+                                                  Fwk::Ptr<EntryHandle> &slot) {
+    OT_TRACE(8, "key: {}, refreshRsrcPtrs: {}", key, refreshRsrcPtrs);
+    const Entry e = t.entryFromConfig(key);
+    if (!slot) {
+      slot = T::entryHandleFactory(EntryVersion(), key, &t);
+    }
+    auto w = Fwk::make<Wrapper>(e, slot);
+    w->keyIs(key);
+    t.setRsrcPtrs(w, refreshRsrcPtrs);
+    w->retrieveClientData();
+    return w;
+  }
+
+  // Visits every committed (not deleted) key of the unit in the
+  // configuration table's order, until `f` returns false. A report of
+  // corrupt shared memory goes to the collection's corruption handling and
+  // ends the walk.
+  template <typename F> static void forEachCommittedKey(T &t, F &&f) {
+    auto slate = t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
+    if (!slate) {
+      return;
+    }
+    auto &coll = slate->swTableEntries();
+    try {
+      for (auto k = coll.firstKey(); k; k = coll.nextKey(*k)) {
+        ConfigEntry r;
+        if (coll.find(*k, r) && !r.isDeleted && !f(*k)) {
+          return;
+        }
+      }
+    } catch (const Shm::CorruptionError &e) {
+      coll.doCorruptionDetected(e.what());
+    }
+  }
+
+  static void restoreEntries(T &t) {
+    OT_TRACE(8, "");
+    if (!t.entryLog() || !t.entryLog()->tableConfigSlate(t.unitId())) {
+      return; // nothing was ever committed
+    }
+    Linkage *linkage = t.linkage().ptr();
+    forEachCommittedKey(t, [&](const Key &key) {
+      Fwk::Ptr<EntryHandle> slot;
+      auto w = t.entryWrapperFromConfig(key, true, slot);
+      if (linkage) {
+        linkage->restoreEntry(w);
+      }
+      return true;
+    });
+    if (linkage) {
+      linkage->handleResourceChangeAtInit();
+    }
+  }
+
+  static void delAllEntries(T &t, bool releaseResources,
+                            const Fwk::Ptr<NeededEntry> &neededEntry,
+                            Fwk::Ptr<EntryHandle> &slot, Linkage *linkage) {
+    OT_TRACE(8, " releaseResources: {}, neededEntry:{} ", releaseResources,
+             neededEntry);
+    if (!t.entryLog() || !t.entryLog()->tableConfigSlate(t.unitId())) {
+      return; // nothing is logged
+    }
+    if (releaseResources && linkage) {
+      forEachCommittedKey(t, [&](const Key &key) {
+        auto w = t.entryWrapperFromConfig(key, false, slot);
+        linkage->updateLocalUsage(w, w->entry(), true);
+        return true;
+      });
+    }
+    const LogVersion v = t.entryLog()->tableDel(neededEntry, t.unitId());
+    if (slot) {
+      slot->logVersionIs(v);
+      slot->entryStateIs(EntryState::logged);
+    }
+    t.stats()->tableClearCntInc(1);
+  }
+
+  static void mark(T &t) {
+    OT_TRACE(8, "");
+    if (!t.inMarkingState()) {
+      t.inMarkingStateIs(true);
+    }
+  }
+
+  static std::uint32_t sweepGeneric(T &t) {
+    OT_TRACE(8, "");
+    if (!t.inMarkingState()) {
+      return 0; // nothing to reconcile
+    }
+    Fwk::Ptr<T> keep(&t);
+    std::uint32_t count = 0;
+    // The walk ends at the first entry equal to a default entry, which is
+    // also how an exhausted iterator reads.
+    for (auto it = t.entryIteratorConst(); !(it.entry() == Entry{}); ++it) {
+      const Key key = it.entry().key;
+      if (!t.markedKey(key)) {
+        t.entryRemove(key, nullptr);
+        ++count;
+      }
+    }
+    if (t.inMarkingState()) {
+      t.inMarkingStateIs(false);
+    }
+    t.markedKeyDelAll();
+    return count;
+  }
+
+  static Fwk::Ptr<const EntryHandle> updateEntry(T &t, const Key &key,
+                                                 Linkage *linkage) {
+    if (!committed(t, key)) {
+      OT_TRACE(3, " key: {} entry does not exist ", key);
+      return nullptr;
+    }
+    Fwk::Ptr<EntryHandle> handle;
+    auto w = t.entryWrapperFromConfig(key, false, handle);
+    w->setResolvedFields();
+    const bool ok = checkResolveSuccess(w, linkage);
+    const bool commitToLog = t.swTableHelper()->finalizeOnResourceUpdate(
+        w, Fwk::Ptr<typename B::SwTable>(&t), !ok);
+    if (!ok) {
+      OT_TRACE(3, " key: {}, some resource had failed", key);
+      t.stats()->updateWithFailedResourceCntInc(1);
+    }
+    const auto logEntry = w->entry().logEntry();
+    auto &log = *t.entryLog();
+    if (!(logEntry == log.entry(key, t.unitId())) && commitToLog) {
+      auto needed = t.getNeededEntrySet(w);
+      try {
+        const LogVersion v = log.entryIs(logEntry, w->entry().resourceKeys(),
+                                         needed, t.unitId(), t.stats(), false);
+        handle->logVersionIs(v);
+        handle->entryStateIs(EntryState::logged);
+        t.stats()->updateCntInc(1);
+        OT_TRACE(3, " key: {}, neededEntry: {}, entryLogVersion: {} ", key,
+                 needed, v);
+      } catch (const Shm::CollectionFullError &e) {
+        OT_TRACE(1, "key: {}: {}", key, e.what());
+        handle->entryStateIs(EntryState::failed);
+      }
+      return handle;
+    }
+    OT_TRACE(3,
+             " key: {}, commitToLog: {}, no change in logEntry or don't commit "
+             "to log",
+             key, commitToLog);
+    handle->logVersionIs(log.entryLogVersion(key, t.unitId()));
+    handle->entryStateIs(EntryState::logged);
+    return handle;
+  }
+#undef OT_TRACE
+};
+
+// ---- The iteration step ----
+
+// The iterator algorithms trace under one handle for every table.
+inline Trace::Handle &iterTraceHandle() {
+  static Trace::Handle h("SwTableIter");
+  return h;
+}
+
+template <typename IterState, typename SwTable> struct IterStateAccessor {
+  using Acc = OrderedSwTableAccessor<SwTable>;
+  using Key = typename SwTable::Key;
+  using Entry = typename SwTable::Entry;
+  using S = typename IterState::State;
+
+  template <typename... Args>
+  static void trace(Trace::Level level, int line, fmt::format_string<Args...> f,
+                    Args &&...args) {
+    Trace::Handle &h = iterTraceHandle();
+    if (h.enabled(level)) [[unlikely]] {
+      Trace::emitf(h, level, Acc::kUnit, "maybeUpdateCurrentEntry", line, "", f,
+                   std::forward<Args>(args)...);
+    }
+  }
+
+  static void endPending(IterState &s) {
+    s.state().clear(S::kInAddColl);
+    if (!s.state().removeAllPending()) {
+      s.state().set(S::kInTblCfg);
+    }
+  }
+
+  static void maybeUpdateCurrentEntry(IterState &s) {
+    trace(8, __LINE__, "");
+    const SwTable &t = *s.swTable();
+    if (s.state().inAddColl()) {
+      FWK_ASSERT_NAMED(!s.state().inTblCfg(), "!iterState_->state().inTblCfg()");
+      trace(9, __LINE__, "  in transientAdd collection");
+      const auto &add = t.transientAddEntryColl();
+      auto it = s.state().bookmarkValid() ? add.lowerBound(s.bookmarkKey())
+                                          : add.begin();
+      if (it == add.end()) {
+        trace(9, __LINE__, "  done with transAdd");
+        // The bookmark is kept: the configuration phase resumes at it.
+        endPending(s);
+      } else {
+        s.state().set(S::kEntryValid);
+        trace(9, __LINE__, "  found entry: {}", it.key());
+        s.currentEntryIs(it.value()->entry());
+        ++it;
+        if (it != add.end()) {
+          s.bookmarkKeyIs(it.key());
+          s.state().set(S::kBookmark);
+        } else {
+          s.state().clear(S::kBookmark);
+          trace(9, __LINE__, "  done with transAdd");
+          endPending(s);
+        }
+        return;
+      }
+    }
+    if (s.state().inTblCfg()) {
+      FWK_ASSERT_NAMED(!s.state().inAddColl(), "!iterState_->state().inAddColl()");
+      trace(9, __LINE__, "  in cfgSlate collection");
+      if (configStep(s, t)) {
+        return;
+      }
+    }
+    trace(9, __LINE__, "  no more entries");
+    s.state().clear(S::kEntryValid | S::kInAddColl | S::kInTblCfg);
+    s.currentEntryIs(Entry{});
+  }
+
+  // One step in the configuration table; false when no record is left.
+  static bool configStep(IterState &s, const SwTable &t) {
+    auto slate = t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
+    if (!slate) {
+      return false;
+    }
+    auto &coll = slate->swTableEntries();
+    try {
+      auto k = s.state().bookmarkValid() ? coll.lowerBoundKey(s.bookmarkKey())
+                                         : coll.firstKey();
+      ConfigSlateEntry<typename SwTable::Binding> r;
+      for (; k; k = coll.nextKey(*k)) {
+        if (t.transientRemoveEntryColl().contains(*k) ||
+            t.transientAddEntryColl().contains(*k)) {
+          continue; // being removed, or yielded with its pending value
+        }
+        if (coll.find(*k, r) && !r.isDeleted) {
+          break;
+        }
+      }
+      if (!k) {
+        return false;
+      }
+      s.state().set(S::kEntryValid);
+      s.currentEntryIs(r.entry());
+      trace(9, __LINE__, "  found entry: {}", *k);
+      if (auto next = coll.nextKey(*k)) {
+        s.bookmarkKeyIs(*next);
+        s.state().set(S::kBookmark);
+      } else {
+        trace(9, __LINE__, "  done with cfgSlate");
+        s.state().clear(S::kBookmark | S::kInTblCfg);
+      }
+      return true;
+    } catch (const Shm::CorruptionError &e) {
+      coll.doCorruptionDetected(e.what());
+      return false;
+    }
+  }
+};
+
+// ---- The table's operations, forwarded to the accessor ----
+
+template <typename B>
+Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
+OrderedSwTableState<B>::entryWrite(const Key &key, const Entry &entry,
+                                   const Dependency &dependency) {
+  return entryWriteWithResponseHandler(key, entry, dependency, ResponseHandler());
+}
+
+template <typename B>
+Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
+OrderedSwTableState<B>::entryWriteWithResponseHandler(
+    const Key &key, const Entry &entry, const Dependency &dependency,
+    const ResponseHandler &handler) {
+  Accessor::traceTable(8, "entryWrite", __LINE__, " key: {}", key);
+  return Accessor::entryWriteGeneric(self(), key, entry, dependency, handler,
+                                     linkage_.ptr());
+}
+
+template <typename B>
+Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
+OrderedSwTableState<B>::entryRemove(const Key &key, const Dependency &dependency) {
+  return entryRemoveWithResponseHandler(key, dependency, ResponseHandler());
+}
+
+template <typename B>
+Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
+OrderedSwTableState<B>::entryRemoveWithResponseHandler(
+    const Key &key, const Dependency &dependency, const ResponseHandler &handler) {
+  Accessor::traceTable(8, "entryRemove", __LINE__, " key: {}", key);
+  return Accessor::entryRemoveGeneric(self(), key, dependency, handler);
+}
+
+template <typename B>
+void OrderedSwTableState<B>::entryRemoveAll(const Dependency &dependency) {
+  entryRemoveAllWithResponseHandler(dependency, ResponseHandler());
+}
+
+template <typename B>
+void OrderedSwTableState<B>::entryRemoveAllWithResponseHandler(
+    const Dependency &dependency, const ResponseHandler &handler) {
+  Accessor::traceTable(8, "entryRemoveAll", __LINE__, "");
+  Accessor::entryRemoveAllGeneric(self(), dependency, handler);
+}
+
+template <typename B>
+bool OrderedSwTableState<B>::isResolverEntryResolved(
+    const Fwk::Ptr<typename B::ResolverEntry> &entry) {
+  return Accessor::isResolverEntryResolved(self(), entry, linkage_.ptr());
+}
+
+template <typename B>
+void OrderedSwTableState<B>::commitEntry(const Fwk::Ptr<ResolverEntry> &entry) {
+  Accessor::commitEntry(self(), entry, linkage_.ptr());
+}
+
+template <typename B>
+void OrderedSwTableState<B>::setRsrcPtrs(const Fwk::Ptr<Wrapper> &wrapper,
+                                         bool refresh) {
+  Accessor::setRsrcPtrs(self(), wrapper, refresh);
+}
+
+template <typename B>
+Fwk::Ptr<NeededEntry>
+OrderedSwTableState<B>::getNeededEntrySet(const Fwk::Ptr<const Wrapper> &wrapper) const {
+  return linkage_ ? linkage_->getNeededEntrySet(wrapper) : Fwk::make<NeededEntry>();
+}
+
+template <typename B> void OrderedSwTableState<B>::tableStatusVersion(LogVersion v) {
+  Accessor::tableStatusVersion(self(), v);
+}
+
+template <typename B> bool OrderedSwTableState<B>::hasPendingHwWrites() const {
+  return Accessor::hasPendingHwWrites(cself());
+}
+
+template <typename B> bool OrderedSwTableState<B>::entryHas(const Key &key) const {
+  return Accessor::entryHas(cself(), key);
+}
+
+template <typename B>
+typename B::Entry OrderedSwTableState<B>::entry(const Key &key) const {
+  return entryRead(key);
+}
+
+template <typename B>
+typename B::Entry OrderedSwTableState<B>::entryRead(const Key &key) const {
+  Accessor::traceTable(8, "entryRead", __LINE__, " key: {}", key);
+  return Accessor::entryReadGeneric(cself(), key);
+}
+
+template <typename B>
+typename B::Entry OrderedSwTableState<B>::entryFromConfig(const Key &key) const {
+  return Accessor::entryFromConfig(cself(), key);
+}
+
+template <typename B> std::uint32_t OrderedSwTableState<B>::entrys() const {
+  return Accessor::entrys(cself());
+}
+
+template <typename B>
+Fwk::Ptr<typename OrderedSwTableState<B>::IterState>
+OrderedSwTableState<B>::initIterState() const {
+  return Accessor::initIterState(cself());
+}
+
+template <typename B>
+Fwk::Ptr<typename OrderedSwTableState<B>::IterState>
+OrderedSwTableState<B>::initIterStateFromKey(const Key &key) const {
+  return Accessor::initIterStateFromKey(cself(), key);
+}
+
+template <typename B>
+typename OrderedSwTableState<B>::EntryIterator
+OrderedSwTableState<B>::entryIteratorConst() const {
+  return EntryIterator(initIterState());
+}
+
+template <typename B>
+typename OrderedSwTableState<B>::EntryIterator
+OrderedSwTableState<B>::entryIteratorConst(const Key &key) const {
+  return EntryIterator(initIterStateFromKey(key));
+}
+
+template <typename B>
+Fwk::Ptr<typename OrderedSwTableState<B>::SwTableEntries_py>
+OrderedSwTableState<B>::getTableEntries_py() const {
+  return Accessor::getTableEntries_py(cself());
+}
+
+template <typename B> void OrderedSwTableState<B>::restoreEntries() {
+  Accessor::restoreEntries(self());
+}
+
+template <typename B> void OrderedSwTableState<B>::clearTable(bool releaseResources) {
+  Accessor::traceTable(8, "clearTable", __LINE__, "");
+  Fwk::Ptr<EntryHandle> noHandle;
+  delAllEntries(releaseResources, nullptr, noHandle);
+}
+
+template <typename B> void OrderedSwTableState<B>::mark() { Accessor::mark(self()); }
+
+template <typename B> std::uint32_t OrderedSwTableState<B>::sweep() {
+  const std::uint32_t count = Accessor::sweepGeneric(self());
+  MICA_TRACE_RING(B::kTableSourceUnit, B::kSwTableClass, "Swept {} entries", count);
+  Accessor::traceTable(6, "sweep", __LINE__, "Swept {} entries", count);
+  return count;
+}
+
+template <typename B>
+Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
+OrderedSwTableState<B>::updateEntry(const Key &key) {
+  return Accessor::updateEntry(self(), key, linkage_.ptr());
+}
+
+template <typename B>
+Fwk::Ptr<typename B::EntryWrapper>
+OrderedSwTableState<B>::entryWrapperFromConfig(const Key &key, bool refreshRsrcPtrs,
+                                               Fwk::Ptr<EntryHandle> &handleSlot) {
+  return Accessor::entryWrapperFromConfig(self(), key, refreshRsrcPtrs, handleSlot);
+}
+
+template <typename B>
+void OrderedSwTableState<B>::delAllEntries(bool releaseResources,
+                                           const Fwk::Ptr<NeededEntry> &neededEntry,
+                                           Fwk::Ptr<EntryHandle> &handleSlot) {
+  Accessor::delAllEntries(self(), releaseResources, neededEntry, handleSlot,
+                          linkage_.ptr());
+}
+
+template <typename B> void TableIterState<B>::maybeUpdateCurrentEntry() {
+  IterStateAccessor<TableIterState<B>, typename B::SwTable>::maybeUpdateCurrentEntry(
+      *this);
+}
+
+} // namespace Asic

@@ -1,0 +1,216 @@
+// The generic algorithms of a table's resource linkage, over the linkage
+// type L (ResourceLinkage.h): requesting an entry's resource, telling the
+// commit whether it is ready, counting its users, and following its changes.
+//
+// Usage is counted by set membership: a resource key's usage machine holds
+// the table keys whose committed entry uses it. The first committed user
+// creates the machine and acknowledges the version it has seen; the last one
+// to go releases the resource. The release of an old resource always comes
+// before the mapping of a new one.
+//
+// A change of a resource in use reaches handleResourceChange(): every entry
+// that uses it is recomputed through the table's updateEntry(), and the
+// resource's current version is acknowledged with the last update's handle
+// as the dependency.
+#pragma once
+
+#include <vector>
+
+#include "OrderedTable/ResourceLinkage.h"
+#include "platform/framework/Assert.h"
+#include "platform/trace/Trace.h"
+
+namespace Asic {
+
+template <typename L> struct SwTableResourceAccessor {
+  using B = typename L::Binding;
+  using Key = typename B::Key;
+  using Entry = typename B::Entry;
+  using Wrapper = typename B::EntryWrapper;
+  using ResourceKey = typename B::ResourceKey;
+  using Sm = typename L::LocalUsageUpdateSm;
+
+  static constexpr const char *kUnit = "OrderedTable/OrderedTableResourceAccessor";
+
+  template <typename... Args>
+  static void trace(Trace::Level level, const char *function,
+                    fmt::format_string<Args...> f, Args &&...args) {
+    Trace::Handle &h = Trace::handleOf<L>();
+    if (h.enabled(level)) [[unlikely]] {
+      Trace::emitf(h, level, kUnit, function, __LINE__, "", f,
+                   std::forward<Args>(args)...);
+    }
+  }
+
+  static bool isNull(const ResourceKey &k) noexcept { return k == ResourceKey{}; }
+
+  static void resolveEntry(L &linkage, const Fwk::Ptr<Wrapper> &w) {
+    const ResourceKey key = B::resourceKey(w->entry());
+    if (isNull(key)) {
+      return; // the entry uses no resource
+    }
+    w->resourcePtrIs(B::requestResource(*linkage.resTblClient(), w->entry()));
+  }
+
+  // Hangs the handle of the key's usage machine on the wrapper: every entry
+  // that uses one resource key shares one handle.
+  static void setResourceHandle(L &linkage, const Fwk::Ptr<Wrapper> &w) {
+    auto sm = linkage.entryUsageSm(B::resourceKey(w->entry()));
+    if (!sm) {
+      return;
+    }
+    w->resourcePtrIs(sm->resPtr());
+  }
+
+  static EntryState entryResolutionState(const Fwk::Ptr<const Wrapper> &w) {
+    if (!w || !w->resourcePtr()) {
+      return EntryState::finished; // nothing to wait for
+    }
+    switch (w->resourcePtr()->entryState()) {
+    case 0:
+      return EntryState::made;
+    case 1:
+      return EntryState::logged;
+    case 4:
+      return EntryState::finished;
+    case 3:
+    case 5:
+    case 6:
+      return EntryState::resolveFailed;
+    default:
+      FWK_ASSERT_NAMED(false && "Unhandled resHandle entryState",
+                       "false && \"Unhandled resHandle entryState\"");
+      return EntryState::failed;
+    }
+  }
+
+  static Fwk::Ptr<NeededEntry> getNeededEntrySet(const Fwk::Ptr<const Wrapper> &w) {
+    auto needed = Fwk::make<NeededEntry>();
+    if (!w || !w->resourcePtr()) {
+      return needed;
+    }
+    for (const TableVersion &v : w->resourcePtr()->neededVersions()) {
+      needed->add(v);
+    }
+    for (const TableVersion &v : needed->versions()) {
+      trace(9, "getNeededEntrySet", "neededVersion: {}", v);
+    }
+    return needed;
+  }
+
+  // Records a committed write or delete as a user of its resource (or as no
+  // longer one).
+  static void updateLocalUsage(L &linkage, const Fwk::Ptr<Wrapper> &w,
+                               const Entry &oldEntry, bool isDeleted) {
+    const Key swKey = w->key();
+    trace(8, "updateLocalUsage", "key: {}, isDeleted: {}, oldEntry:{}", swKey,
+          isDeleted, oldEntry);
+    if (!isDeleted) {
+      const ResourceKey newKey = B::resourceKey(w->entry());
+      if (!oldEntry) {
+        addResKeyMapping(linkage, newKey, w, true);
+        return;
+      }
+      const ResourceKey oldKey = B::resourceKey(oldEntry);
+      if (oldKey == newKey) {
+        return; // usage unchanged, nothing to acknowledge
+      }
+      deleteResKeyMapping(linkage, oldKey, swKey, w->entryHandle());
+      addResKeyMapping(linkage, newKey, w, true);
+      return;
+    }
+    if (oldEntry) {
+      deleteResKeyMapping(linkage, B::resourceKey(oldEntry), swKey,
+                          w->entryHandle());
+    }
+  }
+
+  static void addResKeyMapping(L &linkage, const ResourceKey &resKey,
+                               const Fwk::Ptr<Wrapper> &w, bool ackUpdate) {
+    trace(8, "addResKeyMapping", "resKey: {}, swKey: {}", resKey, w->key());
+    if (isNull(resKey)) {
+      trace(3, "addResKeyMapping", "Null resKey: {}", resKey);
+      return;
+    }
+    auto sm = linkage.entryUsageSm(resKey);
+    if (!sm) {
+      linkage.entryUsageSmIs(w->resourcePtr());
+      sm = linkage.entryUsageSm(resKey);
+      FWK_ASSERT(sm);
+      if (ackUpdate) {
+        // The first user acknowledges the version it has seen.
+        linkage.resTblClient()->ackUpdate(sm->resPtr(), sm->resPtr()->version(),
+                                          w->entryHandle());
+      }
+    }
+    sm->entryUsageIs(w->key());
+  }
+
+  static void deleteResKeyMapping(L &linkage, const ResourceKey &resKey,
+                                  const Key &swKey,
+                                  const Fwk::Ptr<OrderedSwTable::EntryHandle> &handle) {
+    trace(8, "deleteResKeyMapping", "resKey: {}, swKey: {}", resKey, swKey);
+    auto sm = linkage.entryUsageSm(resKey);
+    if (!sm) {
+      return; // nothing was held
+    }
+    sm->entryUsageDel(swKey);
+    if (sm->entryUsages() == 0) {
+      linkage.resTblClient()->release(sm->resPtr(), handle);
+      linkage.entryUsageSmDel(resKey);
+    }
+  }
+
+  // After a restart: the entry's usage, without acknowledging anything.
+  static void restoreEntry(L &linkage, const Fwk::Ptr<Wrapper> &w) {
+    const ResourceKey key = B::resourceKey(w->entry());
+    if (isNull(key)) {
+      return;
+    }
+    addResKeyMapping(linkage, key, w, false);
+  }
+
+  // After a restart: every resource in use is treated as changed.
+  static void handleResourceChangeAtInit(L &linkage) {
+    std::vector<Fwk::Ptr<Sm>> sms;
+    sms.reserve(linkage.entryUsageSms());
+    for (auto it = linkage.entryUsageSmColl().begin();
+         it != linkage.entryUsageSmColl().end(); ++it) {
+      sms.push_back(it.value());
+    }
+    for (const auto &sm : sms) {
+      handleResourceChange(*sm);
+    }
+  }
+
+  static void handleResourceChange(Sm &sm) {
+    trace(8, "handleResourceChange", "");
+    const auto &res = sm.resPtr();
+    if (!res) {
+      return;
+    }
+    if (res->isPostReleaseProtoState()) {
+      trace(3, "handleResourceChange", "Ignoring change for resourceKey: {} ",
+            res->key());
+      return;
+    }
+    L *linkage = sm.parent();
+    // The set is copied: an update may change usage.
+    std::vector<Key> users;
+    users.reserve(sm.entryUsages());
+    for (auto it = sm.entryUsageColl().begin(); it != sm.entryUsageColl().end();
+         ++it) {
+      users.push_back(it.key());
+    }
+    Fwk::Ptr<const OrderedSwTable::EntryHandle> latest;
+    for (const Key &key : users) {
+      trace(3, "handleResourceChange", "Updating sw table entry for key: {}", key);
+      if (auto h = linkage->swTable()->updateEntry(key)) {
+        latest = h;
+      }
+    }
+    linkage->resTblClient()->ackUpdate(res, res->version(), latest);
+  }
+};
+
+} // namespace Asic
