@@ -35,8 +35,8 @@ constexpr std::size_t padTo8(std::size_t n) { return (8 - n % 8) % 8; }
 
 // Operations shared by the two layouts of a configuration record.
 template <typename Rec, typename B> struct ConfigSlateEntryOps {
-  bool operator==(const Rec &o) const noexcept {
-    return Fwk::bytesEqual(self(), o);
+  friend bool operator==(const Rec &a, const Rec &b) noexcept {
+    return Fwk::bytesEqual(a, b);
   }
   // Equality with the default record, which stands for absence.
   bool isEq(const Rec &o) const noexcept { return self() == o; }
