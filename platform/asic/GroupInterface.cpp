@@ -22,4 +22,28 @@ LogVersion GroupInterface::loggedVersion(SwTableId tableId) const {
   return v ? *v : 0;
 }
 
+void GroupInterface::tableVersionSlateIs(const Fwk::Ptr<TableVersionSlate> &slate) {
+  if (slate == tableVersionSlate_) {
+    return;
+  }
+  tableVersionSlate_ = slate;
+  notify(attrTableVersionSlate);
+}
+
+std::optional<LogVersion> GroupInterface::hwTableVersion(SwTableId tableId) const {
+  if (!tableVersionSlate_) {
+    return std::nullopt;
+  }
+  auto &coll = tableVersionSlate_->tableVersion();
+  TableVersionRecord r;
+  try {
+    if (coll.find(tableId.packed(), r)) {
+      return r.version;
+    }
+  } catch (const Shm::CorruptionError &e) {
+    coll.doCorruptionDetected(e.what());
+  }
+  return std::nullopt;
+}
+
 } // namespace Asic

@@ -6,13 +6,17 @@
 //   auto group = Fwk::make<Asic::GroupInterface>(id.agentGroupId(), "MicaMpls");
 //   group->addLogEntry(tableId, version, neededEntry);   // from an entry log
 //   group->loggedVersion(tableId);                       // newest version logged
+//   group->tableVersionSlateIs(versions);  // the hardware writer's versions
+//   group->hwTableVersion(tableId);        // how far the hardware has got
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/Export.h"
 #include "platform/asic/OrderedSwTable.h"
+#include "platform/asic/TableVersionSlate.h"
 #include "platform/framework/HashMap.h"
 #include "platform/framework/Notifier.h"
 
@@ -21,6 +25,7 @@ namespace Asic {
 class MICA_PLATFORM_API GroupInterface : public Fwk::Notifier {
 public:
   static constexpr Fwk::AttrId attrLoggedVersion{1, "loggedVersion"};
+  static constexpr Fwk::AttrId attrTableVersionSlate{2, "tableVersionSlate"};
 
   GroupInterface(std::uint16_t agentGroupId, std::string groupName);
 
@@ -39,6 +44,17 @@ public:
     return withDependencies_;
   }
 
+  // The shared-memory collection of table versions: table type -> the
+  // version the hardware writer has taken.
+  const Fwk::Ptr<TableVersionSlate> &tableVersionSlate() const noexcept {
+    return tableVersionSlate_;
+  }
+  void tableVersionSlateIs(const Fwk::Ptr<TableVersionSlate> &slate);
+  // The version the hardware writer has taken of a table type; nothing when
+  // there is no record (first start). A corrupt record is handed to the
+  // collection's corruption handling and counts as not found.
+  std::optional<LogVersion> hwTableVersion(SwTableId tableId) const;
+
 private:
   ~GroupInterface() override;
 
@@ -47,6 +63,7 @@ private:
   Fwk::HashMap<SwTableId, LogVersion> logged_{0x1f83d9abu};
   std::uint64_t logEntries_ = 0;
   std::uint64_t withDependencies_ = 0;
+  Fwk::Ptr<TableVersionSlate> tableVersionSlate_;
 };
 
 } // namespace Asic

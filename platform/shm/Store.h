@@ -68,11 +68,11 @@
 //    created complete under a temporary name and renamed into place, so a
 //    kill during creation leaves either no file or the whole one; an unusable
 //    header is recreated (wiped) rather than repaired.
-// A user that keeps a version number in the scratchpad stores it after the
-// record it describes; then after a crash the scratchpad never names a
-// version whose record is missing, and the next version handed out after a
-// remount (scratchpad + 1, or past the largest record found) is never one
-// that a record already carries.
+// A user that hands out version numbers from the scratchpad reserves a
+// version there (stores it) before it writes any record carrying it; then
+// after a crash the scratchpad is at least every version a record carries,
+// and scratchpad + 1 is never one that a record already holds (a version
+// reserved by a change that was cut off is simply never used).
 // What this does not cover: power loss or kernel crashes (files live in
 // tmpfs; nothing is synced), and a second writer that ignores the lock.
 //
