@@ -30,8 +30,9 @@
 // Failures. A lookup that meets corrupt shared memory hands the error to the
 // collection's corruption handling, which drops the record; the record then
 // counts as absent. A write of a new key into a full configuration table, or
-// into a full change log, throws Shm::CollectionFullError before anything is
-// written or any version is used; the commit turns it into a failed change.
+// any change into a full change log, throws Shm::CollectionFullError with
+// nothing written and no version used; the commit turns it into a failed
+// change.
 #pragma once
 
 #include <cstdint>
@@ -250,6 +251,7 @@ public:
           logEntry, neededEntry, tableVersion(), unitId, suppressIdenticalWrites);
     ConfigSlateT &slate = configSlateOf(unitId);
     const Key &key = logEntry.key;
+    prefetchChange(slate, key);
     if (suppressIdenticalWrites) {
       ConfigEntry stored;
       if (lookup(slate, key, stored) && !stored.isDeleted) {
@@ -272,13 +274,20 @@ public:
         }
       }
     }
-    refuseIfFull(slate.swTableEntries(), &key);
+    refuseIfLogFull();
     const LogVersion v = reserveVersion(tableVersion() + 1);
     ConfigEntry record{};
     record.rsrcKeys = rsrcKeys;
     record.logEntry = logEntry;
     record.logVersion = v;
-    slate.swTableEntriesIs(record);
+    try {
+      slate.swTableEntriesIs(record);
+    } catch (const Shm::CollectionFullError &) {
+      // A new key into a full table: the store wrote nothing, and no record
+      // carries the version, so the reservation is taken back.
+      releaseVersion(v);
+      throw;
+    }
     logChange(v, logEntry, unitId, 0, neededEntry);
     return v;
   }
@@ -289,12 +298,13 @@ public:
                       UnitId unitId) {
     trace(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
+    prefetchChange(slate, key);
     ConfigEntry stored;
     if (!lookup(slate, key, stored)) {
       trace(3, " key: {} entry does not exist. So ignoring delete", key);
       return 0;
     }
-    refuseIfFull(slate.swTableEntries(), nullptr);
+    refuseIfLogFull();
     const LogVersion v = reserveVersion(tableVersion() + 1);
     stored.logVersion = v;
     stored.isDeleted = true;
@@ -307,7 +317,7 @@ public:
   LogVersion tableDel(const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId) {
     trace(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
-    refuseIfFull(slate.swTableEntries(), nullptr);
+    refuseIfLogFull();
     const LogVersion v = reserveVersion(tableVersion() + 1);
     // Records already marked deleted keep their own version: their own
     // deletion retires them.
@@ -419,11 +429,23 @@ private:
     return **s;
   }
 
+  // A change touches the key's record and the next change-log record in two
+  // collections; fetching both at once overlaps their memory latencies.
+  void prefetchChange(const ConfigSlateT &slate, const Key &key) const noexcept {
+    slate.swTableEntries().prefetch(key);
+    tableEntryLog_->entryLogConfig().prefetch(tableVersion() + 1);
+  }
+
   // Reserves versions up to `v` in the scratchpad before anything uses them.
   LogVersion reserveVersion(LogVersion v) {
     tableEntryLog_->entryLogConfig().control().scratchpadIs(v);
     tableVersionInc(v - tableVersion());
     return v;
+  }
+  // Takes back the reservation of `v`, which no record carries.
+  void releaseVersion(LogVersion v) {
+    tableEntryLog_->entryLogConfig().control().scratchpadIs(v - 1);
+    tableVersionIs(v - 1);
   }
 
   void logChange(LogVersion v, const LogEntry &logEntry, UnitId unitId,
@@ -439,16 +461,10 @@ private:
     }
   }
 
-  // Nothing may be written when a new key does not fit: check both
-  // collections before a version is reserved.
-  // `newKey` is the key a write may add, or null when none is added.
-  void refuseIfFull(const typename ConfigSlateT::Collection &cfg,
-                    const Key *newKey) const {
-    if (newKey && cfg.count() >= cfg.capacity() && !cfg.contains(*newKey)) {
-      throw Shm::CollectionFullError(fmt::format(
-          "{}: the configuration table is full ({} records)",
-          B::kEntryLogClass, cfg.capacity()));
-    }
+  // Nothing may be written when the change log is full: checked before a
+  // version is reserved. (A full configuration table is refused by the
+  // store itself, before it writes anything.)
+  void refuseIfLogFull() const {
     const auto &log = tableEntryLog_->entryLogConfig();
     if (log.count() >= log.capacity()) {
       throw Shm::CollectionFullError(
@@ -499,16 +515,16 @@ private:
     }
   }
 
-  // Visits every record of a unit (read only) in one sequential pass. A
-  // corrupt record is dropped and the pass starts over, so `restart` runs
-  // before every pass.
+  // Visits every record of a unit (read only) in one sequential pass over
+  // the slots, in no particular order. A corrupt record is dropped and the
+  // pass starts over, so `restart` runs before every pass.
   template <typename R, typename F>
   static void forEachRecord(ConfigSlateT &slate, R &&restart, F &&f) {
     auto &coll = slate.swTableEntries();
     for (;;) {
       restart();
       try {
-        coll.forEach(f);
+        coll.forEachUnordered(f);
         return;
       } catch (const Shm::CorruptionError &e) {
         coll.doCorruptionDetected(e.what());

@@ -86,6 +86,14 @@ public:
     return {i, false};
   }
 
+  // Starts fetching the cache line where a lookup of `h` begins, so that a
+  // lookup issued a little later does not wait for memory.
+  void prefetch(Hash h) const noexcept {
+    if (len_) {
+      __builtin_prefetch(&a_[home(h)]);
+    }
+  }
+
   // The first used position at or after `from`, or npos.
   std::size_t nextUsed(std::size_t from) const noexcept {
     for (std::size_t i = from; i < len_; ++i) {
@@ -135,6 +143,9 @@ public:
   }
 
   // Releases memory after many erases: shrinks while the load is below 1/8.
+  // The load is global: when the elements left are concentrated in one part
+  // of the hash range (after erasing in order, say), shrinking packs them
+  // into long runs, so callers shrink only where keys are spread.
   void shrinkToFit() {
     unsigned b = bits_;
     while (b > kMinBits && size_ * 8 < (std::size_t{1} << b)) {

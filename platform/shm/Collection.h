@@ -191,8 +191,29 @@ protected:
   static std::uint64_t checksumAt(const unsigned char *slot) noexcept {
     return reinterpret_cast<const format::SlotHeader *>(slot)->checksum;
   }
+  // The index hash of a key under the file's seed. Keys of up to 16 bytes
+  // (every key in use) are mixed inline: a call through XXH3's CPU dispatch
+  // costs more than the mixing of one or two words.
   std::uint64_t hashBytes(const void *key, std::size_t n) const noexcept {
+    if (n <= 16) {
+      std::uint64_t a = 0, b = 0;
+      std::memcpy(&a, key, n < 8 ? n : 8);
+      if (n > 8) {
+        std::memcpy(&b, static_cast<const unsigned char *>(key) + 8, n - 8);
+      }
+      return mix64(mix64(a ^ site_.hashSeed) ^ b);
+    }
     return Fwk::hashBytes64(key, n, site_.hashSeed);
+  }
+  // The 64-bit finaliser of MurmurHash3: a bijection, so keys of up to 8
+  // bytes never collide.
+  static constexpr std::uint64_t mix64(std::uint64_t x) noexcept {
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdull;
+    x ^= x >> 33;
+    x *= 0xc4ceb9fe1a85ec53ull;
+    x ^= x >> 33;
+    return x;
   }
 
   void requireWriter() const {
@@ -357,6 +378,17 @@ public:
     requireView();
     const auto p = locate(key);
     return p.found ? verified(index_.at(p.pos)) : nullptr;
+  }
+
+  // Starts fetching what a lookup or an insert of the key will touch (its
+  // index entry and the slot the next insert writes), so that a caller with
+  // several collections to change can overlap their memory latencies.
+  // Changes nothing. Writer only; a no-op for readers.
+  void prefetch(const Key &key) const noexcept {
+    if (writer()) {
+      index_.prefetch(hashBytes(&key, sizeof(Key)));
+      prefetchDestination();
+    }
   }
 
   // Inserts the record or replaces the one of its key.
@@ -581,9 +613,14 @@ private:
                    "collection {} of {}: only the writer keeps an index",
                    name(), site_.file->filePath);
   }
+  // The index is given back only when the collection empties. Shrinking a
+  // non-empty index would pack what is left at the global load, but the
+  // keys left after an ordered walk that erases (a clean-up) sit in one part
+  // of the hash range: packed, they would form long runs that every later
+  // insert and erase has to shift.
   void maybeShrink() {
-    if (index_.slots() > 4096 && index_.size() * 16 < index_.slots()) {
-      index_.shrinkToFit();
+    if (index_.size() == 0 && index_.slots() > 4096) {
+      index_.clear();
     }
   }
 
