@@ -32,6 +32,10 @@ install(FILES
   ${PROJECT_BINARY_DIR}/MicaMplsConfigVersion.cmake
   DESTINATION ${MICA_CMAKE_DIR})
 
+# The pkg-config file finds its prefix relative to itself, so an install
+# into another prefix (cmake --install --prefix) still works.
+file(RELATIVE_PATH MICA_PC_PREFIX_FROM_PCDIR
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/mica-mpls.pc.in
   ${PROJECT_BINARY_DIR}/mica-mpls.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/mica-mpls.pc
