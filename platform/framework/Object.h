@@ -115,7 +115,8 @@ public:
     }
   }
 
-  Ptr &operator=(const Ptr &o) noexcept {
+  // Copy and swap: safe on self-assignment.
+  Ptr &operator=(const Ptr &o) noexcept { // NOLINT(bugprone-unhandled-self-assignment)
     Ptr(o).swap(*this);
     return *this;
   }

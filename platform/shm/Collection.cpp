@@ -90,7 +90,8 @@ std::uint32_t CollectionCore::mountBegin() {
   if (hw > 0) {
     // Fault the used prefix in at once; the rest of a sparse file is left
     // alone (it may be far larger than what was ever used).
-    auto *begin = reinterpret_cast<unsigned char *>(
+    // Rounded down to its page: madvise takes page-aligned addresses.
+    auto *begin = reinterpret_cast<unsigned char *>( // NOLINT(performance-no-int-to-ptr)
         reinterpret_cast<std::uintptr_t>(site_.slots) &
         ~(format::kPageSize - 1));
     const std::size_t len = static_cast<std::size_t>(slotAt(hw) - begin);

@@ -132,8 +132,9 @@ std::uint64_t randomSeed() {
 }
 
 void copyName(char *dst, std::size_t size, const std::string &s) {
+  // Zeroed first, at most size - 1 bytes copied: always terminated.
   std::memset(dst, 0, size);
-  std::memcpy(dst, s.data(), std::min(s.size(), size - 1));
+  std::memcpy(dst, s.data(), std::min(s.size(), size - 1)); // NOLINT(bugprone-not-null-terminated-result)
 }
 
 // The header a writer mount expects: layout and capacities, offsets filled
@@ -748,7 +749,11 @@ void listFiles(int dirFd, const std::string &prefix,
     if (::fstatat(dirFd, n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       continue;
     }
-    const std::string path = prefix.empty() ? n : prefix + "/" + n;
+    std::string path = prefix;
+    if (!path.empty()) {
+      path += '/';
+    }
+    path += n;
     if (S_ISREG(st.st_mode)) {
       out.push_back(path);
     } else if (S_ISDIR(st.st_mode)) {
