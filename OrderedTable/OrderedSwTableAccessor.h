@@ -254,16 +254,22 @@ template <typename T> struct OrderedSwTableAccessor {
   }
 
   // Forgets the pending state of the wrapper's key if this commit is its
-  // newest change; a newer change's own commit will clear it otherwise.
+  // newest change; a newer change's own commit will clear it otherwise. The
+  // key's version tells which change is the newest: a remove-all drops the
+  // pending wrappers from view but keeps their versions, and the newest of
+  // those changes still ends the key's time in flight when it commits.
   template <typename Coll, typename Del>
   static void clearTransient(T &t, const Coll &coll, Del &&del, const Key &key,
                              EntryVersion committed) {
+    if (!(t.transientVersionForKey(key) == committed)) {
+      return; // a newer change of the key is pending
+    }
     const auto *found = coll.find(key);
     if (found && *found && (*found)->entryHandle() &&
         (*found)->entryHandle()->version() == committed) {
       del(key);
-      t.transientVersionForKeyDel(key);
     }
+    t.transientVersionForKeyDel(key);
   }
 
   static void commitEntry(T &t, const Fwk::Ptr<ResolverEntry> &base,

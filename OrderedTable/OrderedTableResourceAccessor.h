@@ -32,15 +32,19 @@ template <typename L> struct SwTableResourceAccessor {
 
   static constexpr const char *kUnit = "OrderedTable/OrderedTableResourceAccessor";
 
+  // Traces of the generic algorithms: the linkage's handle, no class name,
+  // the calling function and line (RA_TRACE).
   template <typename... Args>
-  static void trace(Trace::Level level, const char *function,
+  static void trace(Trace::Level level, const char *function, int line,
                     fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<L>();
     if (h.enabled(level)) [[unlikely]] {
-      Trace::emitf(h, level, kUnit, function, __LINE__, "", f,
+      Trace::emitf(h, level, kUnit, function, line, "", f,
                    std::forward<Args>(args)...);
     }
   }
+#define RA_TRACE(level, function, ...)                                         \
+  trace(level, function, __LINE__, __VA_ARGS__)
 
   static bool isNull(const ResourceKey &k) noexcept { return k == ResourceKey{}; }
 
@@ -93,7 +97,7 @@ template <typename L> struct SwTableResourceAccessor {
       needed->add(v);
     }
     for (const TableVersion &v : needed->versions()) {
-      trace(9, "getNeededEntrySet", "neededVersion: {}", v);
+      RA_TRACE(9, "getNeededEntrySet", "neededVersion: {}", v);
     }
     return needed;
   }
@@ -103,8 +107,8 @@ template <typename L> struct SwTableResourceAccessor {
   static void updateLocalUsage(L &linkage, const Fwk::Ptr<Wrapper> &w,
                                const Entry &oldEntry, bool isDeleted) {
     const Key swKey = w->key();
-    trace(8, "updateLocalUsage", "key: {}, isDeleted: {}, oldEntry:{}", swKey,
-          isDeleted, oldEntry);
+    RA_TRACE(8, "updateLocalUsage", "key: {}, isDeleted: {}, oldEntry:{}",
+             swKey, isDeleted, oldEntry);
     if (!isDeleted) {
       const ResourceKey newKey = B::resourceKey(w->entry());
       if (!oldEntry) {
@@ -127,9 +131,9 @@ template <typename L> struct SwTableResourceAccessor {
 
   static void addResKeyMapping(L &linkage, const ResourceKey &resKey,
                                const Fwk::Ptr<Wrapper> &w, bool ackUpdate) {
-    trace(8, "addResKeyMapping", "resKey: {}, swKey: {}", resKey, w->key());
+    RA_TRACE(8, "addResKeyMapping", "resKey: {}, swKey: {}", resKey, w->key());
     if (isNull(resKey)) {
-      trace(3, "addResKeyMapping", "Null resKey: {}", resKey);
+      RA_TRACE(3, "addResKeyMapping", "Null resKey: {}", resKey);
       return;
     }
     auto sm = linkage.entryUsageSm(resKey);
@@ -149,7 +153,7 @@ template <typename L> struct SwTableResourceAccessor {
   static void deleteResKeyMapping(L &linkage, const ResourceKey &resKey,
                                   const Key &swKey,
                                   const Fwk::Ptr<OrderedSwTable::EntryHandle> &handle) {
-    trace(8, "deleteResKeyMapping", "resKey: {}, swKey: {}", resKey, swKey);
+    RA_TRACE(8, "deleteResKeyMapping", "resKey: {}, swKey: {}", resKey, swKey);
     auto sm = linkage.entryUsageSm(resKey);
     if (!sm) {
       return; // nothing was held
@@ -184,14 +188,14 @@ template <typename L> struct SwTableResourceAccessor {
   }
 
   static void handleResourceChange(Sm &sm) {
-    trace(8, "handleResourceChange", "");
+    RA_TRACE(8, "handleResourceChange", "");
     const auto &res = sm.resPtr();
     if (!res) {
       return;
     }
     if (res->isPostReleaseProtoState()) {
-      trace(3, "handleResourceChange", "Ignoring change for resourceKey: {} ",
-            res->key());
+      RA_TRACE(3, "handleResourceChange",
+               "Ignoring change for resourceKey: {} ", res->key());
       return;
     }
     L *linkage = sm.parent();
@@ -204,13 +208,15 @@ template <typename L> struct SwTableResourceAccessor {
     }
     Fwk::Ptr<const OrderedSwTable::EntryHandle> latest;
     for (const Key &key : users) {
-      trace(3, "handleResourceChange", "Updating sw table entry for key: {}", key);
+      RA_TRACE(3, "handleResourceChange", "Updating sw table entry for key: {}",
+               key);
       if (auto h = linkage->swTable()->updateEntry(key)) {
         latest = h;
       }
     }
     linkage->resTblClient()->ackUpdate(res, res->version(), latest);
   }
+#undef RA_TRACE
 };
 
 } // namespace Asic

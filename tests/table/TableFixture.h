@@ -92,13 +92,14 @@ struct RecordingSink : Trace::Sink {
     std::string handle;
     Trace::Level level;
     std::string sourceUnit, function, className, message;
+    int line;
   };
   RecordingSink() { Trace::sinkIs(this); }
   ~RecordingSink() override { Trace::sinkIs(nullptr); }
   void write(const Trace::Record &r) override {
     lines.push_back({r.handle->name(), r.level, std::string(r.sourceUnit),
                      std::string(r.function), std::string(r.className),
-                     std::string(r.message)});
+                     std::string(r.message), r.line});
   }
   bool has(std::string_view message) const {
     for (const auto &l : lines) {

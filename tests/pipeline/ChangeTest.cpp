@@ -1,0 +1,246 @@
+// Write, remove and remove-all, and their commit: versions, transient
+// collections, marking, readiness, failures and the entry log.
+#include "PipelineFixture.h"
+
+namespace {
+
+using namespace PipelineTest;
+using Asic::EntryVersion;
+using Asic::MajorVersion;
+
+template <typename F> class Change : public ::testing::Test {};
+TYPED_TEST_SUITE(Change, Families);
+
+TYPED_TEST(Change, EachChangeOfAKeySupersedesThePendingOneWithTheNextVersion) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  const Key k(10);
+  auto w1 = t.entryWrite(k, F::entry(10, 1), nullptr);
+  auto rm = t.entryRemove(k, nullptr);
+  EXPECT_FALSE(t.transientAddEntry(k));
+  EXPECT_EQ(t.transientRemoveEntry(k)->entryHandle(), rm);
+  t.mark();
+  auto w2 = t.entryWrite(k, F::entry(10, 2), nullptr);
+  t.entryRemove(Key(11), nullptr);
+  EXPECT_FALSE(t.transientRemoveEntry(k));
+  EXPECT_EQ(t.transientAddEntry(k)->entryHandle(), w2);
+  EXPECT_EQ(w1->version(), EntryVersion(0, 0));
+  EXPECT_EQ(rm->version(), EntryVersion(1, 0));
+  EXPECT_EQ(w2->version(), EntryVersion(2, 0));
+  EXPECT_EQ(t.transientVersionForKey(k), EntryVersion(2, 0));
+  // Writes while marking are marked, removes are not.
+  EXPECT_EQ(t.markedKeys(), 1u);
+  std::vector<Asic::EntryFlags> flags;
+  for (std::size_t i = 0; i < env.resolver->resolverQueueSize(); ++i) {
+    flags.push_back(env.resolver->resolverQueue(i)->flags());
+  }
+  EXPECT_EQ(flags, (std::vector<Asic::EntryFlags>{0, 1, 4, 1}));
+
+  EXPECT_EQ(env.pass(), 4u);
+  EXPECT_EQ(t.transientVersionForKeys() + t.transientAddEntrys(), 0u);
+  EXPECT_EQ(t.entryWrite(k, F::entry(10, 3), nullptr)->version(),
+            EntryVersion(0, 0));
+}
+
+TYPED_TEST(Change, RemoveAllCountsPendingClearsAndDropsPendingChangesFromView) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  env.commit({{1, 1}, {2, 2}});
+  t.entryWrite(Key(3), F::entry(3, 3), nullptr);
+  t.entryRemove(Key(1), nullptr);
+  EXPECT_FALSE(t.transientRemoveAllVersion().valid());
+  t.entryRemoveAll(nullptr);
+  EXPECT_EQ(t.transientRemoveAllVersion(), MajorVersion(0));
+  auto blocked = dependency(EntryState::made);
+  t.entryRemoveAll(blocked);
+  EXPECT_EQ(t.transientRemoveAllVersion(), MajorVersion(1));
+  EXPECT_EQ(t.transientAddEntrys() + t.transientRemoveEntrys(), 0u);
+  EXPECT_EQ(t.transientVersionForKey(Key(3)), EntryVersion(0, 0));
+  EXPECT_EQ(t.transientVersionForKey(Key(1)), EntryVersion(0, 0));
+
+  // The dropped write and remove still commit, then the first remove-all.
+  EXPECT_EQ(env.pass(), 3u);
+  EXPECT_EQ(t.transientRemoveAllVersion(), MajorVersion(0));
+  EXPECT_EQ(env.log->entrys(Env<F>::kUnit), 0u);
+  blocked->entryStateIs(EntryState::finished);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_FALSE(t.transientRemoveAllVersion().valid());
+  EXPECT_EQ(t.stats()->tableClearCnt(), 2u);
+  EXPECT_EQ(env.group->logEntriesWithDependencies(), 1u);
+  // Nothing of keys 1 and 3 is in flight any more: they start afresh.
+  EXPECT_EQ(t.transientVersionForKeys(), 0u);
+  EXPECT_EQ(t.entryWrite(Key(3), F::entry(3, 3), nullptr)->version(),
+            EntryVersion(0, 0));
+}
+
+TYPED_TEST(Change,
+           AnUnprocessedDependencyHoldsTheQueueAndAFailedOneFailsTheCommit) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  Traces tr({F::B::kSwTableClass});
+  Responses r;
+  F::allocator(*env.res).failingKeyIs(F::resKey(9));
+  auto dep = dependency(EntryState::made);
+  // Blocked whatever their resource: none, failed; and a remove.
+  auto h1 =
+      t.entryWriteWithResponseHandler(Key(1), F::entry(1, 0), dep, r.handler());
+  auto h2 =
+      t.entryWriteWithResponseHandler(Key(2), F::entry(2, 9), dep, r.handler());
+  auto h3 = t.entryRemoveWithResponseHandler(Key(3), dep, r.handler());
+  auto h4 =
+      t.entryWrite(Key(4), F::entry(4, 4), nullptr); // ready, but queued behind
+  EXPECT_EQ(env.pass(), 0u);
+  EXPECT_TRUE(tr.has(
+      3, fmt::format("key: {} dependant entry not yet resolved", Key(1))));
+
+  dep->entryStateIs(EntryState::rejected);
+  EXPECT_EQ(env.pass(), 4u);
+  for (const auto &h : {h1, h2, h3}) {
+    EXPECT_EQ(h->entryState(), EntryState::failed);
+    EXPECT_EQ(r.count(h), 1u);
+  }
+  EXPECT_EQ(h4->entryState(), EntryState::logged);
+  EXPECT_TRUE(
+      tr.has(1, fmt::format("Failed dependent entry for key: {}", Key(2))));
+  EXPECT_TRUE(tr.has(1, fmt::format("Failed to commit entry key: {}", Key(3))));
+
+  for (const auto s : {EntryState::failed, EntryState::resolveFailed}) {
+    t.entryRemoveAll(dependency(s));
+    const MajorVersion before = t.transientRemoveAllVersion();
+    EXPECT_EQ(env.pass(), 1u);
+    EXPECT_EQ(t.transientRemoveAllVersion(), before);
+  }
+  EXPECT_TRUE(tr.has(1, "Failed dependent entry for remove all"));
+  EXPECT_TRUE(tr.has(1, "Failed to commit entry remove all operation"));
+  EXPECT_EQ(env.log->tableVersion(), 1u);
+  EXPECT_EQ(t.stats()->commitCnt(), 6u);
+}
+
+// Keeps writes whose resource failed.
+template <typename F> struct KeepingHelper : F::Helper {
+  bool finalizeOnFailure(const Fwk::Ptr<typename F::Wrapper> &, bool,
+                         const Fwk::Ptr<typename F::Table> &) override {
+    return true;
+  }
+};
+
+TYPED_TEST(Change, AWriteWhoseResourceFailedIsDroppedUnlessTheHelperKeepsIt) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  Traces tr({F::B::kSwTableClass});
+  Responses r;
+  F::allocator(*env.res).failingKeyIs(F::resKey(9));
+  auto h = t.entryWriteWithResponseHandler(Key(1), F::entry(1, 9), nullptr,
+                                           r.handler());
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(h->entryState(), EntryState::failed);
+  EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(t.stats()->resolveFailCnt(), 1u);
+  EXPECT_EQ(t.stats()->commitCnt(), 1u);
+  EXPECT_EQ(env.log->tableVersion(), 0u);
+  EXPECT_EQ(env.linkage->entryUsageSms(), 0u);
+  EXPECT_FALSE(t.entryHas(Key(1))); // the failed write cleared its key
+  EXPECT_TRUE(tr.has(
+      3, fmt::format("SwTable key: {}, resourceKey: {} has failed resolution!",
+                     Key(1), F::resKey(9))));
+
+  t.swTableHelperIs(Fwk::make<KeepingHelper<F>>());
+  auto kept = t.entryWrite(Key(2), F::entry(2, 9), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(kept->entryState(), EntryState::logged);
+  EXPECT_TRUE(env.logged(2));
+  EXPECT_EQ(t.stats()->resolveFailCnt(), 2u);
+}
+
+TYPED_TEST(Change, ChangesTheHardwareNeedNotWaitForFinishInsideTheCommit) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  Responses r;
+  // A remove of a key the log does not hold.
+  auto rm = t.entryRemoveWithResponseHandler(Key(7), nullptr, r.handler());
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(rm->entryState(), EntryState::finished);
+  EXPECT_EQ(rm->logVersion(), 0u);
+  EXPECT_EQ(r.count(rm), 1u);
+
+  // Replayed identically, an entry is logged again, unless the table is
+  // marking: then its confirmed version is reused.
+  env.commit({{1, 1}});
+  auto again = t.entryWrite(Key(1), F::entry(1, 1), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(again->logVersion(), 2u);
+  t.tableStatusVersion(2);
+  t.mark();
+  auto marked = t.entryWriteWithResponseHandler(Key(1), F::entry(1, 1), nullptr,
+                                                r.handler());
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(marked->entryState(), EntryState::finished);
+  EXPECT_EQ(marked->logVersion(), 2u);
+  EXPECT_EQ(r.count(marked), 1u);
+  EXPECT_EQ(env.log->tableVersion(), 2u);
+  EXPECT_EQ(t.stats()->suppressedWriteCnt(), 1u);
+  EXPECT_EQ(t.entryHandleInLogSize(), 0u);
+}
+
+TYPED_TEST(Change, TwoWritesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  const Key k(5);
+  auto dep = dependency(EntryState::made);
+  t.entryWrite(k, F::entry(5, 1), nullptr);
+  t.entryWrite(k, F::entry(5, 2), dep);
+  t.entryWrite(Key(6), F::entry(6, 1), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_TRUE(t.transientAddEntry(k));
+  EXPECT_EQ(t.transientVersionForKey(k), EntryVersion(1, 0));
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(1));
+  dep->entryStateIs(EntryState::finished);
+  EXPECT_EQ(env.pass(), 2u);
+  EXPECT_FALSE(t.transientAddEntry(k));
+  EXPECT_FALSE(t.transientVersionForKey(k).valid());
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(2));
+  EXPECT_EQ(env.group->logEntriesWithDependencies(), 1u);
+}
+
+TYPED_TEST(Change,
+           AWriteOfANewKeyIntoAFullConfigurationTableFailsAndChangesNothing) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  Responses r;
+  auto &slate = *env.log->tableConfigSlate(Env<F>::kUnit);
+  for (std::uint32_t i = 0; i < 65536; ++i) {
+    Asic::ConfigSlateEntry<typename F::B> rec{};
+    rec.logEntry.key = Key(i);
+    slate.swTableEntriesIs(rec);
+  }
+  auto h = t.entryWriteWithResponseHandler(Key(70000), F::entry(70000, 3),
+                                           nullptr, r.handler());
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(h->entryState(), EntryState::failed);
+  EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(env.log->tableVersion(), 0u);
+  EXPECT_EQ(env.log->entryLogRecords(), 0u);
+  EXPECT_EQ(env.log->entrys(Env<F>::kUnit), 65536u);
+  EXPECT_FALSE(t.entryHas(Key(70000)));
+  EXPECT_EQ(env.linkage->entryUsageSms(), 0u);
+  // A key the table holds can still be rewritten.
+  auto ok = t.entryWrite(Key(5), F::entry(5, 3), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(ok->entryState(), EntryState::logged);
+}
+
+} // namespace

@@ -1,0 +1,156 @@
+// Reads and iteration: pending changes merged over the committed
+// configuration, and walks that survive changes between their steps.
+#include <algorithm>
+
+#include "PipelineFixture.h"
+
+namespace {
+
+using namespace PipelineTest;
+
+template <typename F> class Read : public ::testing::Test {};
+TYPED_TEST_SUITE(Read, Families);
+
+template <typename It> auto keysOf(It &&it) {
+  std::vector<std::decay_t<decltype(it.entry().key)>> keys;
+  for (; !it.done(); ++it) {
+    keys.push_back(it.entry().key);
+  }
+  return keys;
+}
+
+// The committed keys in the configuration table's order.
+template <typename F> std::vector<typename F::Key> configOrder(Env<F> &env) {
+  std::vector<typename F::Key> keys;
+  auto &coll = env.log->tableConfigSlate(Env<F>::kUnit)->swTableEntries();
+  for (auto k = coll.firstKey(); k; k = coll.nextKey(*k)) {
+    keys.push_back(*k);
+  }
+  return keys;
+}
+
+TYPED_TEST(Read, PendingWritesShadowAndPendingRemovesHideCommittedEntries) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  env.commit({{1, 1}, {2, 2}, {3, 3}});
+  const auto committed3 = env.committed(3);
+  EXPECT_NE(F::result(committed3), 0u); // resolved at commit
+  t.entryWrite(Key(1), F::entry(1, 7, 42), nullptr);
+  t.entryRemove(Key(2), nullptr);
+  t.entryWrite(Key(4), F::entry(4, 4), nullptr);
+  t.entryRemove(Key(9), nullptr); // never committed
+  const std::pair<std::uint32_t, bool> has[] = {
+      {1, true}, {2, false}, {3, true}, {4, true}, {9, false}};
+  for (const auto &[label, yes] : has) {
+    EXPECT_EQ(t.entryHas(Key(label)), yes) << label;
+  }
+  EXPECT_EQ(t.entry(Key(1)), F::entry(1, 7, 42));
+  EXPECT_EQ(t.entryFromConfig(Key(1)), env.committed(1));
+  EXPECT_EQ(t.entry(Key(2)), typename F::Entry{});
+  EXPECT_EQ(t.entry(Key(3)), committed3);
+  EXPECT_EQ(t.entrys(), 3u);
+
+  // A pending remove-all hides every committed entry, except from a point
+  // read of a key that is still committed.
+  t.entryRemoveAll(nullptr);
+  t.entryWrite(Key(5), F::entry(5, 5), nullptr);
+  EXPECT_FALSE(t.entryHas(Key(3)));
+  EXPECT_EQ(t.entry(Key(3)), committed3);
+  EXPECT_EQ(t.entrys(), 1u);
+  EXPECT_EQ(keysOf(t.entryIteratorConst()), std::vector<Key>{Key(5)});
+}
+
+TYPED_TEST(Read, AWalkYieldsPendingWritesFirstThenEachCommittedEntryOnce) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  EXPECT_TRUE(t.entryIteratorConst().done());
+  EXPECT_EQ(t.getTableEntries_py()->size(), 0u);
+  env.commit({{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}});
+  t.entryWrite(Key(2), F::entry(2, 8, 1), nullptr);
+  t.entryWrite(Key(4), F::entry(4, 8, 2), nullptr);
+  t.entryWrite(Key(10), F::entry(10, 8), nullptr);
+  t.entryRemove(Key(5), nullptr);
+
+  std::vector<Key> expected;
+  const auto &add = t.transientAddEntryColl();
+  for (auto it = add.begin(); it != add.end(); ++it) {
+    expected.push_back(it.key());
+  }
+  for (const Key &k : configOrder(env)) {
+    if (!add.contains(k) && !(k == Key(5))) {
+      expected.push_back(k);
+    }
+  }
+  EXPECT_EQ(keysOf(t.entryIteratorConst()), expected);
+  EXPECT_EQ(t.entrys(), 6u);
+  auto snapshot = t.getTableEntries_py();
+  EXPECT_EQ(snapshot->size(), 6u);
+  ASSERT_TRUE(snapshot->tableEntry(Key(2)) && snapshot->tableEntry(Key(6)));
+  EXPECT_EQ(*snapshot->tableEntry(Key(2)), F::entry(2, 8, 1));
+  EXPECT_EQ(*snapshot->tableEntry(Key(6)), env.committed(6));
+  // A walk from a key that is neither pending nor committed ends at once.
+  EXPECT_TRUE(t.entryIteratorConst(Key(99)).done());
+}
+
+TYPED_TEST(Read, AKeyWrittenBehindTheBookmarkIsNotReturnedTo) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  for (std::uint32_t label = 1; label <= 10; ++label) {
+    t.entryWrite(Key(label), F::entry(label, 0), nullptr);
+  }
+  auto it = t.entryIteratorConst();
+  for (int i = 0; i < 8; ++i) {
+    ++it; // nine yielded; the bookmark is the last pending write
+  }
+  const Key bookmark = it.iterState()->bookmarkKey();
+  for (std::uint32_t label = 100; label < 120; ++label) {
+    t.entryWrite(Key(label), F::entry(label, 0), nullptr);
+  }
+  std::vector<Key> behind;
+  const auto &add = t.transientAddEntryColl();
+  for (auto a = add.begin(); !(a.key() == bookmark); ++a) {
+    if (a.key().label >= 100) {
+      behind.push_back(a.key());
+    }
+  }
+  ASSERT_FALSE(behind.empty());
+  ++it;
+  const auto rest = keysOf(it);
+  EXPECT_EQ(rest.front(), bookmark);
+  EXPECT_EQ(rest.size(), 1 + 20 - behind.size());
+  for (const Key &k : behind) {
+    EXPECT_EQ(std::count(rest.begin(), rest.end(), k), 0) << k.label;
+  }
+}
+
+TYPED_TEST(
+    Read,
+    AWalkWhosePendingWritesCommittedGoesOnInTheConfigurationAtItsBookmark) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  env.commit({{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7}, {8, 8}});
+  const Key first = configOrder(env).front();
+  for (std::uint32_t label = 1; label <= 8; ++label) {
+    if (!(Key(label) == first)) {
+      t.entryWrite(Key(label), F::entry(label, label, 9), nullptr);
+    }
+  }
+  auto it = t.entryIteratorConst();
+  const Key bookmark = it.iterState()->bookmarkKey();
+  EXPECT_EQ(env.pass(), 7u); // every pending write leaves the collection
+  ++it;
+  const auto order = configOrder(env);
+  const auto at = std::find(order.begin(), order.end(), bookmark);
+  ASSERT_NE(at, order.begin());
+  EXPECT_EQ(keysOf(it), std::vector<Key>(at, order.end()));
+}
+
+} // namespace
