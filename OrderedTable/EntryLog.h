@@ -64,6 +64,9 @@ struct EntryLogMessages {
 };
 __attribute__((visibility("default"))) EntryLogMessages registerEntryLogMessages();
 
+// Records the function and line of the trace's own call.
+#define EL_TRACE(level, ...) traceAt(level, __func__, __LINE__, __VA_ARGS__)
+
 template <typename B> class OrderedEntryLog : public EntryLogBase {
 public:
   using Key = typename B::Key;
@@ -90,7 +93,7 @@ public:
   }
 
   void handleInitialized() {
-    trace(8, "");
+    EL_TRACE(8, "");
     mountSlateChangeLog();
   }
 
@@ -135,7 +138,7 @@ public:
   }
 
   void mountSlateChangeLog() {
-    trace(8, "");
+    EL_TRACE(8, "");
     const std::string path = B::Constants::tableEntryLogSlatePath();
     auto slate = checkAndwriteMountSlate<EntryLogSlateT>(
         entityManager(), EntryLogSlateT::kTypeName, path, agentName(),
@@ -156,13 +159,13 @@ public:
       version = std::max(version, *k);
     }
     tableVersionIs(version);
-    trace(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
+    EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
   }
 
   // Mounts one unit's configuration table and drops the deletions that the
   // hardware has already confirmed (versions up to `logVersion`).
   void mountSlateConfig(UnitId unitId, LogVersion logVersion) {
-    trace(8, " unitId:{}, logVersion: {}", unitId, logVersion);
+    EL_TRACE(8, " unitId:{}, logVersion: {}", unitId, logVersion);
     const std::string path = B::Constants::configSlatePath(unitId);
     auto cfgSlate = checkAndwriteMountSlate<ConfigSlateT>(
         entityManager(), ConfigSlateT::kTypeName, path, agentName(),
@@ -175,7 +178,7 @@ public:
         [this] { raiseWiped("entryCfg"); });
     FWK_ASSERT_NAMED(cfgSlate, "cfgSlate");
     tableConfigSlateIs(unitId, cfgSlate);
-    trace(2, " Mounted config for unitId: {} at {}", unitId, path);
+    EL_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
 
     // One walk serves two ends: it drops confirmed deletions, and it makes
     // sure no version this unit holds can be handed out again.
@@ -245,7 +248,7 @@ public:
                      const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId,
                      const Fwk::Ptr<SwTableStats> &stats,
                      bool suppressIdenticalWrites) {
-    trace(8,
+    EL_TRACE(8,
           " logEntry: {} neededEntry: {} version: {} unitId: {} "
           "suppressIdenticalWrites: {}",
           logEntry, neededEntry, tableVersion(), unitId, suppressIdenticalWrites);
@@ -259,12 +262,12 @@ public:
           if (stats) {
             stats->suppressedWriteCntInc(1);
           }
-          trace(3, "Suppressing identical write for key: {}", key);
+          EL_TRACE(3, "Suppressing identical write for key: {}", key);
           if (stored.logVersion != 0) {
             return stored.logVersion;
           }
         } else {
-          trace(3,
+          EL_TRACE(3,
                 "Not Suppressing write because entry or resource key is "
                 "different  for key: {}",
                 key);
@@ -296,12 +299,12 @@ public:
   // already marked deleted is deleted again under a new version.
   LogVersion entryDel(const Key &key, const Fwk::Ptr<const NeededEntry> &neededEntry,
                       UnitId unitId) {
-    trace(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
+    EL_TRACE(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
     prefetchChange(slate, key);
     ConfigEntry stored;
     if (!lookup(slate, key, stored)) {
-      trace(3, " key: {} entry does not exist. So ignoring delete", key);
+      EL_TRACE(3, " key: {} entry does not exist. So ignoring delete", key);
       return 0;
     }
     refuseIfLogFull();
@@ -315,7 +318,7 @@ public:
 
   // Logs the deletion of every entry of the unit, also when it has none.
   LogVersion tableDel(const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId) {
-    trace(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
+    EL_TRACE(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
     refuseIfLogFull();
     const LogVersion v = reserveVersion(tableVersion() + 1);
@@ -336,32 +339,32 @@ public:
   // ---- Reads ----
 
   LogEntry entry(const Key &key, UnitId unitId) const {
-    trace(8, " key: {} unitId:{}", key, unitId);
+    EL_TRACE(8, " key: {} unitId:{}", key, unitId);
     return stored(key, unitId).logEntry;
   }
   bool entryHas(const Key &key, UnitId unitId) const {
-    trace(8, " key: {} unitId:{}", key, unitId);
+    EL_TRACE(8, " key: {} unitId:{}", key, unitId);
     auto slate = tableConfigSlate(unitId);
     ConfigEntry r;
     return slate && lookup(*slate, key, r) && !r.isDeleted;
   }
   ResourceKeys entryRsrcKeys(const Key &key, UnitId unitId) const {
-    trace(8, " key: {} unitId:{}", key, unitId);
+    EL_TRACE(8, " key: {} unitId:{}", key, unitId);
     return stored(key, unitId).rsrcKeys;
   }
   LogVersion entryLogVersion(const Key &key, UnitId unitId) const {
-    trace(8, " key: {} unitId:{}", key, unitId);
+    EL_TRACE(8, " key: {} unitId:{}", key, unitId);
     return stored(key, unitId).logVersion;
   }
   // The unit's records marked deleted, in O(1).
   std::uint32_t entrysInDeletion(UnitId unitId) const {
-    trace(8, " unitId:{}", unitId);
+    EL_TRACE(8, " unitId:{}", unitId);
     auto slate = tableConfigSlate(unitId);
     return slate ? slate->swTableEntries().flaggedCount() : 0;
   }
   // The unit's live records, in O(1).
   std::uint32_t entrys(UnitId unitId) const {
-    trace(8, " unitId:{}", unitId);
+    EL_TRACE(8, " unitId:{}", unitId);
     const auto &coll = configSlateOf(unitId).swTableEntries();
     return static_cast<std::uint32_t>(coll.count() - coll.flaggedCount());
   }
@@ -370,7 +373,7 @@ public:
 
   // Retires every logged change up to and including `logVersion`.
   void cleanupEntryLog(LogVersion logVersion) {
-    trace(8, " version {}", logVersion);
+    EL_TRACE(8, " version {}", logVersion);
     if (tableEntryLog_) {
       auto &log = tableEntryLog_->entryLogConfig();
       if (cleanupVersion_ == 0 || logVersion < cleanupVersion_ ||
@@ -410,12 +413,14 @@ protected:
 
 private:
   template <typename... Args>
-  static void trace(Trace::Level level, fmt::format_string<Args...> f,
-                    Args &&...args) {
-    // The level is tested before anything is formatted (MICA_TRACE).
-    MICA_TRACE(Trace::handleOf<typename B::EntryLog>(), level,
-               B::kEntryLogSourceUnit, B::kEntryLogClass, f,
-               std::forward<Args>(args)...);
+  static void traceAt(Trace::Level level, const char *function, int line,
+                      fmt::format_string<Args...> f, Args &&...args) {
+    Trace::Handle &h = Trace::handleOf<typename B::EntryLog>();
+    // The level is tested before anything is formatted.
+    if (h.enabled(level)) [[unlikely]] {
+      Trace::emitf(h, level, B::kEntryLogSourceUnit, function, line,
+                   B::kEntryLogClass, f, std::forward<Args>(args)...);
+    }
   }
 
   void raiseWiped(const char *what) {
@@ -567,7 +572,7 @@ private:
   void retire(const LogRecord &r) {
     auto slate = tableConfigSlate(r.unitId);
     if (!slate) {
-      trace(3, " configSlate not found for unitId: {}", r.unitId);
+      EL_TRACE(3, " configSlate not found for unitId: {}", r.unitId);
       return;
     }
     if (r.isEntryDelete()) {
@@ -578,7 +583,7 @@ private:
       // A different version: the key was written again after its deletion,
       // and the newer record stays.
     } else if (r.isTableDelete()) {
-      trace(3, " deleteing all entries for unitId: {}", r.unitId);
+      EL_TRACE(3, " deleteing all entries for unitId: {}", r.unitId);
       forEachKey(*slate, [&](const Key &key) {
         ConfigEntry c;
         if (lookup(*slate, key, c) && c.logVersion == r.logVersion) {
@@ -593,5 +598,7 @@ private:
   Fwk::HashMap<UnitId, Fwk::Ptr<ConfigSlateT>> tableConfigSlate_{0x27b70a85u};
   LogVersion cleanupVersion_ = 0;
 };
+
+#undef EL_TRACE
 
 } // namespace Asic

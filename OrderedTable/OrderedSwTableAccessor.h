@@ -253,6 +253,20 @@ template <typename T> struct OrderedSwTableAccessor {
     handler(Fwk::Ptr<const OrderedSwTable::EntryHandle>(h));
   }
 
+  // Records the change's log version and either queues its handle for the
+  // hardware (state 1) or finishes it now (state 4, handler called).
+  static void finishOrQueue(T &t, const Fwk::Ptr<EntryHandle> &handle,
+                            LogVersion logVersion, bool waits) {
+    handle->logVersionIs(logVersion);
+    if (waits) {
+      handle->entryStateIs(EntryState::logged);
+      t.entryHandleInLogEnq(handle);
+    } else {
+      handle->entryStateIs(EntryState::finished);
+      respond(handle);
+    }
+  }
+
   // Forgets the pending state of the wrapper's key if this commit is its
   // newest change; a newer change's own commit will clear it otherwise. The
   // key's version tells which change is the newest: a remove-all drops the
@@ -360,14 +374,8 @@ template <typename T> struct OrderedSwTableAccessor {
     wrapper->finalizeOnSuccess(Fwk::Ptr<typename B::SwTable>(&t), true);
     const LogVersion logVersion =
         t.entryLog() ? t.entryLog()->entryDel(key, needed, t.unitId()) : 0;
-    handle->logVersionIs(logVersion);
-    if (logVersion != 0) {
-      handle->entryStateIs(EntryState::logged);
-      t.entryHandleInLogEnq(handle);
-    } else {
-      handle->entryStateIs(EntryState::finished);
-      respond(handle);
-    }
+    // A deletion waits for the hardware whenever it was logged.
+    finishOrQueue(t, handle, logVersion, logVersion != 0);
     if (linkage) {
       linkage->updateLocalUsage(wrapper, oldEntry, true);
     }
@@ -413,14 +421,10 @@ template <typename T> struct OrderedSwTableAccessor {
         return false;
       }
     }
-    handle->logVersionIs(logVersion);
-    if (t.entryLog() && logVersion > t.entryLog()->cleanupVersion()) {
-      handle->entryStateIs(EntryState::logged);
-      t.entryHandleInLogEnq(handle);
-    } else {
-      handle->entryStateIs(EntryState::finished);
-      respond(handle);
-    }
+    // A write waits for the hardware unless the hardware has already
+    // confirmed its version (a suppressed write of an older one).
+    finishOrQueue(t, handle, logVersion,
+                  t.entryLog() && logVersion > t.entryLog()->cleanupVersion());
     if (linkage) {
       linkage->updateLocalUsage(wrapper, oldEntry, false);
     }

@@ -370,8 +370,9 @@ TYPED_TEST(EntryLog, TracesItsMilestonesWithTheirTexts) {
     void write(const Trace::Record &r) override {
       lines.emplace_back(r.message);
       units.emplace_back(r.sourceUnit);
+      functions.emplace_back(r.function);
     }
-    std::vector<std::string> lines, units;
+    std::vector<std::string> lines, units, functions;
   } sink;
   Trace::maskIs(F::B::kEntryLogClass, (1u << 2) | (1u << 3));
   LogEnv<F> env;
@@ -395,6 +396,9 @@ TYPED_TEST(EntryLog, TracesItsMilestonesWithTheirTexts) {
                   typename F::Key(9)),
   };
   EXPECT_EQ(sink.lines, want);
+  EXPECT_EQ(sink.functions,
+            (std::vector<std::string>{"mountSlateChangeLog", "mountSlateConfig",
+                                      "entryIs", "entryIs", "entryDel"}));
   for (const auto &u : sink.units) {
     EXPECT_EQ(u, F::B::kEntryLogSourceUnit);
   }
