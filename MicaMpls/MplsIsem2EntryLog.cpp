@@ -17,20 +17,4 @@ MplsIsem2EntryLog::MplsIsem2EntryLog(
 
 MplsIsem2EntryLog::~MplsIsem2EntryLog() = default;
 
-Fwk::Ptr<MplsIsem2EntryLog> MplsIsem2EntryLog::MplsIsem2EntryLogIs(
-    Asic::SwTableId tableId, const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-    const Fwk::Ptr<Asic::GroupInterface> &groupInterface, std::string agentName) {
-  return Fwk::make<MplsIsem2EntryLog>(tableId, entityManager, groupInterface,
-                                   std::move(agentName));
-}
-
-Fwk::Ptr<MplsIsem2EntryLog>
-mplsIsem2EntryLogFactory(Asic::SwTableId tableId,
-                        const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                        const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
-                        std::string agentName) {
-  return MplsIsem2EntryLog::MplsIsem2EntryLogIs(tableId, entityManager,
-                                            groupInterface, std::move(agentName));
-}
-
 } // namespace MicaMpls

@@ -22,20 +22,18 @@ public:
                    const Fwk::Ptr<StateDb::EntityManager> &entityManager,
                    const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
                    std::string agentName);
-  static Fwk::Ptr<MplsIsem2EntryLog>
-  MplsIsem2EntryLogIs(Asic::SwTableId tableId,
-                     const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                     const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
-                     std::string agentName);
+  template <typename... Args>
+  static Fwk::Ptr<MplsIsem2EntryLog> MplsIsem2EntryLogIs(Args &&...args) {
+    return Fwk::make<MplsIsem2EntryLog>(std::forward<Args>(args)...);
+  }
 
 protected:
   ~MplsIsem2EntryLog() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsIsem2EntryLog>
-mplsIsem2EntryLogFactory(Asic::SwTableId tableId,
-                        const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                        const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
-                        std::string agentName);
+// The same as MplsIsem2EntryLog::MplsIsem2EntryLogIs.
+template <typename... Args> Fwk::Ptr<MplsIsem2EntryLog> mplsIsem2EntryLogFactory(Args &&...args) {
+  return MplsIsem2EntryLog::MplsIsem2EntryLogIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

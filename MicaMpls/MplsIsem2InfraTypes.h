@@ -14,8 +14,10 @@ class MICA_MPLS_API MplsIsem2EntryWrapper
     : public Asic::EntryWrapperBase<MplsIsem2Binding> {
 public:
   using EntryWrapperBase::EntryWrapperBase;
-  static Fwk::Ptr<MplsIsem2EntryWrapper>
-  MplsIsem2EntryWrapperIs(const MplsIsem2Entry &entry, const Fwk::Ptr<Handle> &handle);
+  template <typename... Args>
+  static Fwk::Ptr<MplsIsem2EntryWrapper> MplsIsem2EntryWrapperIs(Args &&...args) {
+    return Fwk::make<MplsIsem2EntryWrapper>(std::forward<Args>(args)...);
+  }
 
   // The in-LIF 0 index and the in-LIF 2/3 index of the resource; 0 without one.
   std::uint32_t inLif0Index() const noexcept {
@@ -30,25 +32,32 @@ public:
   void inLifKeyResPtrIs(Fwk::Ptr<const ResourceHandle> h) noexcept {
     resourcePtrIs(std::move(h));
   }
+
+protected:
+  ~MplsIsem2EntryWrapper() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsIsem2EntryWrapper>
-mplsIsem2EntryWrapperFactory(const MplsIsem2Entry &entry,
-                          const Fwk::Ptr<Asic::OrderedSwTable::EntryHandle> &handle);
+// The same as MplsIsem2EntryWrapper::MplsIsem2EntryWrapperIs.
+template <typename... Args> Fwk::Ptr<MplsIsem2EntryWrapper> mplsIsem2EntryWrapperFactory(Args &&...args) {
+  return MplsIsem2EntryWrapper::MplsIsem2EntryWrapperIs(std::forward<Args>(args)...);
+}
 
 class MICA_MPLS_API MplsIsem2ResolverEntry
     : public Asic::TableResolverEntry<MplsIsem2Binding> {
 public:
   using TableResolverEntry::TableResolverEntry;
-  static Fwk::Ptr<MplsIsem2ResolverEntry>
-  MplsIsem2ResolverEntryIs(Fwk::Ptr<const Asic::DependencyEntryHandle> dependency,
-                          Asic::EntryFlags flags, MplsIsem2SwTable *table,
-                          Fwk::Ptr<MplsIsem2EntryWrapper> wrapper);
+  template <typename... Args>
+  static Fwk::Ptr<MplsIsem2ResolverEntry> MplsIsem2ResolverEntryIs(Args &&...args) {
+    return Fwk::make<MplsIsem2ResolverEntry>(std::forward<Args>(args)...);
+  }
+
+protected:
+  ~MplsIsem2ResolverEntry() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsIsem2ResolverEntry>
-mplsIsem2ResolverEntryFactory(Fwk::Ptr<const Asic::DependencyEntryHandle> dependency,
-                             Asic::EntryFlags flags, MplsIsem2SwTable *table,
-                             Fwk::Ptr<MplsIsem2EntryWrapper> wrapper);
+// The same as MplsIsem2ResolverEntry::MplsIsem2ResolverEntryIs.
+template <typename... Args> Fwk::Ptr<MplsIsem2ResolverEntry> mplsIsem2ResolverEntryFactory(Args &&...args) {
+  return MplsIsem2ResolverEntry::MplsIsem2ResolverEntryIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

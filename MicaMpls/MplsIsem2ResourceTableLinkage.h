@@ -10,14 +10,18 @@ namespace MicaMpls {
 class MICA_MPLS_API MplsIsem2InLifLinkage : public Asic::ResourceLinkage<MplsIsem2Binding> {
 public:
   using ResourceLinkage::ResourceLinkage;
-  static Fwk::Ptr<MplsIsem2InLifLinkage> MplsIsem2InLifLinkageIs(MplsIsem2SwTable *table,
-                                                Fwk::Ptr<ClientInstance> client);
+  template <typename... Args>
+  static Fwk::Ptr<MplsIsem2InLifLinkage> MplsIsem2InLifLinkageIs(Args &&...args) {
+    return Fwk::make<MplsIsem2InLifLinkage>(std::forward<Args>(args)...);
+  }
 
 protected:
   ~MplsIsem2InLifLinkage() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsIsem2InLifLinkage>
-mplsIsem2InLifLinkageFactory(MplsIsem2SwTable *table, Fwk::Ptr<MplsIsem2InLifLinkage::ClientInstance> client);
+// The same as MplsIsem2InLifLinkage::MplsIsem2InLifLinkageIs.
+template <typename... Args> Fwk::Ptr<MplsIsem2InLifLinkage> mplsIsem2InLifLinkageFactory(Args &&...args) {
+  return MplsIsem2InLifLinkage::MplsIsem2InLifLinkageIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

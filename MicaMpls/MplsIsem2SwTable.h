@@ -32,12 +32,11 @@ class MICA_MPLS_API MplsIsem2SwTable
     : public Asic::OrderedSwTableState<MplsIsem2Binding> {
 public:
   using OrderedSwTableState::OrderedSwTableState;
-  static Fwk::Ptr<MplsIsem2SwTable>
-  MplsIsem2SwTableIs(Fwk::Ptr<const Asic::CanonicalTableName> name,
-                    Asic::SwTableId swTableId, Asic::UnitId unitId,
-                    Asic::OrderedSwTableSet *swTableSet,
-                    Fwk::Ptr<MplsIsem2EntryLog> entryLog,
-                    Fwk::Ptr<Asic::GroupResolver> groupResolver);
+  // Made with the constructor's arguments (OrderedTable/SwTableState.h).
+  template <typename... Args>
+  static Fwk::Ptr<MplsIsem2SwTable> MplsIsem2SwTableIs(Args &&...args) {
+    return Fwk::make<MplsIsem2SwTable>(std::forward<Args>(args)...);
+  }
 
   const Fwk::Ptr<MplsIsem2InLifLinkage> &inLifLinkage() const noexcept { return linkage(); }
   void inLifLinkageIs(const Fwk::Ptr<MplsIsem2InLifLinkage> &l) { linkageIs(l); }
@@ -46,11 +45,9 @@ protected:
   ~MplsIsem2SwTable() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsIsem2SwTable>
-mplsIsem2SwTableFactory(Fwk::Ptr<const Asic::CanonicalTableName> name,
-                       Asic::SwTableId swTableId, Asic::UnitId unitId,
-                       Asic::OrderedSwTableSet *swTableSet,
-                       Fwk::Ptr<MplsIsem2EntryLog> entryLog,
-                       Fwk::Ptr<Asic::GroupResolver> groupResolver);
+// The same as MplsIsem2SwTable::MplsIsem2SwTableIs.
+template <typename... Args> Fwk::Ptr<MplsIsem2SwTable> mplsIsem2SwTableFactory(Args &&...args) {
+  return MplsIsem2SwTable::MplsIsem2SwTableIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

@@ -13,12 +13,18 @@ class MICA_MPLS_API MplsIsem2SwTableHelperBase
     : public Asic::SwTableHelper<MplsIsem2Binding> {
 public:
   MplsIsem2SwTableHelperBase() = default;
-  static Fwk::Ptr<MplsIsem2SwTableHelperBase> MplsIsem2SwTableHelperBaseIs();
+  template <typename... Args>
+  static Fwk::Ptr<MplsIsem2SwTableHelperBase> MplsIsem2SwTableHelperBaseIs(Args &&...args) {
+    return Fwk::make<MplsIsem2SwTableHelperBase>(std::forward<Args>(args)...);
+  }
 
 protected:
   ~MplsIsem2SwTableHelperBase() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsIsem2SwTableHelperBase> mplsIsem2SwTableHelperBaseFactory();
+// The same as MplsIsem2SwTableHelperBase::MplsIsem2SwTableHelperBaseIs.
+template <typename... Args> Fwk::Ptr<MplsIsem2SwTableHelperBase> mplsIsem2SwTableHelperBaseFactory(Args &&...args) {
+  return MplsIsem2SwTableHelperBase::MplsIsem2SwTableHelperBaseIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

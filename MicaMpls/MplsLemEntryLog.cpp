@@ -17,20 +17,4 @@ MplsLemEntryLog::MplsLemEntryLog(
 
 MplsLemEntryLog::~MplsLemEntryLog() = default;
 
-Fwk::Ptr<MplsLemEntryLog> MplsLemEntryLog::MplsLemEntryLogIs(
-    Asic::SwTableId tableId, const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-    const Fwk::Ptr<Asic::GroupInterface> &groupInterface, std::string agentName) {
-  return Fwk::make<MplsLemEntryLog>(tableId, entityManager, groupInterface,
-                                   std::move(agentName));
-}
-
-Fwk::Ptr<MplsLemEntryLog>
-mplsLemEntryLogFactory(Asic::SwTableId tableId,
-                        const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                        const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
-                        std::string agentName) {
-  return MplsLemEntryLog::MplsLemEntryLogIs(tableId, entityManager,
-                                            groupInterface, std::move(agentName));
-}
-
 } // namespace MicaMpls

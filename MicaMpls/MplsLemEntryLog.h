@@ -22,20 +22,18 @@ public:
                    const Fwk::Ptr<StateDb::EntityManager> &entityManager,
                    const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
                    std::string agentName);
-  static Fwk::Ptr<MplsLemEntryLog>
-  MplsLemEntryLogIs(Asic::SwTableId tableId,
-                     const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                     const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
-                     std::string agentName);
+  template <typename... Args>
+  static Fwk::Ptr<MplsLemEntryLog> MplsLemEntryLogIs(Args &&...args) {
+    return Fwk::make<MplsLemEntryLog>(std::forward<Args>(args)...);
+  }
 
 protected:
   ~MplsLemEntryLog() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsLemEntryLog>
-mplsLemEntryLogFactory(Asic::SwTableId tableId,
-                        const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                        const Fwk::Ptr<Asic::GroupInterface> &groupInterface,
-                        std::string agentName);
+// The same as MplsLemEntryLog::MplsLemEntryLogIs.
+template <typename... Args> Fwk::Ptr<MplsLemEntryLog> mplsLemEntryLogFactory(Args &&...args) {
+  return MplsLemEntryLog::MplsLemEntryLogIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

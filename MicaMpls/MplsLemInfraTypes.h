@@ -14,8 +14,10 @@ class MICA_MPLS_API MplsLemEntryWrapper
     : public Asic::EntryWrapperBase<MplsLemBinding> {
 public:
   using EntryWrapperBase::EntryWrapperBase;
-  static Fwk::Ptr<MplsLemEntryWrapper>
-  MplsLemEntryWrapperIs(const MplsLemEntry &entry, const Fwk::Ptr<Handle> &handle);
+  template <typename... Args>
+  static Fwk::Ptr<MplsLemEntryWrapper> MplsLemEntryWrapperIs(Args &&...args) {
+    return Fwk::make<MplsLemEntryWrapper>(std::forward<Args>(args)...);
+  }
 
   // The FEC id and the FEC's error code of the resource; 0 without one.
   std::uint32_t fecId() const noexcept {
@@ -30,25 +32,32 @@ public:
   void l2AdjIdResPtrIs(Fwk::Ptr<const ResourceHandle> h) noexcept {
     resourcePtrIs(std::move(h));
   }
+
+protected:
+  ~MplsLemEntryWrapper() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsLemEntryWrapper>
-mplsLemEntryWrapperFactory(const MplsLemEntry &entry,
-                          const Fwk::Ptr<Asic::OrderedSwTable::EntryHandle> &handle);
+// The same as MplsLemEntryWrapper::MplsLemEntryWrapperIs.
+template <typename... Args> Fwk::Ptr<MplsLemEntryWrapper> mplsLemEntryWrapperFactory(Args &&...args) {
+  return MplsLemEntryWrapper::MplsLemEntryWrapperIs(std::forward<Args>(args)...);
+}
 
 class MICA_MPLS_API MplsLemResolverEntry
     : public Asic::TableResolverEntry<MplsLemBinding> {
 public:
   using TableResolverEntry::TableResolverEntry;
-  static Fwk::Ptr<MplsLemResolverEntry>
-  MplsLemResolverEntryIs(Fwk::Ptr<const Asic::DependencyEntryHandle> dependency,
-                          Asic::EntryFlags flags, MplsLemSwTable *table,
-                          Fwk::Ptr<MplsLemEntryWrapper> wrapper);
+  template <typename... Args>
+  static Fwk::Ptr<MplsLemResolverEntry> MplsLemResolverEntryIs(Args &&...args) {
+    return Fwk::make<MplsLemResolverEntry>(std::forward<Args>(args)...);
+  }
+
+protected:
+  ~MplsLemResolverEntry() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsLemResolverEntry>
-mplsLemResolverEntryFactory(Fwk::Ptr<const Asic::DependencyEntryHandle> dependency,
-                             Asic::EntryFlags flags, MplsLemSwTable *table,
-                             Fwk::Ptr<MplsLemEntryWrapper> wrapper);
+// The same as MplsLemResolverEntry::MplsLemResolverEntryIs.
+template <typename... Args> Fwk::Ptr<MplsLemResolverEntry> mplsLemResolverEntryFactory(Args &&...args) {
+  return MplsLemResolverEntry::MplsLemResolverEntryIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

@@ -10,14 +10,18 @@ namespace MicaMpls {
 class MICA_MPLS_API MplsLemL2AdjToFecLinkage : public Asic::ResourceLinkage<MplsLemBinding> {
 public:
   using ResourceLinkage::ResourceLinkage;
-  static Fwk::Ptr<MplsLemL2AdjToFecLinkage> MplsLemL2AdjToFecLinkageIs(MplsLemSwTable *table,
-                                                Fwk::Ptr<ClientInstance> client);
+  template <typename... Args>
+  static Fwk::Ptr<MplsLemL2AdjToFecLinkage> MplsLemL2AdjToFecLinkageIs(Args &&...args) {
+    return Fwk::make<MplsLemL2AdjToFecLinkage>(std::forward<Args>(args)...);
+  }
 
 protected:
   ~MplsLemL2AdjToFecLinkage() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsLemL2AdjToFecLinkage>
-mplsLemL2AdjToFecLinkageFactory(MplsLemSwTable *table, Fwk::Ptr<MplsLemL2AdjToFecLinkage::ClientInstance> client);
+// The same as MplsLemL2AdjToFecLinkage::MplsLemL2AdjToFecLinkageIs.
+template <typename... Args> Fwk::Ptr<MplsLemL2AdjToFecLinkage> mplsLemL2AdjToFecLinkageFactory(Args &&...args) {
+  return MplsLemL2AdjToFecLinkage::MplsLemL2AdjToFecLinkageIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

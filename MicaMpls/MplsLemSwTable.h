@@ -32,12 +32,11 @@ class MICA_MPLS_API MplsLemSwTable
     : public Asic::OrderedSwTableState<MplsLemBinding> {
 public:
   using OrderedSwTableState::OrderedSwTableState;
-  static Fwk::Ptr<MplsLemSwTable>
-  MplsLemSwTableIs(Fwk::Ptr<const Asic::CanonicalTableName> name,
-                    Asic::SwTableId swTableId, Asic::UnitId unitId,
-                    Asic::OrderedSwTableSet *swTableSet,
-                    Fwk::Ptr<MplsLemEntryLog> entryLog,
-                    Fwk::Ptr<Asic::GroupResolver> groupResolver);
+  // Made with the constructor's arguments (OrderedTable/SwTableState.h).
+  template <typename... Args>
+  static Fwk::Ptr<MplsLemSwTable> MplsLemSwTableIs(Args &&...args) {
+    return Fwk::make<MplsLemSwTable>(std::forward<Args>(args)...);
+  }
 
   const Fwk::Ptr<MplsLemL2AdjToFecLinkage> &l2AdjToFecLinkage() const noexcept { return linkage(); }
   void l2AdjToFecLinkageIs(const Fwk::Ptr<MplsLemL2AdjToFecLinkage> &l) { linkageIs(l); }
@@ -46,11 +45,9 @@ protected:
   ~MplsLemSwTable() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsLemSwTable>
-mplsLemSwTableFactory(Fwk::Ptr<const Asic::CanonicalTableName> name,
-                       Asic::SwTableId swTableId, Asic::UnitId unitId,
-                       Asic::OrderedSwTableSet *swTableSet,
-                       Fwk::Ptr<MplsLemEntryLog> entryLog,
-                       Fwk::Ptr<Asic::GroupResolver> groupResolver);
+// The same as MplsLemSwTable::MplsLemSwTableIs.
+template <typename... Args> Fwk::Ptr<MplsLemSwTable> mplsLemSwTableFactory(Args &&...args) {
+  return MplsLemSwTable::MplsLemSwTableIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

@@ -13,12 +13,18 @@ class MICA_MPLS_API MplsLemSwTableHelperBase
     : public Asic::SwTableHelper<MplsLemBinding> {
 public:
   MplsLemSwTableHelperBase() = default;
-  static Fwk::Ptr<MplsLemSwTableHelperBase> MplsLemSwTableHelperBaseIs();
+  template <typename... Args>
+  static Fwk::Ptr<MplsLemSwTableHelperBase> MplsLemSwTableHelperBaseIs(Args &&...args) {
+    return Fwk::make<MplsLemSwTableHelperBase>(std::forward<Args>(args)...);
+  }
 
 protected:
   ~MplsLemSwTableHelperBase() override;
 };
 
-MICA_MPLS_API Fwk::Ptr<MplsLemSwTableHelperBase> mplsLemSwTableHelperBaseFactory();
+// The same as MplsLemSwTableHelperBase::MplsLemSwTableHelperBaseIs.
+template <typename... Args> Fwk::Ptr<MplsLemSwTableHelperBase> mplsLemSwTableHelperBaseFactory(Args &&...args) {
+  return MplsLemSwTableHelperBase::MplsLemSwTableHelperBaseIs(std::forward<Args>(args)...);
+}
 
 } // namespace MicaMpls

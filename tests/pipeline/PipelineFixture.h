@@ -27,8 +27,12 @@ struct Isem2 : TableTest::Isem2 {
   using Log = MicaMpls::MplsIsem2EntryLog;
   using ResTable = MicaTunnelNiLib::InLifResourceTable;
   static constexpr const char *kLinkageClass = "MplsIsem2InLifLinkage";
-  static constexpr auto logFactory = &MicaMpls::mplsIsem2EntryLogFactory;
-  static constexpr auto tableFactory = &MicaMpls::mplsIsem2SwTableFactory;
+  static constexpr auto logFactory = [](auto &&...a) {
+    return MicaMpls::mplsIsem2EntryLogFactory(std::forward<decltype(a)>(a)...);
+  };
+  static constexpr auto tableFactory = [](auto &&...a) {
+    return MicaMpls::mplsIsem2SwTableFactory(std::forward<decltype(a)>(a)...);
+  };
   static auto &allocator(ResTable &r) { return r.inLifAllocator(); }
   static MicaTunnelNiLib::InLifEntryKey resKey(std::uint32_t n) {
     MicaTunnelNiLib::InLifEntryKey k;
@@ -58,8 +62,12 @@ struct Lem : TableTest::Lem {
   using Log = MicaMpls::MplsLemEntryLog;
   using ResTable = MicaAdjLib::L2AdjToFecResourceTableResourceTable;
   static constexpr const char *kLinkageClass = "MplsLemL2AdjToFecLinkage";
-  static constexpr auto logFactory = &MicaMpls::mplsLemEntryLogFactory;
-  static constexpr auto tableFactory = &MicaMpls::mplsLemSwTableFactory;
+  static constexpr auto logFactory = [](auto &&...a) {
+    return MicaMpls::mplsLemEntryLogFactory(std::forward<decltype(a)>(a)...);
+  };
+  static constexpr auto tableFactory = [](auto &&...a) {
+    return MicaMpls::mplsLemSwTableFactory(std::forward<decltype(a)>(a)...);
+  };
   static auto &allocator(ResTable &r) { return r.fecAllocator(); }
   static MicaAdjLib::L2AdjToFecResourceTableEntryKey resKey(std::uint32_t n) {
     return {n};
