@@ -113,59 +113,68 @@ template <typename B> struct LogSlateRecordTraits {
   static constexpr std::uint32_t kRecordVersion = 1;
 };
 
-// One unit's configuration table.
-template <typename B> class ConfigSlate : public Shm::Entity {
+// A shared-memory entity that holds one collection, named by `Names`
+// (kTypeName, kCollection, kCapacity).
+template <typename Traits, typename Names>
+class OneCollectionEntity : public Shm::Entity {
 public:
-  using Traits = ConfigSlateRecordTraits<B>;
-  using Record = ConfigSlateEntry<B>;
+  using Record = typename Traits::Record;
   using Collection = Shm::Collection<Traits>;
+  static constexpr const char *kTypeName = Names::kTypeName;
+  static constexpr const char *kCollection = Names::kCollection;
+  static constexpr std::uint32_t kCapacity = Names::kCapacity;
+
+  static Shm::EntityLayout layout() {
+    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
+  }
+  explicit OneCollectionEntity(Shm::EntityInit &init)
+      : Shm::Entity(init), collection_(init, kCollection) {}
+
+protected:
+  Collection collection_;
+};
+
+template <typename B> struct ConfigSlateNames {
   static constexpr const char *kTypeName = B::kConfigSlateType;
   static constexpr const char *kCollection = "swTableEntries";
   static constexpr std::uint32_t kCapacity = 65536;
-
-  static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
-  }
-  explicit ConfigSlate(Shm::EntityInit &init)
-      : Shm::Entity(init),
-        swTableEntries_(init, kCollection) {}
-
-  Collection &swTableEntries() noexcept { return swTableEntries_; }
-  const Collection &swTableEntries() const noexcept { return swTableEntries_; }
-  // Inserts or replaces the record of its key.
-  void swTableEntriesIs(const Record &r) { swTableEntries_.insert(r); }
-  void swTableEntriesDel(const typename B::Key &key) {
-    swTableEntries_.erase(key);
-  }
-
-private:
-  Collection swTableEntries_;
 };
 
-// The table type's change log.
-template <typename B> class EntryLogSlate : public Shm::Entity {
-public:
-  using Traits = LogSlateRecordTraits<B>;
-  using Record = LogSlateEntry<B>;
-  using Collection = Shm::Collection<Traits>;
+template <typename B> struct EntryLogSlateNames {
   static constexpr const char *kTypeName = B::kEntryLogSlateType;
   static constexpr const char *kCollection = "entryLogConfig";
   static constexpr std::uint32_t kCapacity = 1000000;
+};
 
-  static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
-  }
-  explicit EntryLogSlate(Shm::EntityInit &init)
-      : Shm::Entity(init),
-        entryLogConfig_(init, kCollection) {}
+// One unit's configuration table.
+template <typename B>
+class ConfigSlate
+    : public OneCollectionEntity<ConfigSlateRecordTraits<B>, ConfigSlateNames<B>> {
+public:
+  using OneCollectionEntity<ConfigSlateRecordTraits<B>,
+                            ConfigSlateNames<B>>::OneCollectionEntity;
+  using Collection = Shm::Collection<ConfigSlateRecordTraits<B>>;
 
-  Collection &entryLogConfig() noexcept { return entryLogConfig_; }
-  const Collection &entryLogConfig() const noexcept { return entryLogConfig_; }
-  void entryLogConfigIs(const Record &r) { entryLogConfig_.insert(r); }
-  void entryLogConfigDel(LogVersion v) { entryLogConfig_.erase(v); }
+  Collection &swTableEntries() noexcept { return this->collection_; }
+  const Collection &swTableEntries() const noexcept { return this->collection_; }
+  // Inserts or replaces the record of its key.
+  void swTableEntriesIs(const ConfigSlateEntry<B> &r) { this->collection_.insert(r); }
+  void swTableEntriesDel(const typename B::Key &key) { this->collection_.erase(key); }
+};
 
-private:
-  Collection entryLogConfig_;
+// The table type's change log.
+template <typename B>
+class EntryLogSlate
+    : public OneCollectionEntity<LogSlateRecordTraits<B>, EntryLogSlateNames<B>> {
+public:
+  using OneCollectionEntity<LogSlateRecordTraits<B>,
+                            EntryLogSlateNames<B>>::OneCollectionEntity;
+  using Collection = Shm::Collection<LogSlateRecordTraits<B>>;
+
+  Collection &entryLogConfig() noexcept { return this->collection_; }
+  const Collection &entryLogConfig() const noexcept { return this->collection_; }
+  void entryLogConfigIs(const LogSlateEntry<B> &r) { this->collection_.insert(r); }
+  void entryLogConfigDel(LogVersion v) { this->collection_.erase(v); }
 };
 
 } // namespace Asic
