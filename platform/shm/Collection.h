@@ -314,15 +314,7 @@ public:
   using Key = typename Traits::Key;
   using Record = typename Traits::Record;
 
-  static_assert(std::is_trivially_copyable_v<Record> &&
-                    std::is_trivially_copyable_v<Key>,
-                "records live in shared memory and are copied as bytes");
-  static_assert(std::has_unique_object_representations_v<Record> &&
-                    std::has_unique_object_representations_v<Key>,
-                "records and keys are checksummed, hashed and compared as "
-                "bytes: declare padding as explicit fields that stay zero");
-  static_assert(alignof(Record) <= 8 && alignof(Key) <= 8,
-                "records sit at 8-byte aligned offsets in the file");
+  static_assert(StorableRecords<Record, Key>);
 
   // Binds the collection `name` of the entity being mounted. A writer scans
   // the slots: checks every record, resolves duplicates left by a crash and

@@ -52,6 +52,20 @@ struct CollectionLayout {
   bool operator==(const CollectionLayout &) const = default;
 };
 
+// What records and keys must be to live in a file.
+template <typename Record, typename Key> constexpr bool StorableRecords = [] {
+  static_assert(std::is_trivially_copyable_v<Record> &&
+                    std::is_trivially_copyable_v<Key>,
+                "records live in shared memory and are copied as bytes");
+  static_assert(std::has_unique_object_representations_v<Record> &&
+                    std::has_unique_object_representations_v<Key>,
+                "records and keys are checksummed, hashed and compared as "
+                "bytes: declare padding as explicit fields that stay zero");
+  static_assert(alignof(Record) <= 8 && alignof(Key) <= 8,
+                "records sit at 8-byte aligned offsets in the file");
+  return true;
+}();
+
 // The type name and collections of an entity type. Two files have the same
 // layout exactly when their fingerprints are equal; a change of any record's
 // name, version or size is a new layout (and a writer mount of the old file
@@ -64,15 +78,7 @@ public:
   template <typename Traits> EntityLayout &collection(std::string name) {
     using Record = typename Traits::Record;
     using Key = typename Traits::Key;
-    static_assert(std::is_trivially_copyable_v<Record> &&
-                      std::is_trivially_copyable_v<Key>,
-                  "records live in shared memory and are copied as bytes");
-    static_assert(std::has_unique_object_representations_v<Record> &&
-                      std::has_unique_object_representations_v<Key>,
-                  "records and keys are checksummed, hashed and compared as "
-                  "bytes: declare padding as explicit fields that stay zero");
-    static_assert(alignof(Record) <= 8 && alignof(Key) <= 8,
-                  "records sit at 8-byte aligned offsets in the file");
+    static_assert(StorableRecords<Record, Key>);
     return add(CollectionLayout{std::move(name), Traits::kRecordName,
                                 Traits::kRecordVersion,
                                 static_cast<std::uint32_t>(sizeof(Key)),
