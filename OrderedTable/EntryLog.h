@@ -154,10 +154,11 @@ public:
     tableEntryLog_ = slate;
     notify(attrTableEntryLog);
     // Version allocation continues where the previous agent stopped.
-    LogVersion version = slate->entryLogConfig().control().scratchpad();
-    for (auto k = firstLogKey(); k; k = nextLogKey(*k)) {
-      version = std::max(version, *k);
-    }
+    const LogVersion stored = slate->entryLogConfig().control().scratchpad();
+    LogVersion version = stored;
+    forEachRecord(
+        slate->entryLogConfig(), [&] { version = stored; },
+        [&](const LogRecord &r) { version = std::max(version, r.logVersion); });
     tableVersionIs(version);
     EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
   }
@@ -185,7 +186,7 @@ public:
     std::vector<Key> confirmed;
     LogVersion highest = 0;
     forEachRecord(
-        *cfgSlate,
+        cfgSlate->swTableEntries(),
         [&] {
           confirmed.clear();
           highest = 0;
@@ -374,18 +375,16 @@ public:
   // Retires every logged change up to and including `logVersion`.
   void cleanupEntryLog(LogVersion logVersion) {
     EL_TRACE(8, " version {}", logVersion);
-    if (tableEntryLog_) {
+    // A version below the mark retires nothing (the mark moves back).
+    if (tableEntryLog_ && logVersion >= cleanupVersion_) {
       auto &log = tableEntryLog_->entryLogConfig();
-      if (cleanupVersion_ == 0 || logVersion < cleanupVersion_ ||
-          logVersion - cleanupVersion_ >= log.count()) {
+      if (cleanupVersion_ == 0 || logVersion - cleanupVersion_ >= log.count()) {
         // A walk of the log in its order: always after a start, and whenever
         // it is cheaper than visiting every version of the range. Versions
         // above those handed out never exist, so the two retire the same.
-        if (cleanupVersion_ == 0 || logVersion >= cleanupVersion_) {
-          for (auto k = firstLogKey(); k; k = nextLogKey(*k)) {
-            if (*k <= logVersion) {
-              retireAt(*k);
-            }
+        for (auto k = log.firstKey(); k; k = log.nextKey(*k)) {
+          if (*k <= logVersion) {
+            retireAt(*k);
           }
         }
       } else {
@@ -480,13 +479,7 @@ private:
 
   // A lookup that treats corrupt shared memory as absence.
   static bool lookup(ConfigSlateT &slate, const Key &key, ConfigEntry &out) {
-    try {
-      return slate.swTableEntries().find(key, out);
-    } catch (const Shm::CorruptionError &e) {
-      slate.swTableEntries().doCorruptionDetected(e.what());
-      out = ConfigEntry{};
-      return false;
-    }
+    return slate.swTableEntries().findOrDrop(key, out);
   }
 
   ConfigEntry stored(const Key &key, UnitId unitId) const {
@@ -501,31 +494,16 @@ private:
   // rewrite or delete records.
   template <typename F> static void forEachKey(ConfigSlateT &slate, F &&f) {
     auto &coll = slate.swTableEntries();
-    std::optional<Key> k;
-    try {
-      k = coll.firstKey();
-    } catch (const Shm::CorruptionError &e) {
-      coll.doCorruptionDetected(e.what());
-      k = coll.firstKey();
-    }
-    while (k) {
-      const Key key = *k;
-      f(key);
-      try {
-        k = coll.nextKey(key);
-      } catch (const Shm::CorruptionError &e) {
-        coll.doCorruptionDetected(e.what());
-        k = coll.nextKey(key);
-      }
+    for (auto k = coll.firstKey(); k; k = coll.nextKey(*k)) {
+      f(*k);
     }
   }
 
-  // Visits every record of a unit (read only) in one sequential pass over
-  // the slots, in no particular order. A corrupt record is dropped and the
-  // pass starts over, so `restart` runs before every pass.
-  template <typename R, typename F>
-  static void forEachRecord(ConfigSlateT &slate, R &&restart, F &&f) {
-    auto &coll = slate.swTableEntries();
+  // Visits every record of a collection (read only) in one sequential pass
+  // over its slots, in no particular order. A corrupt record is dropped and
+  // the pass starts over, so `restart` runs before every pass.
+  template <typename Coll, typename R, typename F>
+  static void forEachRecord(Coll &coll, R &&restart, F &&f) {
     for (;;) {
       restart();
       try {
@@ -537,32 +515,10 @@ private:
     }
   }
 
-  std::optional<LogVersion> firstLogKey() const {
-    return logKeyStep([&](auto &log) { return log.firstKey(); });
-  }
-  std::optional<LogVersion> nextLogKey(LogVersion v) const {
-    return logKeyStep([&](auto &log) { return log.nextKey(v); });
-  }
-  template <typename F> std::optional<LogVersion> logKeyStep(F &&step) const {
-    auto &log = tableEntryLog_->entryLogConfig();
-    try {
-      return step(log);
-    } catch (const Shm::CorruptionError &e) {
-      log.doCorruptionDetected(e.what());
-      return step(log);
-    }
-  }
-
   // Deletes the change-log record of version n, if any, and retires it.
   void retireAt(LogVersion n) {
-    auto &log = tableEntryLog_->entryLogConfig();
     LogRecord r;
-    try {
-      if (!log.find(n, r)) {
-        return;
-      }
-    } catch (const Shm::CorruptionError &e) {
-      log.doCorruptionDetected(e.what());
+    if (!tableEntryLog_->entryLogConfig().findOrDrop(n, r)) {
       return;
     }
     tableEntryLog_->entryLogConfigDel(n);

@@ -480,12 +480,7 @@ template <typename T> struct OrderedSwTableAccessor {
     if (!slate) {
       return false;
     }
-    try {
-      return slate->swTableEntries().find(key, out);
-    } catch (const Shm::CorruptionError &e) {
-      slate->swTableEntries().doCorruptionDetected(e.what());
-      return false;
-    }
+    return slate->swTableEntries().findOrDrop(key, out);
   }
 
   static bool committed(const T &t, const Key &key) {

@@ -200,12 +200,9 @@ public:
   }
   // Drops every machine; releases nothing in the resource table.
   void entryUsageSmDelAll() {
+    // A machine is kept under its handle's key, so the map's key is the one.
     while (!entryUsageSm_.empty()) {
-      const SmPtr &sm = entryUsageSm_.begin().value();
-      const ResourceKey key = sm->resPtr() ? sm->resPtr()->key() : ResourceKey{};
-      if (!entryUsageSmDel(key)) {
-        entryUsageSm_.erase(ResourceKey(entryUsageSm_.begin().key()));
-      }
+      entryUsageSmDel(ResourceKey(entryUsageSm_.begin().key()));
     }
   }
 

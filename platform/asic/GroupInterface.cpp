@@ -34,14 +34,9 @@ std::optional<LogVersion> GroupInterface::hwTableVersion(SwTableId tableId) cons
   if (!tableVersionSlate_) {
     return std::nullopt;
   }
-  auto &coll = tableVersionSlate_->tableVersion();
   TableVersionRecord r;
-  try {
-    if (coll.find(tableId.packed(), r)) {
-      return r.version;
-    }
-  } catch (const Shm::CorruptionError &e) {
-    coll.doCorruptionDetected(e.what());
+  if (tableVersionSlate_->tableVersion().findOrDrop(tableId.packed(), r)) {
+    return r.version;
   }
   return std::nullopt;
 }

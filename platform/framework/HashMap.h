@@ -78,7 +78,7 @@ public:
       a_.at(p.pos).value = std::move(value);
       return false;
     }
-    a_.insertNew(h, cmpTo(key), Slot{h, true, key, std::move(value)});
+    a_.insertNew(h, cmpTo(key), Slot{h, true, key, std::move(value)}, p);
     return true;
   }
 

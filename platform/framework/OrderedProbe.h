@@ -105,12 +105,17 @@ public:
   }
 
   // Inserts an element whose key is not in the table. Returns its position.
-  template <typename Cmp> std::size_t insertNew(Hash h, Cmp &&cmp, Slot &&s) {
+  // `at` is where a lowerBound() of the key, made since the last change,
+  // found no element; it saves probing again unless the array must grow.
+  template <typename Cmp>
+  std::size_t insertNew(Hash h, Cmp &&cmp, Slot &&s, Pos at = {npos, false}) {
     if ((size_ + 1) * 2 > (std::size_t{1} << bits_) || len_ == 0) {
       rebuild(std::max(bits_ + 1, kMinBits));
+      at.pos = npos;
     }
     for (;;) {
-      const std::size_t pos = lowerBound(h, cmp).pos;
+      const std::size_t pos = at.pos != npos ? at.pos : lowerBound(h, cmp).pos;
+      at.pos = npos;
       std::size_t e = pos;
       while (e < len_ && Ops::used(a_[e])) {
         ++e;

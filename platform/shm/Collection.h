@@ -350,6 +350,19 @@ public:
     return locate(key).found;
   }
 
+  // find() with the usual answer to corrupt shared memory built in: a record
+  // that fails its checks is handed to doCorruptionDetected() (reported,
+  // counted, dropped) and the key reads as absent, `out` as a default record.
+  bool findOrDrop(const Key &key, Record &out) {
+    try {
+      return find(key, out);
+    } catch (const CorruptionError &e) {
+      doCorruptionDetected(e.what());
+      out = Record{};
+      return false;
+    }
+  }
+
   // The record of the key, copied into `out`. Throws CorruptionError when it
   // fails its checks. Reader: a scan (see the top of the file).
   bool find(const Key &key, Record &out) const {
@@ -422,7 +435,7 @@ public:
     freeRoom();
     const std::uint32_t slot = takeSlot();
     try {
-      index_.insertNew(h, cmpTo(key), Entry{h, slot, flags, key});
+      index_.insertNew(h, cmpTo(key), Entry{h, slot, flags, key}, p);
     } catch (...) {
       free_.push_back(slot);
       throw;
@@ -456,6 +469,8 @@ public:
   }
 
   // The order. Writer only.
+  // The key walk reads only the writer's index, never a record: it does not
+  // throw CorruptionError.
   std::optional<Key> firstKey() const {
     requireView();
     return keyAt(index_.nextUsed(0));
