@@ -20,6 +20,7 @@
 #include <type_traits>
 
 #include "platform/Export.h"
+#include "platform/framework/Bytes.h"
 
 namespace Fwk {
 
@@ -77,7 +78,7 @@ std::uint32_t keyHash(const K &key, std::uint32_t seed) noexcept {
 // that a collection's iteration order depends on its keys alone.
 template <typename K> bool keyLess(const K &a, const K &b) noexcept {
   if constexpr (std::has_unique_object_representations_v<K>) {
-    return std::memcmp(&a, &b, sizeof(K)) < 0;
+    return compareBytes<sizeof(K)>(&a, &b) < 0;
   } else {
     return a < b;
   }

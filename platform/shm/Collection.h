@@ -89,6 +89,7 @@
 
 #include "platform/Export.h"
 #include "platform/framework/Assert.h"
+#include "platform/framework/Bytes.h"
 #include "platform/framework/OrderedProbe.h"
 #include "platform/shm/Entity.h"
 #include "platform/shm/Errors.h"
@@ -404,14 +405,16 @@ public:
     const Key key = Traits::keyOf(r);
     const std::uint64_t h = hashBytes(&key, sizeof(Key));
     prefetchDestination();
+    index_.prefetch(h);
+    // Checksum the caller's copy while it is cache-hot and while the key's
+    // index entry and the destination slot are on their way.
+    const std::uint64_t seal = format::sealOf(nextSeq_);
+    const std::uint64_t ck = format::recordChecksum(&r, sizeof(Record), seal);
     const auto p = index_.lowerBound(h, cmpTo(key));
     if (p.found) {
       // The old copy's seal is stored to below; fetch it meanwhile.
       __builtin_prefetch(slotAt(index_.at(p.pos).slot), 1);
     }
-    const std::uint64_t seal = format::sealOf(nextSeq_);
-    // Checksum the caller's copy while it is cache-hot.
-    const std::uint64_t ck = format::recordChecksum(&r, sizeof(Record), seal);
     const std::uint32_t flags = kUsed | (flaggedOf(r) ? kFlagged : 0);
     if (p.found) {
       freeRoom();
@@ -599,11 +602,11 @@ private:
     }
   }
   static bool sameKey(const Key &a, const Key &b) noexcept {
-    return std::memcmp(&a, &b, sizeof(Key)) == 0;
+    return Fwk::compareBytes<sizeof(Key)>(&a, &b) == 0;
   }
   static auto cmpTo(const Key &key) noexcept {
     return [&key](const Entry &e) {
-      return std::memcmp(&e.key, &key, sizeof(Key));
+      return Fwk::compareBytes<sizeof(Key)>(&e.key, &key);
     };
   }
   typename Array::Pos locate(const Key &key) const {
@@ -694,7 +697,7 @@ private:
       if (a.hash != b.hash) {
         return a.hash < b.hash;
       }
-      const int c = std::memcmp(&a.key, &b.key, sizeof(Key));
+      const int c = Fwk::compareBytes<sizeof(Key)>(&a.key, &b.key);
       return c != 0 ? c < 0 : a.seq > b.seq;
     });
     index_.reserve(found.size());
@@ -817,7 +820,7 @@ private:
         return a.hash < b.hash;
       }
       const Key ka = keyOfItem(a), kb = keyOfItem(b);
-      const int c = std::memcmp(&ka, &kb, sizeof(Key));
+      const int c = Fwk::compareBytes<sizeof(Key)>(&ka, &kb);
       return c != 0 ? c < 0 : a.seq > b.seq;
     });
     for (std::size_t i = 0; i < items.size(); ++i) {
