@@ -15,17 +15,21 @@
 // record, marked deleted under the deletion's version, until the change log
 // is cleaned up to that version.
 //
-// Crash safety. Each record is published atomically by the store; a change
-// touches three words in this order: the scratchpad (the new table version
-// is reserved first), the configuration record, the change-log record. An
-// agent killed between any two of them restarts with a table version at
-// least as high as every version used, so no two records ever share a log
-// version; an interrupted change leaves at most a version that nobody uses,
-// or a configuration record whose change-log record is missing (the change
-// was never reported done to its client, and it is confirmed with the next
-// hardware version past it). Mounting also takes the highest version found
-// in the change log and in each unit's records into account, so a damaged
-// scratchpad cannot make a version be handed out twice either.
+// Crash safety. Each record is published atomically by the store. A change
+// reserves its version in the change log's scratchpad first, then writes its
+// records, then marks itself complete in the change log's auxiliary word.
+// An agent killed at any point restarts with a table version at least as
+// high as every version used, so no two records ever share a log version.
+// A change cut off between its records is completed when its unit is
+// mounted (completeLastChange): a write or deletion of one entry writes the
+// configuration record before the change-log record, a table deletion the
+// change-log record before it marks the unit's records, so the first record
+// always says what the change was. A change cut off before its first record
+// leaves only a version that nobody uses. A clean-up deletes the
+// configuration records of a change before its change-log record, so one
+// cut off is redone by the next. Mounting also takes the highest version
+// found in the change log and in each unit's records into account, so a
+// damaged scratchpad cannot make a version be handed out twice either.
 //
 // Failures. A lookup that meets corrupt shared memory hands the error to the
 // collection's corruption handling, which drops the record; the record then
@@ -38,6 +42,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -160,6 +165,11 @@ public:
         slate->entryLogConfig(), [&] { version = stored; },
         [&](const LogRecord &r) { version = std::max(version, r.logVersion); });
     tableVersionIs(version);
+    // The last version handed out belongs to the change the previous agent
+    // made last; when it is not marked complete, the units' mounts complete
+    // it (completeLastChange).
+    const LogVersion complete = slate->entryLogConfig().control().auxiliary();
+    lastChange_ = complete < version ? version : 0;
     EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
   }
 
@@ -183,18 +193,23 @@ public:
 
     // One walk serves two ends: it drops confirmed deletions, and it makes
     // sure no version this unit holds can be handed out again.
+    // It also finds the record of the last change, if it is this unit's.
     std::vector<Key> confirmed;
     LogVersion highest = 0;
+    std::optional<ConfigEntry> last;
     forEachRecord(
         cfgSlate->swTableEntries(),
         [&] {
           confirmed.clear();
           highest = 0;
+          last.reset();
         },
         [&](const ConfigEntry &r) {
           highest = std::max(highest, r.logVersion);
           if (logVersion != 0 && r.isDeleted && r.logVersion <= logVersion) {
             confirmed.push_back(r.logEntry.key);
+          } else if (r.logVersion == lastChange_) {
+            last = r;
           }
         });
     for (const Key &key : confirmed) {
@@ -203,6 +218,7 @@ public:
     if (highest > tableVersion()) {
       reserveVersion(highest);
     }
+    completeLastChange(unitId, *cfgSlate, last);
   }
 
   // ---- The map of configuration tables ----
@@ -293,6 +309,7 @@ public:
       throw;
     }
     logChange(v, logEntry, unitId, 0, neededEntry);
+    changeComplete(v);
     return v;
   }
 
@@ -314,6 +331,7 @@ public:
     stored.isDeleted = true;
     slate.swTableEntriesIs(stored);
     logChange(v, stored.logEntry, unitId, LogRecord::kEntryDelete, neededEntry);
+    changeComplete(v);
     return v;
   }
 
@@ -323,17 +341,11 @@ public:
     ConfigSlateT &slate = configSlateOf(unitId);
     refuseIfLogFull();
     const LogVersion v = reserveVersion(tableVersion() + 1);
-    // Records already marked deleted keep their own version: their own
-    // deletion retires them.
-    forEachKey(slate, [&](const Key &key) {
-      ConfigEntry r;
-      if (lookup(slate, key, r) && !r.isDeleted) {
-        r.logVersion = v;
-        r.isDeleted = true;
-        slate.swTableEntriesIs(r);
-      }
-    });
+    // The change-log record comes first: it names every record the deletion
+    // marks, so a restart can finish the marking (see markTableDeleted).
     logChange(v, LogEntry{}, unitId, LogRecord::kTableDelete, neededEntry);
+    markTableDeleted(slate, v);
+    changeComplete(v);
     return v;
   }
 
@@ -515,14 +527,66 @@ private:
     }
   }
 
-  // Deletes the change-log record of version n, if any, and retires it.
+  // Retires the change of version n, if it is logged, and deletes its
+  // change-log record. The record goes last: while it is there, a clean-up
+  // cut off by a crash is redone by the next one.
   void retireAt(LogVersion n) {
     LogRecord r;
     if (!tableEntryLog_->entryLogConfig().findOrDrop(n, r)) {
       return;
     }
-    tableEntryLog_->entryLogConfigDel(n);
     retire(r);
+    tableEntryLog_->entryLogConfigDel(n);
+  }
+
+  // Marks every live record of the unit deleted under version v. Records
+  // already marked keep their own version: their own deletion retires them.
+  void markTableDeleted(ConfigSlateT &slate, LogVersion v) {
+    forEachKey(slate, [&](const Key &key) {
+      ConfigEntry r;
+      if (lookup(slate, key, r) && !r.isDeleted) {
+        r.logVersion = v;
+        r.isDeleted = true;
+        slate.swTableEntriesIs(r);
+      }
+    });
+  }
+
+  // A change is written in two collections, so a crash can cut it in half;
+  // the change log's auxiliary word holds the version of the last change
+  // that was written whole. A write or a deletion of one entry writes its
+  // configuration record first, and a restart that finds that record
+  // without its change-log record writes the latter. A table deletion
+  // writes its change-log record first, and a restart that finds it marks
+  // whatever is left. Only the last change can be cut off, and it is
+  // completed only before the next one starts. `last` is the unit's record
+  // that carries the version of the last change, if any.
+  void completeLastChange(UnitId unitId, ConfigSlateT &slate,
+                          const std::optional<ConfigEntry> &last) {
+    const LogVersion v = lastChange_;
+    if (v == 0 || v != tableVersion()) {
+      return;
+    }
+    LogRecord logged;
+    if (tableEntryLog_->entryLogConfig().findOrDrop(v, logged)) {
+      if (logged.isTableDelete() && logged.unitId == unitId) {
+        EL_TRACE(2, " completing table delete {} of unitId {} cut off by a restart",
+                 v, unitId);
+        markTableDeleted(slate, v);
+        changeComplete(v);
+      }
+    } else if (last) {
+      EL_TRACE(2, " completing change {} of key {} cut off by a restart", v,
+               last->logEntry.key);
+      logChange(v, last->logEntry, unitId,
+                last->isDeleted ? LogRecord::kEntryDelete : 0, nullptr);
+      changeComplete(v);
+    }
+  }
+
+  // Marks change v written whole.
+  void changeComplete(LogVersion v) {
+    tableEntryLog_->entryLogConfig().control().auxiliaryIs(v);
   }
 
   void retire(const LogRecord &r) {
@@ -553,6 +617,7 @@ private:
   Fwk::Ptr<EntryLogSlateT> tableEntryLog_;
   Fwk::HashMap<UnitId, Fwk::Ptr<ConfigSlateT>> tableConfigSlate_{0x27b70a85u};
   LogVersion cleanupVersion_ = 0;
+  LogVersion lastChange_ = 0; // the version of the last change before a start
 };
 
 #undef EL_TRACE

@@ -136,6 +136,16 @@ public:
     detail::wordAt(block_->scratchpad).store(v, std::memory_order_release);
   }
 
+  // A second word of the owner, with the same guarantees.
+  std::uint64_t auxiliary() const noexcept {
+    return detail::loadWord(block_->auxiliary, std::memory_order_acquire);
+  }
+  // REQUIRES: writer.
+  void auxiliaryIs(std::uint64_t v) {
+    requireWriter();
+    detail::wordAt(block_->auxiliary).store(v, std::memory_order_release);
+  }
+
   // The high-water mark and the commit sequence word, for tools and tests.
   std::uint64_t highWater() const noexcept {
     return detail::loadWord(block_->highWater, std::memory_order_acquire);

@@ -49,7 +49,9 @@
 //                     change, with bit 0 set while a change is being made.
 //                     Lets readers tell whether a scan overlapped a change,
 //                     and keeps sequence numbers growing across restarts.
-//     32  reserved[4] 0
+//     32  auxiliary   a second word of the library's own (the entry log:
+//                     the version of its last complete change)
+//     40  reserved[3] 0
 //
 // Slot (slotSize = 16 + recordSize rounded up to 8):
 //      0  u64 seal      0 = free. Otherwise kSealTag in the top byte and a
@@ -141,7 +143,8 @@ struct ControlBlock {
   std::uint64_t scratchpad;
   std::uint64_t highWater;
   std::uint64_t commitSeq;
-  std::uint64_t reserved[4];
+  std::uint64_t auxiliary;
+  std::uint64_t reserved[3];
 };
 static_assert(sizeof(ControlBlock) == 64, "one cache line per collection");
 

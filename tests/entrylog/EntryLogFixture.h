@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "MicaMpls/MplsIsem2EntryLog.h"
@@ -63,11 +64,19 @@ struct Lem {
 
 using Families = ::testing::Types<Isem2, Lem>;
 
-// A unique agent (so a unique store instance) per test.
+// A unique agent (so a unique store instance) per test. Process ids come
+// back, so whatever an earlier run left under the name is removed.
 inline std::string uniqueAgent(const char *what) {
   static std::atomic<int> n{0};
-  return std::string("elog-") + what + "-" + std::to_string(::getpid()) + "-" +
-         std::to_string(n++);
+  const std::string name = std::string("elog-") + what + "-" +
+                           std::to_string(::getpid()) + "-" + std::to_string(n++);
+  std::error_code ec; // no root yet: nothing to remove
+  for (const auto &dir : std::filesystem::directory_iterator(Shm::rootDirectory(), ec)) {
+    if (dir.path().stem() == name) {
+      std::filesystem::remove_all(dir.path());
+    }
+  }
+  return name;
 }
 
 template <typename F> struct LogEnv {

@@ -242,6 +242,78 @@ TYPED_TEST(EntryLog, NoVersionIsHandedOutTwiceWhenTheScratchpadFallsBehind) {
   EXPECT_EQ(env.log->tableVersion(), 5u); // ...but unit 1 holds version 5
 }
 
+// A crash can cut a change between its records; the unit's mount finishes
+// it from the record written first, and leaves finished changes alone.
+TYPED_TEST(EntryLog, AChangeCutBetweenItsRecordsIsCompletedAtTheUnitsMount) {
+  using F = TypeParam;
+  using Rec = typename F::B::EntryLog::ConfigEntry;
+  using LogRec = typename F::B::EntryLog::LogRecord;
+  LogEnv<F> env;
+  env.log->mountSlateConfig(1, 0);
+  for (std::uint32_t i = 1; i <= 3; ++i) {
+    env.log->entryIs(F::logEntry(i, i), F::rsrcKeys(i), nullptr, 1, env.stats,
+                     false);
+  }
+  env.log->cleanupEntryLog(3);
+  auto changeLog = [&]() -> auto & {
+    return env.log->tableEntryLog()->entryLogConfig();
+  };
+  // Whole and retired: a restart logs nothing again.
+  env.restart();
+  env.log->mountSlateConfig(1, 0);
+  EXPECT_EQ(changeLog().count(), 0u);
+
+  // A write of key 4 and then a deletion of key 2, each cut after its
+  // configuration record.
+  auto cutAfterConfigRecord = [&](Rec r) {
+    changeLog().control().scratchpadIs(r.logVersion);
+    env.slate(1).swTableEntriesIs(r);
+    env.restart();
+    env.log->mountSlateConfig(1, 0);
+  };
+  Rec write{};
+  write.logEntry = F::logEntry(4, 4);
+  write.rsrcKeys = F::rsrcKeys(4);
+  write.logVersion = 4;
+  cutAfterConfigRecord(write);
+  LogRec logged;
+  ASSERT_TRUE(changeLog().find(4, logged));
+  EXPECT_EQ(logged.logEntry, write.logEntry);
+  EXPECT_EQ(logged.deleteBits, 0u);
+  EXPECT_EQ(changeLog().control().auxiliary(), 4u);
+
+  Rec deletion{};
+  ASSERT_TRUE(env.slate(1).swTableEntries().find(typename F::Key(2), deletion));
+  deletion.logVersion = 5;
+  deletion.isDeleted = true;
+  cutAfterConfigRecord(deletion);
+  ASSERT_TRUE(changeLog().find(5, logged));
+  EXPECT_TRUE(logged.isEntryDelete());
+  EXPECT_EQ(env.log->entrysInDeletion(1), 1u);
+
+  // A table deletion cut after its change-log record and one marking.
+  LogRec tableDelete{};
+  tableDelete.logVersion = 6;
+  tableDelete.unitId = 1;
+  tableDelete.deleteBits = LogRec::kTableDelete;
+  changeLog().control().scratchpadIs(6);
+  env.log->tableEntryLog()->entryLogConfigIs(tableDelete);
+  Rec first{};
+  ASSERT_TRUE(env.slate(1).swTableEntries().find(typename F::Key(1), first));
+  first.logVersion = 6;
+  first.isDeleted = true;
+  env.slate(1).swTableEntriesIs(first);
+  env.restart();
+  env.log->mountSlateConfig(1, 0);
+  EXPECT_EQ(env.log->entrys(1), 0u);
+  EXPECT_EQ(env.log->entrysInDeletion(1), 4u);
+  EXPECT_EQ(env.log->entryLogVersion(typename F::Key(3), 1), 6u);
+  EXPECT_EQ(env.log->entryLogVersion(typename F::Key(2), 1), 5u); // its own
+  EXPECT_EQ(env.log->entryIs(F::logEntry(1, 1), F::rsrcKeys(1), nullptr, 1,
+                             env.stats, false),
+            7u);
+}
+
 TYPED_TEST(EntryLog, AWipedCollectionIsReportedOnceAndAsksForARelaunch) {
   using F = TypeParam;
   LogEnv<F> env;

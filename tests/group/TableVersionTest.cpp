@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -15,7 +16,10 @@ const Asic::SwTableId kLem(0x0A080402);
 
 std::string hwAgent() {
   static int n = 0;
-  return "hw-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
+  // Process ids come back: drop what an earlier run left under the name.
+  const std::string name = "hw-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
+  std::filesystem::remove_all(Shm::rootDirectory() + "/" + name + ".0");
+  return name;
 }
 
 TEST(TableVersions, AgentsReadWhatTheHardwareWriterRecorded) {

@@ -165,7 +165,11 @@ template <typename F> struct Env {
   }
   static std::string uniqueAgent() {
     static std::atomic<int> n{0};
-    return "pipeline-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
+    // Process ids come back: drop what an earlier run left under the name.
+    const std::string name =
+        "pipeline-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
+    std::filesystem::remove_all(Shm::rootDirectory() + "/" + name + ".0");
+    return name;
   }
 
   void start() {
