@@ -555,6 +555,16 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
       throw Error(
           fmt::format("mount of {}: already mounted, and {}", path, diff));
     }
+    // A writer mount serves readers too; a read-only one cannot serve a
+    // writer, which would fail at its first change instead of here.
+    const bool wantsWriter =
+        access_ == Access::write && info.mountType() == MountInfo::kWriterMount;
+    if (wantsWriter && !it->second->file_->writer) {
+      throw Error(fmt::format(
+          "mount of {} for writing: already mounted read-only in this instance "
+          "(unmount it first)",
+          path));
+    }
     return;
   }
   layout.validate();

@@ -208,11 +208,14 @@ TEST(ShmCollection, ScratchpadAndFreedSlotsPersist) {
       }
       s->log().control().scratchpadIs(v);
     }
+    s->log().control().auxiliaryIs(7);
     em->close();
   }
   auto em = Shm::entityManager(agent, 0);
   auto s = mount<Slate>(em, "s", slateInfo());
   EXPECT_EQ(s->log().control().scratchpad(), 200u);
+  EXPECT_EQ(s->log().control().auxiliary(), 7u);
+  EXPECT_EQ(s->big().control().auxiliary(), 0u); // a word per collection
   EXPECT_EQ(s->log().count(), 10u);
   // Freed slots were reused: the file never needed more than 11.
   EXPECT_LE(s->log().control().highWater(), 11u);
@@ -428,6 +431,14 @@ TEST(ShmPaths, MountErrorsAreClear) {
       Shm::NotFoundError);
   EXPECT_THROW(ro->mountGroup()->doMount("t", Slate::kTypeName, readerInfo()),
                Shm::LayoutError);
+  // Mounted read-only through the writer handle, a path is not quietly
+  // handed to a writer later.
+  auto created = em->mountGroup();
+  created->doMount("r", Table::kTypeName, tableInfo(4));
+  created->doUnmount();
+  em->mountGroup()->doMount("r", Table::kTypeName, readerInfo());
+  EXPECT_THROW(em->mountGroup()->doMount("r", Table::kTypeName, tableInfo(4)),
+               Shm::Error);
   EXPECT_THROW(Shm::entityManager(freshAgent("-none"), 0, Shm::Access::read),
                Shm::NotFoundError);
   ro->close();
