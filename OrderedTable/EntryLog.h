@@ -191,9 +191,9 @@ public:
     tableConfigSlateIs(unitId, cfgSlate);
     EL_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
 
-    // One walk serves two ends: it drops confirmed deletions, and it makes
-    // sure no version this unit holds can be handed out again.
-    // It also finds the record of the last change, if it is this unit's.
+    // One walk serves three ends: it drops confirmed deletions, it makes sure
+    // no version this unit holds can be handed out again, and it finds the
+    // record of the last change if that is this unit's.
     std::vector<Key> confirmed;
     LogVersion highest = 0;
     std::optional<ConfigEntry> last;
@@ -342,7 +342,7 @@ public:
     refuseIfLogFull();
     const LogVersion v = reserveVersion(tableVersion() + 1);
     // The change-log record comes first: it names every record the deletion
-    // marks, so a restart can finish the marking (see markTableDeleted).
+    // marks, so a restart can finish the marking (completeLastChange).
     logChange(v, LogEntry{}, unitId, LogRecord::kTableDelete, neededEntry);
     markTableDeleted(slate, v);
     changeComplete(v);
