@@ -17,6 +17,8 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/framework/FileIo.h"
+
 namespace Shm {
 
 namespace {
@@ -59,37 +61,10 @@ private:
   int fd_ = -1;
 };
 
-bool readAll(int fd, void *buf, std::size_t n, off_t at) {
-  auto *p = static_cast<char *>(buf);
-  while (n > 0) {
-    const ssize_t r = ::pread(fd, p, n, at);
-    if (r < 0 && errno == EINTR) {
-      continue;
-    }
-    if (r <= 0) {
-      return false;
-    }
-    p += r;
-    n -= static_cast<std::size_t>(r);
-    at += r;
-  }
-  return true;
-}
-
 void writeAll(int fd, const void *buf, std::size_t n, off_t at,
               const std::string &file) {
-  const auto *p = static_cast<const char *>(buf);
-  while (n > 0) {
-    const ssize_t r = ::pwrite(fd, p, n, at);
-    if (r < 0 && errno == EINTR) {
-      continue;
-    }
-    if (r <= 0) {
-      throwSys("cannot write " + file, r < 0 ? errno : EIO);
-    }
-    p += r;
-    n -= static_cast<std::size_t>(r);
-    at += r;
+  if (const int err = Fwk::pwriteAll(fd, buf, n, at)) {
+    throwSys("cannot write " + file, err);
   }
 }
 
@@ -134,7 +109,10 @@ std::uint64_t randomSeed() {
 void copyName(char *dst, std::size_t size, const std::string &s) {
   // Zeroed first, at most size - 1 bytes copied: always terminated.
   std::memset(dst, 0, size);
-  std::memcpy(dst, s.data(), std::min(s.size(), size - 1)); // NOLINT(bugprone-not-null-terminated-result)
+  std::memcpy(
+      dst, s.data(),
+      std::min(s.size(),
+               size - 1)); // NOLINT(bugprone-not-null-terminated-result)
 }
 
 // The header a writer mount expects: layout and capacities, offsets filled
@@ -347,7 +325,9 @@ void MountGroup::doMount(const std::string &path, const std::string &typeName,
   }
 }
 
-void MountGroup::doClose() { closed_ = true; }
+void MountGroup::doClose() {
+  closed_ = true;
+}
 
 void MountGroup::doUnmount() {
   for (const std::string &p : paths_) {
@@ -472,7 +452,7 @@ void EntityManager::readCatalog() {
             static_cast<std::size_t>(st.st_size) <= kMaxCatalogBytes;
   if (ok) {
     text.resize(static_cast<std::size_t>(st.st_size));
-    ok = readAll(fd.get(), text.data(), text.size(), 0);
+    ok = Fwk::preadAll(fd.get(), text.data(), text.size(), 0) == 0;
   }
   // "<magic>path\n...end <hex>\n", the hex an XXH3 of what precedes "end".
   const std::size_t end = text.rfind("end ");
@@ -638,7 +618,7 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
     if (!usable) {
       why =
           fmt::format("file of {} bytes is shorter than a header", st.st_size);
-    } else if (!readAll(fd.get(), &header, sizeof header, 0)) {
+    } else if (Fwk::preadAll(fd.get(), &header, sizeof header, 0) != 0) {
       throwSys("cannot read " + filePath, errno ? errno : EIO);
     } else {
       usable = format::headerUsable(
@@ -683,7 +663,7 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
   if (!fd || (::fstat(fd.get(), &st) != 0)) {
     throwSys("cannot stat " + filePath, errno);
   }
-  if (!readAll(fd.get(), &header, sizeof header, 0)) {
+  if (Fwk::preadAll(fd.get(), &header, sizeof header, 0) != 0) {
     throwSys("cannot read " + filePath, errno ? errno : EIO);
   }
 

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/framework/FileIo.h"
 #include "platform/trace/LineText.h"
 #include "platform/trace/RingFormat.h"
 #include "platform/trace/Trace.h"
@@ -126,41 +127,6 @@ bool geometryOk(const rf::RingHeader &h) noexcept {
                                       sizeof(rf::DescriptorSlot);
 }
 
-bool preadAll(int fd, void *data, std::size_t size, off_t offset) noexcept {
-  auto *p = static_cast<char *>(data);
-  while (size > 0) {
-    const ssize_t n = ::pread(fd, p, size, offset);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    p += n;
-    size -= static_cast<std::size_t>(n);
-    offset += n;
-  }
-  return true;
-}
-
-bool pwriteAll(int fd, const void *data, std::size_t size,
-               off_t offset) noexcept {
-  const auto *p = static_cast<const char *>(data);
-  while (size > 0) {
-    const ssize_t n = ::pwrite(fd, p, size, offset);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    p += n;
-    size -= static_cast<std::size_t>(n);
-    offset += n;
-  }
-  return true;
-}
-
 int flockRetry(int fd, int op) noexcept {
   int r;
   do {
@@ -188,8 +154,8 @@ bool initialise(int fd) noexcept {
   h.descriptorOffset = sizeof(rf::RingHeader);
   h.entryOffset = h.descriptorOffset + std::uint64_t{h.descriptorCapacity} *
                                            sizeof(rf::DescriptorSlot);
-  return pwriteAll(fd, &h, sizeof h, 0) &&
-         pwriteAll(fd, rf::kMagic, sizeof rf::kMagic, 0);
+  return Fwk::pwriteAll(fd, &h, sizeof h, 0) == 0 &&
+         Fwk::pwriteAll(fd, rf::kMagic, sizeof rf::kMagic, 0) == 0;
 }
 
 // Opens (creating or repairing) and maps a ring file; null with errno-style
@@ -213,12 +179,13 @@ RingMap *mapRing(const std::string &path, std::string &why) noexcept {
     why = "not a regular file";
   } else {
     const bool usable = static_cast<std::uint64_t>(st.st_size) >= sizeof h &&
-                        preadAll(fd, &h, sizeof h, 0) && geometryOk(h) &&
+                        Fwk::preadAll(fd, &h, sizeof h, 0) == 0 &&
+                        geometryOk(h) &&
                         static_cast<std::uint64_t>(st.st_size) >=
                             rf::fileSize(h.descriptorCapacity, h.entryCapacity);
     if (!usable) {
-      ok = initialise(fd) && preadAll(fd, &h, sizeof h, 0) && geometryOk(h) &&
-           ::fstat(fd, &st) == 0;
+      ok = initialise(fd) && Fwk::preadAll(fd, &h, sizeof h, 0) == 0 &&
+           geometryOk(h) && ::fstat(fd, &st) == 0;
       if (!ok) {
         why = std::strerror(errno);
       }
@@ -432,8 +399,8 @@ std::vector<T> readArray(int fd, std::uint64_t offset, std::uint64_t count,
   }
   count = std::min<std::uint64_t>(count, (fileBytes - offset) / sizeof(T));
   std::vector<T> v(static_cast<std::size_t>(count));
-  if (count > 0 && !preadAll(fd, v.data(), v.size() * sizeof(T),
-                             static_cast<off_t>(offset))) {
+  if (count > 0 && Fwk::preadAll(fd, v.data(), v.size() * sizeof(T),
+                                 static_cast<off_t>(offset)) != 0) {
     v.clear();
   }
   return v;
@@ -550,7 +517,7 @@ std::vector<RingMessage> readRing(const std::string &path) {
   rf::RingHeader h{};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
       static_cast<std::uint64_t>(st.st_size) < sizeof h ||
-      !preadAll(fd, &h, sizeof h, 0) || !geometryOk(h)) {
+      Fwk::preadAll(fd, &h, sizeof h, 0) != 0 || !geometryOk(h)) {
     return out;
   }
   const auto fileBytes = static_cast<std::uint64_t>(st.st_size);
