@@ -4,14 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "MicaMpls/MplsIsem2EntryLog.h"
 #include "MicaMpls/MplsLemEntryLog.h"
 #include "platform/statedb/GenId.h"
+#include "support/FreshInstance.h"
 
 namespace EntryLogTest {
 
@@ -64,19 +63,9 @@ struct Lem {
 
 using Families = ::testing::Types<Isem2, Lem>;
 
-// A unique agent (so a unique store instance) per test. Process ids come
-// back, so whatever an earlier run left under the name is removed.
+// A unique agent (so a unique store instance) per test.
 inline std::string uniqueAgent(const char *what) {
-  static std::atomic<int> n{0};
-  const std::string name = std::string("elog-") + what + "-" +
-                           std::to_string(::getpid()) + "-" + std::to_string(n++);
-  std::error_code ec; // no root yet: nothing to remove
-  for (const auto &dir : std::filesystem::directory_iterator(Shm::rootDirectory(), ec)) {
-    if (dir.path().stem() == name) {
-      std::filesystem::remove_all(dir.path());
-    }
-  }
-  return name;
+  return TestSupport::freshInstanceName(std::string("elog-") + what);
 }
 
 template <typename F> struct LogEnv {

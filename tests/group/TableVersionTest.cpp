@@ -3,24 +3,18 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include "platform/asic/GroupInterface.h"
+#include "support/FreshInstance.h"
 
 namespace {
 
 const Asic::SwTableId kIsem2(0x0A080401);
 const Asic::SwTableId kLem(0x0A080402);
 
-std::string hwAgent() {
-  static int n = 0;
-  // Process ids come back: drop what an earlier run left under the name.
-  const std::string name = "hw-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
-  std::filesystem::remove_all(Shm::rootDirectory() + "/" + name + ".0");
-  return name;
-}
+std::string hwAgent() { return TestSupport::freshInstanceName("hw"); }
 
 TEST(TableVersions, AgentsReadWhatTheHardwareWriterRecorded) {
   const std::string hw = hwAgent();

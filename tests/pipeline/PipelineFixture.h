@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "platform/asic/GroupInterface.h"
 #include "platform/shm/Store.h"
 #include "platform/statedb/EntityManager.h"
+#include "support/FreshInstance.h"
 #include "table/TableFixture.h"
 
 namespace PipelineTest {
@@ -164,12 +164,7 @@ template <typename F> struct Env {
     std::filesystem::remove_all(dir);
   }
   static std::string uniqueAgent() {
-    static std::atomic<int> n{0};
-    // Process ids come back: drop what an earlier run left under the name.
-    const std::string name =
-        "pipeline-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
-    std::filesystem::remove_all(Shm::rootDirectory() + "/" + name + ".0");
-    return name;
+    return TestSupport::freshInstanceName("pipeline");
   }
 
   void start() {
