@@ -146,6 +146,17 @@ public:
     swTable_->commitEntry(self);
   }
 
+  // The resolver keeps the changes of one table and key in order.
+  const void *orderTable() const noexcept override { return swTable_; }
+  std::uint64_t orderKey() const noexcept override {
+    const auto &key = wrapper_->key();
+    if constexpr (requires { key.packed(); }) {
+      return key.packed();
+    } else {
+      return Fwk::hashBytes64(&key, sizeof key, 0);
+    }
+  }
+
   TableResolverEntry(Fwk::Ptr<const DependencyEntryHandle> dependency,
                      EntryFlags flags, Table *table, Fwk::Ptr<Wrapper> wrapper)
       : ResolverEntry(std::move(dependency), flags), swTable_(table),

@@ -1,22 +1,132 @@
 #include "platform/asic/GroupResolver.h"
 
+#include <algorithm>
+
 namespace Asic {
+
+namespace {
+std::uint64_t tableOf(const ResolverEntry &e) noexcept {
+  return reinterpret_cast<std::uintptr_t>(e.orderTable());
+}
+} // namespace
 
 GroupResolver::GroupResolver(Scheduler schedule)
     : schedule_(std::move(schedule)) {}
 
 GroupResolver::~GroupResolver() = default;
 
+GroupResolver::TableOrder &GroupResolver::tableOrder(std::uint64_t table) {
+  if (TableOrder *o = tables_.find(table)) {
+    return *o;
+  }
+  // Kept for as long as the resolver lives: an idle order is the same as a
+  // new one, and tables are few.
+  tables_.insert(table, TableOrder{});
+  return *tables_.find(table);
+}
+
+void GroupResolver::offer(Fwk::Ptr<ResolverEntry> e) {
+  e->offered_ = true;
+  offer_.push_back(std::move(e));
+}
+
+void GroupResolver::headIs(TableOrder &order, const Fwk::Ptr<ResolverEntry> &e) {
+  if (e->segment_ == order.active) {
+    offer(e);
+  } else {
+    order.barriers[e->segment_ - order.active - 1].blockedHeads.push_back(e);
+  }
+}
+
+void GroupResolver::maybeOfferRemoveAll(TableOrder &order) {
+  if (order.outstanding == 0 && !order.barriers.empty() &&
+      !order.barriers.front().removeAll->offered_) {
+    offer(order.barriers.front().removeAll);
+  }
+}
+
 void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
   if (!entry) {
     return;
   }
-  queue_.push_back(entry);
-  notify(attrResolverQueue, queue_.size() - 1);
+  entry->queueSeq_ = ++enqueued_;
+  ++queued_;
+  const std::uint64_t table = tableOf(*entry);
+  TableOrder &order = tableOrder(table);
+  if (entry->isTableDeleted()) {
+    entry->segment_ = order.active + order.barriers.size() + 1;
+    order.barriers.push_back(Barrier{entry, 0, {}});
+    maybeOfferRemoveAll(order);
+  } else {
+    entry->segment_ = order.active + order.barriers.size();
+    if (order.barriers.empty()) {
+      ++order.outstanding;
+    } else {
+      ++order.barriers.back().outstanding;
+    }
+    const LaneKey key{table, entry->orderKey()};
+    if (Lane *lane = lanes_.find(key)) {
+      lane->tail->laneNext_ = entry;
+      lane->tail = entry.ptr();
+    } else {
+      lanes_.insert(key, Lane{entry, entry.ptr()});
+      headIs(order, entry);
+    }
+  }
+  notify(attrResolverQueue, queued_);
+}
+
+void GroupResolver::retire(const Fwk::Ptr<ResolverEntry> &e) {
+  --queued_;
+  e->offered_ = false;
+  TableOrder &order = tableOrder(tableOf(*e));
+  if (e->isTableDeleted()) {
+    // The front barrier: every change before it has committed. Its segment
+    // opens, and the lane heads that waited for it are offered.
+    Barrier opened = std::move(order.barriers.front());
+    order.barriers.erase(order.barriers.begin());
+    ++order.active;
+    order.outstanding = opened.outstanding;
+    for (auto &h : opened.blockedHeads) {
+      offer(std::move(h));
+    }
+  } else {
+    const LaneKey key{tableOf(*e), e->orderKey()};
+    Lane *lane = lanes_.find(key);
+    Fwk::Ptr<ResolverEntry> next = std::move(e->laneNext_);
+    if (next) {
+      lane->head = next;
+      headIs(order, next);
+    } else {
+      lanes_.erase(key);
+    }
+    --order.outstanding;
+  }
+  maybeOfferRemoveAll(order);
+  notify(attrResolverQueue, queued_);
 }
 
 Fwk::Ptr<ResolverEntry> GroupResolver::resolverQueue(std::size_t position) const {
-  return position < queue_.size() ? queue_[position] : nullptr;
+  if (position >= queued_) {
+    return nullptr;
+  }
+  std::vector<Fwk::Ptr<ResolverEntry>> all;
+  all.reserve(queued_);
+  for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
+    for (ResolverEntry *e = it.value().head.ptr(); e; e = e->laneNext_.ptr()) {
+      all.emplace_back(e);
+    }
+  }
+  for (auto it = tables_.begin(); it != tables_.end(); ++it) {
+    for (const Barrier &b : it.value().barriers) {
+      all.push_back(b.removeAll);
+    }
+  }
+  std::nth_element(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(position),
+                   all.end(), [](const auto &a, const auto &b) {
+                     return a->queueSeq_ < b->queueSeq_;
+                   });
+  return all[position];
 }
 
 void GroupResolver::updateGenId() {
@@ -35,9 +145,9 @@ void GroupResolver::updateGenId() {
 
 void GroupResolver::maybeUpdateSuspend() {
   bool s = suspended_;
-  if (!s && queue_.size() > kSuspendHigh) {
+  if (!s && queued_ > kSuspendHigh) {
     s = true;
-  } else if (s && queue_.size() < kSuspendLow) {
+  } else if (s && queued_ < kSuspendLow) {
     s = false;
   }
   if (s != suspended_) {
@@ -49,22 +159,39 @@ void GroupResolver::maybeUpdateSuspend() {
 std::size_t GroupResolver::runPass() {
   if (inPass_) {
     // A commit asked for a pass from inside this one: the running pass
-    // already goes on to the end of the queue.
+    // already offers everything that became offerable.
     return 0;
   }
   Fwk::Ptr<GroupResolver> self(this);
   inPass_ = true;
+  // The changes that were not ready last time are older than those that
+  // became offerable since: they are offered first.
+  if (!waiting_.empty()) {
+    waiting_.insert(waiting_.end(),
+                    std::make_move_iterator(offer_.begin() +
+                                            static_cast<std::ptrdiff_t>(offerHead_)),
+                    std::make_move_iterator(offer_.end()));
+    offer_.swap(waiting_);
+    waiting_.clear();
+    offerHead_ = 0;
+  }
   std::size_t committed = 0;
-  while (!queue_.empty()) {
-    Fwk::Ptr<ResolverEntry> front = queue_.front();
-    if (!front->isResolved()) {
-      break;
+  while (offerHead_ < offer_.size()) {
+    Fwk::Ptr<ResolverEntry> e = std::move(offer_[offerHead_++]);
+    if (!e->isResolved()) {
+      if (const auto &dep = e->dependencyHandle();
+          dep && dep->entryState() == EntryState::made) {
+        dep->waiterIs(this);
+      }
+      waiting_.push_back(std::move(e));
+      continue;
     }
-    queue_.pop_front();
-    notify(attrResolverQueue, std::size_t{0});
-    front->commitEntry(front);
+    retire(e);
+    e->commitEntry(e);
     ++committed;
   }
+  offer_.clear();
+  offerHead_ = 0;
   inPass_ = false;
   maybeUpdateSuspend();
   return committed;

@@ -1,5 +1,9 @@
 #include "platform/asic/OrderedSwTable.h"
 
+#include <algorithm>
+
+#include "platform/asic/GroupResolver.h"
+
 namespace Asic {
 
 CanonicalTableName::CanonicalTableName(Kind kind, std::string ns,
@@ -15,6 +19,23 @@ CanonicalTableName::canonicalTableNameIs(Kind kind, std::string ns,
 }
 
 DependencyEntryHandle::~DependencyEntryHandle() = default;
+
+void DependencyEntryHandle::waiterIs(GroupResolver *resolver) const {
+  if (!resolver || std::any_of(waiters_.begin(), waiters_.end(),
+                               [resolver](const auto &w) { return w.ptr() == resolver; })) {
+    return;
+  }
+  waiters_.emplace_back(resolver);
+}
+
+void DependencyEntryHandle::wakeWaiters() {
+  // A woken resolver may register again (during a pass it runs later).
+  std::vector<Fwk::Ptr<Fwk::Object>> woken;
+  woken.swap(waiters_);
+  for (const auto &r : woken) {
+    static_cast<GroupResolver *>(r.ptr())->updateGenId();
+  }
+}
 
 NeededEntry::~NeededEntry() = default;
 

@@ -49,6 +49,7 @@ constexpr bool entryStateFailed(EntryState s) noexcept {
          s == EntryState::resolveFailed;
 }
 
+class GroupResolver;
 class OrderedSwTableSet;
 class OrderedSwTableStatus;
 
@@ -80,21 +81,44 @@ private:
 
 // A change another table's change must wait for: its table, its entry state
 // and the log version it was committed under.
+//
+// A group resolver that finds a change waiting on an unfinished dependency
+// registers itself as a waiter of the dependency's handle (waiterIs); the
+// handle's next change of state wakes every waiter (updateGenId) and forgets
+// them, so nothing has to poll the handle.
 class MICA_PLATFORM_API DependencyEntryHandle : public Fwk::Object {
 public:
   EntryState entryState() const noexcept { return entryState_; }
-  void entryStateIs(EntryState s) noexcept { entryState_ = s; }
+  void entryStateIs(EntryState s) {
+    if (s == entryState_) {
+      return;
+    }
+    entryState_ = s;
+    if (!waiters_.empty()) [[unlikely]] {
+      wakeWaiters();
+    }
+  }
   LogVersion logVersion() const noexcept { return logVersion_; }
   void logVersionIs(LogVersion v) noexcept { logVersion_ = v; }
   virtual SwTableId tableId() const = 0;
+
+  // Wakes `resolver` at this handle's next change of state (once; a
+  // resolver registered twice is woken once). Const: waiting on a change
+  // does not change it.
+  void waiterIs(GroupResolver *resolver) const;
+  std::size_t waiters() const noexcept { return waiters_.size(); }
 
 protected:
   DependencyEntryHandle() noexcept = default;
   ~DependencyEntryHandle() override;
 
 private:
+  void wakeWaiters();
+
   LogVersion logVersion_ = 0;
   EntryState entryState_ = EntryState::made;
+  // The waiting resolvers (GroupResolver), held as counted objects.
+  mutable std::vector<Fwk::Ptr<Fwk::Object>> waiters_;
 };
 
 // The set of other tables' versions that a committed entry depends on. The
@@ -323,6 +347,12 @@ public:
   virtual bool isResolved() = 0;
   virtual void commitEntry(const Fwk::Ptr<ResolverEntry> &self) = 0;
 
+  // What the resolver keeps this change in order with (GroupResolver.h):
+  // the changes of the same table and order key, and the remove-alls of the
+  // same table.
+  virtual const void *orderTable() const noexcept = 0;
+  virtual std::uint64_t orderKey() const noexcept = 0;
+
 protected:
   ResolverEntry(Fwk::Ptr<const DependencyEntryHandle> dependency,
                 EntryFlags flags)
@@ -330,8 +360,15 @@ protected:
   ~ResolverEntry() override;
 
 private:
+  friend class GroupResolver;
+
   Fwk::Ptr<const DependencyEntryHandle> dependency_;
   EntryFlags flags_;
+  // Kept by the resolver while the change is queued.
+  bool offered_ = false;          // in the resolver's offer or waiting list
+  std::uint64_t queueSeq_ = 0;    // queue order
+  std::uint64_t segment_ = 0;     // the segment of its table it belongs to
+  Fwk::Ptr<ResolverEntry> laneNext_; // the next change of its lane
 };
 
 } // namespace Asic

@@ -32,6 +32,10 @@ template <typename Tag> struct MplsLabelKey {
   std::uint32_t hash(std::uint32_t seed) const noexcept {
     return Fwk::hashRecord(*this, seed);
   }
+  // The key as one number, distinct for distinct keys.
+  constexpr std::uint64_t packed() const noexcept {
+    return std::uint64_t{label} << 8 | qualifier;
+  }
 };
 
 } // namespace MicaMpls
