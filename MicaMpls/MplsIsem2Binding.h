@@ -15,6 +15,7 @@ class MplsIsem2ResolverEntry;
 class MplsIsem2SwTableHelperBase;
 class MplsIsem2EntryLog;
 class MplsIsem2InLifLinkage;
+class MplsIsem2Interface;
 
 struct MICA_MPLS_API MplsIsem2Binding {
   using Key = MplsIsem2EntryKey;
@@ -28,6 +29,7 @@ struct MICA_MPLS_API MplsIsem2Binding {
   using ResolverEntry = MplsIsem2ResolverEntry;
   using Helper = MplsIsem2SwTableHelperBase;
   using EntryLog = MplsIsem2EntryLog;
+  using Interface = MplsIsem2Interface;
   using Linkage = MplsIsem2InLifLinkage;
 
   using ResourceTable = MicaTunnelNiLib::InLifResourceTable;
@@ -47,6 +49,19 @@ struct MICA_MPLS_API MplsIsem2Binding {
   // The second word of the items reported when a collection was wiped
   // (entryLog::MplsIsem2, entryCfg::MplsIsem2).
   static constexpr const char *kWipedItem = "MplsIsem2";
+  // The table type's interface, and the resource table its tables take
+  // resources from (its name is also the name of their clients).
+  static constexpr const char *kInterfaceClass = "MplsIsem2Interface";
+  static constexpr const char *kInterfaceSourceUnit = "MicaMpls/MplsIsem2Interface";
+  static constexpr const char *kInterfaceKey = "MicaMpls::MplsIsem2Interface";
+  static constexpr const char *kResourceNamespace = "MicaTunnelNiLib";
+  static constexpr const char *kResourceName = "InLif.featureMicaMpls";
+  static constexpr const char *kResourceStartedTrace =
+      " ResourceTable: MicaTunnelNiLib::InLif.featureMicaMpls started or restored with {} entries";
+  static constexpr const char *kClearingTrace =
+      " Clearing entries for table: MplsIsem2, unitId: {}";
+  static constexpr const char *kRestoredTrace =
+      " Restored {} entries for table: MplsIsem2, unitId: {}";
   static constexpr const char *kLinkageAttr = "inLifLinkage";
 
   static ResourceKey resourceKey(const Entry &e) noexcept { return e.inLifKey; }

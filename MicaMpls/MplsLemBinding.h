@@ -16,6 +16,7 @@ class MplsLemResolverEntry;
 class MplsLemSwTableHelperBase;
 class MplsLemEntryLog;
 class MplsLemL2AdjToFecLinkage;
+class MplsLemInterface;
 
 struct MICA_MPLS_API MplsLemBinding {
   using Key = MplsLemEntryKey;
@@ -29,6 +30,7 @@ struct MICA_MPLS_API MplsLemBinding {
   using ResolverEntry = MplsLemResolverEntry;
   using Helper = MplsLemSwTableHelperBase;
   using EntryLog = MplsLemEntryLog;
+  using Interface = MplsLemInterface;
   using Linkage = MplsLemL2AdjToFecLinkage;
 
   using ResourceTable = MicaAdjLib::L2AdjToFecResourceTableResourceTable;
@@ -48,6 +50,19 @@ struct MICA_MPLS_API MplsLemBinding {
   // The second word of the items reported when a collection was wiped
   // (entryLog::MplsLem, entryCfg::MplsLem).
   static constexpr const char *kWipedItem = "MplsLem";
+  // The table type's interface, and the resource table its tables take
+  // resources from (its name is also the name of their clients).
+  static constexpr const char *kInterfaceClass = "MplsLemInterface";
+  static constexpr const char *kInterfaceSourceUnit = "MicaMpls/MplsLemInterface";
+  static constexpr const char *kInterfaceKey = "MicaMpls::MplsLemInterface";
+  static constexpr const char *kResourceNamespace = "MicaAdjLib";
+  static constexpr const char *kResourceName = "L2AdjToFecResourceTable.micaMpls";
+  static constexpr const char *kResourceStartedTrace =
+      " ResourceTable: MicaAdjLib::L2AdjToFecResourceTable.micaMpls started or restored with {} entries";
+  static constexpr const char *kClearingTrace =
+      " Clearing entries for table: MplsLem, unitId: {}";
+  static constexpr const char *kRestoredTrace =
+      " Restored {} entries for table: MplsLem, unitId: {}";
   static constexpr const char *kLinkageAttr = "l2AdjToFecLinkage";
 
   static ResourceKey resourceKey(const Entry &e) noexcept { return {e.l2AdjId}; }

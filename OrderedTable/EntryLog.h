@@ -115,12 +115,7 @@ public:
       const std::function<void(Shm::MountInfo &)> &mountInfoFn,
       const std::function<Shm::CollectionControl &(Fwk::Ptr<T> &)> &collectionControlFn,
       const std::function<void()> &wipedFn) {
-    // NOT_LOCAL_EM: the store instance is the agent's name with id 0, shared
-    // by every instance of the agent.
-    const std::uint32_t instance =
-        std::getenv("NOT_LOCAL_EM") ? 0 : entityManager->instanceId();
-    auto shm = Shm::entityManager(entityManager->name(), instance,
-                                  Shm::Access::write);
+    auto shm = agentShmEntityManager(*entityManager);
     auto group = shm->mountGroup();
     Shm::MountInfo info(0);
     mountInfoFn(info);
@@ -387,8 +382,9 @@ public:
   // Retires every logged change up to and including `logVersion`.
   void cleanupEntryLog(LogVersion logVersion) {
     EL_TRACE(8, " version {}", logVersion);
-    // A version below the mark retires nothing (the mark moves back).
-    if (tableEntryLog_ && logVersion >= cleanupVersion_) {
+    // A version below the mark retires nothing (the mark moves back), and
+    // neither does version 0, which is never handed out.
+    if (tableEntryLog_ && logVersion != 0 && logVersion >= cleanupVersion_) {
       auto &log = tableEntryLog_->entryLogConfig();
       if (cleanupVersion_ == 0 || logVersion - cleanupVersion_ >= log.count()) {
         // A walk of the log in its order: always after a start, and whenever

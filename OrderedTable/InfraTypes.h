@@ -135,7 +135,7 @@ public:
   using Table = typename B::SwTable;
   using Wrapper = typename B::EntryWrapper;
 
-  Table *swTable() const noexcept { return swTable_; }
+  Table *swTable() const noexcept { return swTable_.ptr(); }
   const Fwk::Ptr<Wrapper> &entryWrapper() const noexcept { return wrapper_; }
 
   bool isResolved() override {
@@ -147,7 +147,7 @@ public:
   }
 
   // The resolver keeps the changes of one table and key in order.
-  const void *orderTable() const noexcept override { return swTable_; }
+  const void *orderTable() const noexcept override { return swTable_.ptr(); }
   std::uint64_t orderKey() const noexcept override {
     const auto &key = wrapper_->key();
     if constexpr (requires { key.packed(); }) {
@@ -166,7 +166,8 @@ protected:
   ~TableResolverEntry() override = default;
 
 private:
-  Table *swTable_;
+  // A queued change keeps its table alive until it has committed.
+  Fwk::Ptr<Table> swTable_;
   Fwk::Ptr<Wrapper> wrapper_;
 };
 

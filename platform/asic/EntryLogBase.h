@@ -10,9 +10,17 @@
 #include "platform/asic/GroupInterface.h"
 #include "platform/asic/Types.h"
 #include "platform/framework/Notifier.h"
+#include "platform/shm/Store.h"
 #include "platform/statedb/EntityManager.h"
 
 namespace Asic {
+
+// The shared-memory store handle (writer) of the agent that a state
+// database handle names: its name and instance id, or instance 0 when the
+// environment variable NOT_LOCAL_EM is set (every instance of the agent then
+// shares one store instance).
+MICA_PLATFORM_API Fwk::Ptr<Shm::EntityManager>
+agentShmEntityManager(const StateDb::EntityManager &entityManager);
 
 class MICA_PLATFORM_API EntryLogBase : public Fwk::Notifier {
 public:

@@ -39,6 +39,7 @@ public:
   bool allocate(const InLifEntryKey &key, const InLifClientData &cd,
                 InLifData &out) override;
   void free(const InLifEntryKey &key, const InLifData &data) override;
+  bool claim(const InLifEntryKey &key, const InLifData &data) override;
   std::size_t inUse() const override { return pool_.inUse(); }
   // Allocation of this key fails from now on.
   void failingKeyIs(const InLifEntryKey &key) { failing_.insert(key); }
@@ -48,12 +49,21 @@ private:
   Fwk::HashSet<InLifEntryKey> failing_;
 };
 
+// How the in-LIF table's allocations are named in the store.
+struct InLifAllocationNames {
+  static constexpr const char *kSlateType = "MicaTunnelNiLib::InLifAllocationSlate";
+  static constexpr const char *kRecordName = "MicaTunnelNiLib::InLifAllocation";
+};
+
 class MICA_PLATFORM_API InLifResourceTable
-    : public Asic::ResourceTable<InLifEntryKey, InLifData, InLifClientData, 518> {
+    : public Asic::ResourceTable<InLifEntryKey, InLifData, InLifClientData, 518,
+                                 InLifAllocationNames> {
 public:
   explicit InLifResourceTable(Fwk::Ptr<const Asic::CanonicalTableName> name,
                               std::uint32_t capacity = 65536)
-      : ResourceTable(std::move(name), allocator_), allocator_(capacity) {}
+      : ResourceTable(std::move(name), allocator_), allocator_(capacity) {
+    capacityIs(capacity);
+  }
   InLifAllocator &inLifAllocator() noexcept { return allocator_; }
 
 private:

@@ -34,6 +34,8 @@ public:
                 L2AdjToFecData &out) override;
   void free(const L2AdjToFecResourceTableEntryKey &key,
             const L2AdjToFecData &data) override;
+  bool claim(const L2AdjToFecResourceTableEntryKey &key,
+             const L2AdjToFecData &data) override;
   std::size_t inUse() const override { return pool_.inUse(); }
   void failingKeyIs(const L2AdjToFecResourceTableEntryKey &key) {
     failing_.insert(key);
@@ -44,13 +46,22 @@ private:
   Fwk::HashSet<L2AdjToFecResourceTableEntryKey> failing_;
 };
 
+// How the adjacency table's allocations are named in the store.
+struct L2AdjToFecAllocationNames {
+  static constexpr const char *kSlateType = "MicaAdjLib::L2AdjToFecAllocationSlate";
+  static constexpr const char *kRecordName = "MicaAdjLib::L2AdjToFecAllocation";
+};
+
 class MICA_PLATFORM_API L2AdjToFecResourceTableResourceTable
     : public Asic::ResourceTable<L2AdjToFecResourceTableEntryKey,
-                                 L2AdjToFecData, Fwk::Unit, 517> {
+                                 L2AdjToFecData, Fwk::Unit, 517,
+                                 L2AdjToFecAllocationNames> {
 public:
   explicit L2AdjToFecResourceTableResourceTable(
       Fwk::Ptr<const Asic::CanonicalTableName> name, std::uint32_t capacity = 65536)
-      : ResourceTable(std::move(name), allocator_), allocator_(capacity) {}
+      : ResourceTable(std::move(name), allocator_), allocator_(capacity) {
+    capacityIs(capacity);
+  }
   L2AdjToFecAllocator &fecAllocator() noexcept { return allocator_; }
 
 private:

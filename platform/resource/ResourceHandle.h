@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/Export.h"
+#include "platform/asic/OrderedSwTable.h"
 #include "platform/asic/Types.h"
 #include "platform/framework/Notifier.h"
 
@@ -54,6 +55,13 @@ public:
   }
   void neededVersionsIs(std::vector<TableVersion> v) {
     neededVersions_ = std::move(v);
+  }
+  // The state a resource had when it was stored: resolved, with its data
+  // and version. Announces nothing (nobody follows a handle being restored).
+  void restoredIs(const Data &d, std::uint32_t version) {
+    data_ = d;
+    version_ = version;
+    entryState_ = static_cast<std::uint8_t>(EntryState::finished);
   }
   void postReleaseProtoStateIs(bool on) {
     if (on != postRelease_) {

@@ -1,10 +1,11 @@
 // Resource tables: tables whose entries other tables need (an in-LIF, the
 // FEC of an L2 adjacency). A user table holds one ClientInstance of the
-// resource table under its client name and follows each resource it uses
-// through a ResourceHandle (ResourceHandle.h).
+// resource table and follows each resource it uses through a ResourceHandle
+// (ResourceHandle.h).
 //
 //   auto inLifs = Fwk::make<MicaTunnelNiLib::InLifResourceTable>(name);
-//   auto client = inLifs->clientInstanceIs("InLif.featureMicaMpls");
+//   inLifs->storeIs(Shm::entityManager("mpls-agent", 0));  // keep allocations
+//   auto client = inLifs->clientInstanceIs("InLif.featureMicaMpls", unit);
 //   auto handle = client->request(key, clientData, nullptr);  // state 0: pending
 //   ...                                     // the table resolves it (state 4)
 //   client->ackUpdate(handle, handle->version(), dependency);
@@ -19,26 +20,44 @@
 // client return the same handle and add nothing. When the last holder
 // releases a key, its handle enters the post-release state, its allocation
 // is freed and the key leaves the table; a later request makes a new handle.
+// Clients are told apart by name and instance: each software table (unit)
+// holds its own instance, so that one unit's release never frees what
+// another unit still uses.
 //
-// Every resolution runs the table's resolved hooks (the group resolver uses
-// one to retry changes that waited for a resource). updateIs() changes the
-// data of a resolved resource, which its handle announces (attribute 518 or
-// 517) to the tables that use it; they acknowledge the version they have
-// applied with ackUpdate().
+// Persistence. With a store (storeIs), every allocation is kept in the
+// agent's shared-memory instance ("resource/<namespace>/<name>", one record
+// per key: data and version), written when it is made or updated and erased
+// when it is freed, each a single crash-consistent record. A restarted agent
+// finds its allocations there: they come back resolved, with the data and
+// version they had and no holder, so a restored entry that requests its
+// resource again gets it at once, unchanged. Allocations that nobody claims
+// by the end of the first replay are freed by releaseUnclaimed(). A crash
+// can leave an allocation stored whose user was never committed (or was
+// deleted just before): nobody claims it, and it is freed the same way.
+//
+// Every resolution runs the table's resolved hooks and wakes the registered
+// group resolvers (their changes may have waited for it). updateIs() changes
+// the data of a resource, which its handle announces (attribute 518 or 517)
+// to the tables that use it; they acknowledge the version they have applied
+// with ackUpdate().
 //
 // Not thread safe: the agent's event thread owns the table.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "platform/asic/GroupResolver.h"
 #include "platform/asic/OrderedSwTable.h"
+#include "platform/asic/ResourceTableBase.h"
 #include "platform/framework/HashMap.h"
 #include "platform/framework/Notifier.h"
 #include "platform/resource/ResourceHandle.h"
+#include "platform/shm/Store.h"
 
 namespace Asic {
 
@@ -49,16 +68,61 @@ public:
   // Fills `out` for a new resource; false when it cannot be made.
   virtual bool allocate(const Key &key, const ClientData &clientData, Data &out) = 0;
   virtual void free(const Key &key, const Data &data) = 0;
+  // Takes back a resource made before (restored from the store); false
+  // when its data cannot be in use (outside the pool, or taken twice).
+  virtual bool claim(const Key &key, const Data &data) = 0;
   // How many resources are allocated.
   virtual std::size_t inUse() const = 0;
 };
 
+// One stored allocation. Explicit padding, always zero.
+template <typename Key, typename Data> struct ResourceAllocation {
+  Key key;
+  Data data;
+  std::uint32_t version = 0;
+  std::uint32_t pad = 0;
+};
+
+template <typename K, typename D, typename Names> struct ResourceAllocationTraits {
+  using Key = K;
+  using Record = ResourceAllocation<K, D>;
+  static Key keyOf(const Record &r) noexcept { return r.key; }
+  static constexpr const char *kRecordName = Names::kRecordName;
+  static constexpr std::uint32_t kRecordVersion = 1;
+};
+
+// The store entity of a resource table's allocations. `Names` gives the
+// entity's type name (kSlateType) and the record's (kRecordName).
+template <typename Key, typename Data, typename Names>
+class ResourceAllocationSlate : public Shm::Entity {
+public:
+  using Traits = ResourceAllocationTraits<Key, Data, Names>;
+  using Collection = Shm::Collection<Traits>;
+  static constexpr const char *kTypeName = Names::kSlateType;
+  static constexpr const char *kCollection = "allocations";
+
+  static Shm::EntityLayout layout() {
+    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
+  }
+  explicit ResourceAllocationSlate(Shm::EntityInit &init)
+      : Shm::Entity(init), allocations_(init, kCollection) {}
+
+  Collection &allocations() noexcept { return allocations_; }
+  const Collection &allocations() const noexcept { return allocations_; }
+
+private:
+  ~ResourceAllocationSlate() override = default;
+  Collection allocations_;
+};
+
 template <typename Key, typename Data, typename ClientData,
-          std::uint16_t kUpdateAttrId>
-class MICA_PLATFORM_API ResourceTable : public Fwk::Notifier {
+          std::uint16_t kUpdateAttrId, typename Names>
+class MICA_PLATFORM_API ResourceTable : public ResourceTableBase {
 public:
   using ResourceHandle = Asic::ResourceHandle<Key, Data, kUpdateAttrId>;
   using Allocator = ResourceAllocator<Key, Data, ClientData>;
+  using Slate = ResourceAllocationSlate<Key, Data, Names>;
+  using Allocation = ResourceAllocation<Key, Data>;
   using Task = std::function<void()>;
   using Scheduler = std::function<void(Task)>;
 
@@ -68,9 +132,10 @@ public:
   // One client's use of the table.
   class ClientInstance : public Fwk::Object {
   public:
-    ClientInstance(ResourceTable *table, std::string name)
-        : table_(table), name_(std::move(name)) {}
+    ClientInstance(ResourceTable *table, std::string name, std::uint32_t instance)
+        : table_(table), name_(std::move(name)), instance_(instance) {}
     const std::string &name() const noexcept { return name_; }
+    std::uint32_t instance() const noexcept { return instance_; }
     ResourceTable *table() const noexcept { return table_; }
 
     // The handle of the key's resource; made (pending) if the key is new.
@@ -119,6 +184,7 @@ public:
     ~ClientInstance() override = default;
     ResourceTable *table_;
     std::string name_;
+    std::uint32_t instance_;
     std::uint64_t requests_ = 0;
     std::uint64_t releases_ = 0;
     std::uint64_t acks_ = 0;
@@ -128,33 +194,92 @@ public:
   ResourceTable(Fwk::Ptr<const CanonicalTableName> name, Allocator &allocator)
       : name_(std::move(name)), allocator_(&allocator) {}
 
-  const Fwk::Ptr<const CanonicalTableName> &name() const noexcept {
+  const Fwk::Ptr<const CanonicalTableName> &name() const noexcept override {
     return name_;
   }
+
+  // Keeps the allocations in the instance of `em` (a writer handle) and
+  // takes back the ones stored there by an earlier run. REQUIRES: nothing
+  // requested yet. Throws the store's errors; an allocation the allocator
+  // cannot take back (a stored record that no longer fits it) is dropped
+  // from the store.
+  void storeIs(const Fwk::Ptr<Shm::EntityManager> &em) {
+    const std::string path = "resource/" + name_->ns() + "/" + name_->name();
+    Shm::MountInfo info;
+    info.collectionInfoIs(Slate::kCollection, capacity());
+    auto group = em->mountGroup();
+    group->doMount(path, Slate::kTypeName, info);
+    group->doClose();
+    slate_ = Fwk::ptrCast<Slate>(em->entity(path));
+    auto &coll = slate_->allocations();
+    coll.control().clearWiped(); // lost allocations are simply made again
+    std::vector<Key> unusable;
+    for (;;) {
+      try {
+        coll.forEachUnordered([&](const Allocation &a) {
+          if (entries_.contains(a.key) || !allocator_->claim(a.key, a.data)) {
+            unusable.push_back(a.key);
+            return;
+          }
+          Holding e;
+          e.handle = Fwk::make<ResourceHandle>(a.key);
+          e.handle->restoredIs(a.data, a.version);
+          e.allocated = true;
+          entries_.insert(a.key, std::move(e));
+          ++restored_;
+        });
+        break;
+      } catch (const Shm::CorruptionError &err) {
+        coll.doCorruptionDetected(err.what()); // dropped; the scan goes on
+        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+          allocator_->free(it.key(), it.value().handle->data());
+        }
+        entries_.clear();
+        unusable.clear();
+        restored_ = 0;
+      }
+    }
+    for (const Key &k : unusable) {
+      coll.erase(k);
+    }
+  }
+  // The allocations restored from the store by storeIs().
+  std::size_t restored() const noexcept { return restored_; }
+  std::uint32_t capacity() const noexcept { return capacity_; }
 
   // Runs allocations later on the event thread; without one they run at
   // once, inside request().
   void schedulerIs(Scheduler s) { scheduler_ = std::move(s); }
   // Runs after every pass of allocations that resolved or failed anything.
   void resolvedHookIs(Task hook) { resolvedHooks_.push_back(std::move(hook)); }
+  void resolverWakeIs(GroupResolver *resolver) override {
+    if (resolver &&
+        std::none_of(resolvers_.begin(), resolvers_.end(),
+                     [resolver](const auto &r) { return r.ptr() == resolver; })) {
+      resolvers_.emplace_back(resolver);
+    }
+  }
 
-  // The client instance of a name, made on first use.
-  Fwk::Ptr<ClientInstance> clientInstanceIs(const std::string &name) {
-    if (auto *c = clients_.find(name)) {
+  // The client instance of a name and instance number, made on first use.
+  Fwk::Ptr<ClientInstance> clientInstanceIs(const std::string &name,
+                                            std::uint32_t instance = 0) {
+    const std::string key = clientKey(name, instance);
+    if (auto *c = clients_.find(key)) {
       return *c;
     }
-    auto c = Fwk::make<ClientInstance>(this, name);
-    clients_.insert(name, c);
-    notify(attrClientInstance, name);
+    auto c = Fwk::make<ClientInstance>(this, name, instance);
+    clients_.insert(key, c);
+    notify(attrClientInstance, key);
     return c;
   }
-  Fwk::Ptr<ClientInstance> clientInstance(const std::string &name) const {
-    const auto *c = clients_.find(name);
+  Fwk::Ptr<ClientInstance> clientInstance(const std::string &name,
+                                          std::uint32_t instance = 0) const {
+    const auto *c = clients_.find(clientKey(name, instance));
     return c ? *c : nullptr;
   }
 
-  // The number of keys held by any client.
-  std::size_t entries() const noexcept { return entries_.size(); }
+  // The number of keys held by any client, or restored and not yet claimed.
+  std::size_t entries() const noexcept override { return entries_.size(); }
   // The handle of a held key, or null.
   Fwk::Ptr<const ResourceHandle> entry(const Key &key) const {
     const auto *e = entries_.find(key);
@@ -179,6 +304,7 @@ public:
       if (allocator_->allocate(key, e->clientData, data)) {
         e->allocated = true;
         h->dataIs(data);
+        store(*h);
         h->entryStateIs(static_cast<std::uint8_t>(EntryState::finished));
       } else {
         h->entryStateIs(static_cast<std::uint8_t>(EntryState::failed));
@@ -189,6 +315,9 @@ public:
     if (n) {
       for (const auto &hook : resolvedHooks_) {
         hook();
+      }
+      for (const auto &r : resolvers_) {
+        r->updateGenId();
       }
     }
     return n;
@@ -203,6 +332,7 @@ public:
     }
     Fwk::Ptr<ResourceHandle> h = e->handle;
     h->dataIs(data);
+    store(*h);
     return true;
   }
   // Marks a held resource failed (state 5), as a failing hardware would.
@@ -216,8 +346,22 @@ public:
     return true;
   }
 
+  std::size_t releaseUnclaimed() override {
+    std::vector<Key> unclaimed;
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+      if (it.value().holders.empty()) {
+        unclaimed.push_back(it.key());
+      }
+    }
+    for (const Key &k : unclaimed) {
+      free(k);
+    }
+    return unclaimed.size();
+  }
+
 protected:
   ~ResourceTable() override = default;
+  void capacityIs(std::uint32_t c) noexcept { capacity_ = c; }
 
 private:
   struct Holding {
@@ -226,6 +370,21 @@ private:
     std::vector<const ClientInstance *> holders;
     bool allocated = false;
   };
+
+  static std::string clientKey(const std::string &name, std::uint32_t instance) {
+    return name + '#' + std::to_string(instance);
+  }
+
+  void store(const ResourceHandle &h) {
+    if (!slate_) {
+      return;
+    }
+    Allocation a{};
+    a.key = h.key();
+    a.data = h.data();
+    a.version = h.version();
+    slate_->allocations().insert(a);
+  }
 
   Fwk::Ptr<const ResourceHandle> hold(const ClientInstance *client,
                                       const Key &key, const ClientData &cd) {
@@ -262,12 +421,19 @@ private:
         break;
       }
     }
-    if (!hs.empty()) {
-      return;
+    if (hs.empty()) {
+      free(key);
     }
+  }
+
+  // The key leaves the table: its stored record first, then its allocation.
+  void free(const Key &key) {
     Holding gone;
     entries_.take(key, gone);
     if (gone.allocated) {
+      if (slate_) {
+        slate_->allocations().erase(key);
+      }
       allocator_->free(key, gone.handle->data());
     }
     gone.handle->postReleaseProtoStateIs(true);
@@ -289,12 +455,16 @@ private:
 
   Fwk::Ptr<const CanonicalTableName> name_;
   Allocator *allocator_;
+  std::uint32_t capacity_ = 65536;
   Scheduler scheduler_;
   std::vector<Task> resolvedHooks_;
+  std::vector<Fwk::Ptr<GroupResolver>> resolvers_;
   Fwk::HashMap<std::string, Fwk::Ptr<ClientInstance>> clients_{0x2d7f4e11u};
   Fwk::HashMap<Key, Holding> entries_{0x4c8e1b53u};
   std::deque<Key> pending_;
   bool allocationScheduled_ = false;
+  Fwk::Ptr<Slate> slate_;
+  std::size_t restored_ = 0;
 };
 
 } // namespace Asic

@@ -1,6 +1,10 @@
 #include "platform/resource/InLifResourceTable.h"
 #include "platform/resource/L2AdjToFecResourceTable.h"
 
+namespace Asic {
+ResourceTableBase::~ResourceTableBase() = default;
+} // namespace Asic
+
 namespace MicaTunnelNiLib {
 
 bool InLifAllocator::allocate(const InLifEntryKey &key, const InLifClientData &cd,
@@ -22,7 +26,16 @@ void InLifAllocator::free(const InLifEntryKey &, const InLifData &data) {
   pool_.give(data.inLif0Index);
 }
 
+bool InLifAllocator::claim(const InLifEntryKey &, const InLifData &data) {
+  return data.inLif23Index == data.inLif0Index + k23Offset &&
+         pool_.claim(data.inLif0Index);
+}
+
 InLifResourceTable::~InLifResourceTable() = default;
+
+namespace {
+const Shm::EntityTypeRegistrar<InLifResourceTable::Slate> kInLifSlateType;
+} // namespace
 
 } // namespace MicaTunnelNiLib
 
@@ -47,7 +60,17 @@ void L2AdjToFecAllocator::free(const L2AdjToFecResourceTableEntryKey &,
   pool_.give(data.fecId);
 }
 
+bool L2AdjToFecAllocator::claim(const L2AdjToFecResourceTableEntryKey &,
+                                const L2AdjToFecData &data) {
+  return pool_.claim(data.fecId);
+}
+
 L2AdjToFecResourceTableResourceTable::~L2AdjToFecResourceTableResourceTable() =
     default;
+
+namespace {
+const Shm::EntityTypeRegistrar<L2AdjToFecResourceTableResourceTable::Slate>
+    kL2AdjToFecSlateType;
+} // namespace
 
 } // namespace MicaAdjLib
