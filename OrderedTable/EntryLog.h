@@ -253,6 +253,17 @@ public:
 
   // ---- Logging changes ----
 
+  // Whether a write of the key can be logged now: the change log has room,
+  // and the unit's configuration table holds the key or has room for it.
+  bool canLog(const Key &key, UnitId unitId) const {
+    const auto &log = tableEntryLog_->entryLogConfig();
+    if (log.count() >= log.capacity()) {
+      return false;
+    }
+    const auto &coll = configSlateOf(unitId).swTableEntries();
+    return coll.count() < coll.capacity() || coll.contains(key);
+  }
+
   // Logs a write of one entry and returns its version. With
   // suppressIdenticalWrites, a write identical to the stored live record
   // returns the stored version and logs nothing.

@@ -268,22 +268,20 @@ template <typename T> struct OrderedSwTableAccessor {
   }
 
   // Forgets the pending state of the wrapper's key if this commit is its
-  // newest change; a newer change's own commit will clear it otherwise. The
-  // key's version tells which change is the newest: a remove-all drops the
-  // pending wrappers from view but keeps their versions, and the newest of
-  // those changes still ends the key's time in flight when it commits.
+  // newest change: the wrapper pending under the key must carry the
+  // committed version. Otherwise a newer change of the key is pending, and
+  // its own commit clears them. (After a remove-all the wrappers are gone
+  // from view, so the versions of their keys stay until a later change of
+  // each key commits.)
   template <typename Coll, typename Del>
   static void clearTransient(T &t, const Coll &coll, Del &&del, const Key &key,
                              EntryVersion committed) {
-    if (!(t.transientVersionForKey(key) == committed)) {
-      return; // a newer change of the key is pending
-    }
     const auto *found = coll.find(key);
     if (found && *found && (*found)->entryHandle() &&
         (*found)->entryHandle()->version() == committed) {
       del(key);
+      t.transientVersionForKeyDel(key);
     }
-    t.transientVersionForKeyDel(key);
   }
 
   static void commitEntry(T &t, const Fwk::Ptr<ResolverEntry> &base,
@@ -381,6 +379,19 @@ template <typename T> struct OrderedSwTableAccessor {
     }
   }
 
+  // Whether the entry log can take a write of the key: the change log has
+  // room, and the unit's configuration table has room or holds the key. A
+  // refusal is traced and counted.
+  static bool roomToLog(T &t, const Key &key) {
+    const auto &log = t.entryLog();
+    if (!log || log->canLog(key, t.unitId())) {
+      return true;
+    }
+    OT_TRACE(1, "key: {}: no room in the entry log of unitId: {}", key, t.unitId());
+    t.stats()->logRefusedCntInc(1);
+    return false;
+  }
+
   // False when the write failed (the caller fails its handle).
   static bool commitWrite(T &t, const Fwk::Ptr<Resolver> &r, const Dependency &dep,
                           const Fwk::Ptr<Wrapper> &wrapper,
@@ -394,13 +405,17 @@ template <typename T> struct OrderedSwTableAccessor {
     };
     const Fwk::Ptr<typename B::SwTable> self(&t);
     if (checkResolveSuccess(wrapper, linkage)) {
+      if (!roomToLog(t, key)) {
+        clear();
+        return false; // refused before the helper hears of a success
+      }
       wrapper->finalizeOnSuccess(self, false);
       clear();
     } else {
       t.stats()->resolveFailCntInc(1);
       const bool keep = wrapper->finalizeOnFailure(self, false);
       clear();
-      if (!keep) {
+      if (!keep || !roomToLog(t, key)) {
         return false;
       }
     }
@@ -416,8 +431,9 @@ template <typename T> struct OrderedSwTableAccessor {
                                   wrapper->entry().resourceKeys(), needed,
                                   t.unitId(), t.stats(), r->isMarked());
       } catch (const Shm::CollectionFullError &e) {
-        // Nothing was written: the change fails, the table stays as it was.
+        // Not expected after roomToLog; nothing was written either way.
         OT_TRACE(1, "key: {}: {}", key, e.what());
+        t.stats()->logRefusedCntInc(1);
         return false;
       }
     }
@@ -713,8 +729,8 @@ template <typename T> struct OrderedSwTableAccessor {
     const auto logEntry = w->entry().logEntry();
     auto &log = *t.entryLog();
     if (!(logEntry == log.entry(key, t.unitId())) && commitToLog) {
-      auto needed = t.getNeededEntrySet(w);
-      try {
+      if (roomToLog(t, key)) {
+        auto needed = t.getNeededEntrySet(w);
         const LogVersion v = log.entryIs(logEntry, w->entry().resourceKeys(),
                                          needed, t.unitId(), t.stats(), false);
         handle->logVersionIs(v);
@@ -722,16 +738,15 @@ template <typename T> struct OrderedSwTableAccessor {
         t.stats()->updateCntInc(1);
         OT_TRACE(3, " key: {}, neededEntry: {}, entryLogVersion: {} ", key,
                  needed, v);
-      } catch (const Shm::CollectionFullError &e) {
-        OT_TRACE(1, "key: {}: {}", key, e.what());
-        handle->entryStateIs(EntryState::failed);
+        return handle;
       }
-      return handle;
+      // Refused (traced and counted): the entry stays as it was logged.
+    } else {
+      OT_TRACE(3,
+               " key: {}, commitToLog: {}, no change in logEntry or don't commit "
+               "to log",
+               key, commitToLog);
     }
-    OT_TRACE(3,
-             " key: {}, commitToLog: {}, no change in logEntry or don't commit "
-             "to log",
-             key, commitToLog);
     handle->logVersionIs(log.entryLogVersion(key, t.unitId()));
     handle->entryStateIs(EntryState::logged);
     return handle;
@@ -858,7 +873,9 @@ template <typename B>
 Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
 OrderedSwTableState<B>::entryWrite(const Key &key, const Entry &entry,
                                    const Dependency &dependency) {
-  return entryWriteWithResponseHandler(key, entry, dependency, ResponseHandler());
+  Accessor::traceTable(8, "entryWrite", __LINE__, " key: {}", key);
+  return Accessor::entryWriteGeneric(self(), key, entry, dependency,
+                                     ResponseHandler(), linkage_.ptr());
 }
 
 template <typename B>
@@ -866,7 +883,7 @@ Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
 OrderedSwTableState<B>::entryWriteWithResponseHandler(
     const Key &key, const Entry &entry, const Dependency &dependency,
     const ResponseHandler &handler) {
-  Accessor::traceTable(8, "entryWrite", __LINE__, " key: {}", key);
+  Accessor::traceTable(8, "entryWriteWithResponseHandler", __LINE__, " key: {}", key);
   return Accessor::entryWriteGeneric(self(), key, entry, dependency, handler,
                                      linkage_.ptr());
 }
@@ -874,26 +891,28 @@ OrderedSwTableState<B>::entryWriteWithResponseHandler(
 template <typename B>
 Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
 OrderedSwTableState<B>::entryRemove(const Key &key, const Dependency &dependency) {
-  return entryRemoveWithResponseHandler(key, dependency, ResponseHandler());
+  Accessor::traceTable(8, "entryRemove", __LINE__, " key: {}", key);
+  return Accessor::entryRemoveGeneric(self(), key, dependency, ResponseHandler());
 }
 
 template <typename B>
 Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
 OrderedSwTableState<B>::entryRemoveWithResponseHandler(
     const Key &key, const Dependency &dependency, const ResponseHandler &handler) {
-  Accessor::traceTable(8, "entryRemove", __LINE__, " key: {}", key);
+  Accessor::traceTable(8, "entryRemoveWithResponseHandler", __LINE__, " key: {}", key);
   return Accessor::entryRemoveGeneric(self(), key, dependency, handler);
 }
 
 template <typename B>
 void OrderedSwTableState<B>::entryRemoveAll(const Dependency &dependency) {
-  entryRemoveAllWithResponseHandler(dependency, ResponseHandler());
+  Accessor::traceTable(8, "entryRemoveAll", __LINE__, "");
+  Accessor::entryRemoveAllGeneric(self(), dependency, ResponseHandler());
 }
 
 template <typename B>
 void OrderedSwTableState<B>::entryRemoveAllWithResponseHandler(
     const Dependency &dependency, const ResponseHandler &handler) {
-  Accessor::traceTable(8, "entryRemoveAll", __LINE__, "");
+  Accessor::traceTable(8, "entryRemoveAllWithResponseHandler", __LINE__, "");
   Accessor::entryRemoveAllGeneric(self(), dependency, handler);
 }
 

@@ -56,6 +56,11 @@ public:
         : resPtr_(std::move(resPtr)), parent_(parent) {
       subscribe(true);
     }
+    static Fwk::Ptr<LocalUsageUpdateSm>
+    LocalUsageUpdateSmIs(Fwk::Ptr<const ResourceHandle> resPtr,
+                         typename B::Linkage *parent) {
+      return Fwk::make<LocalUsageUpdateSm>(std::move(resPtr), parent);
+    }
 
     const Fwk::Ptr<const ResourceHandle> &resPtr() const noexcept {
       return resPtr_;
@@ -146,6 +151,12 @@ public:
   };
   using SmPtr = Fwk::Ptr<LocalUsageUpdateSm>;
 
+  // The usage machine of a resource handle, with `parent` as its linkage.
+  static SmPtr localUsageUpdateSmFactory(Fwk::Ptr<const ResourceHandle> resPtr,
+                                         typename B::Linkage *parent) {
+    return LocalUsageUpdateSm::LocalUsageUpdateSmIs(std::move(resPtr), parent);
+  }
+
   ResourceLinkage(Table *table, Fwk::Ptr<ClientInstance> client)
       : swTable_(table), resTblClient_(std::move(client)) {}
 
@@ -181,8 +192,7 @@ public:
                       "handle",
                       resPtr->key()));
     }
-    auto sm = Fwk::make<LocalUsageUpdateSm>(
-        resPtr, static_cast<typename B::Linkage *>(this));
+    auto sm = localUsageUpdateSmFactory(resPtr, static_cast<typename B::Linkage *>(this));
     sm->hasNotificationActiveIs(true);
     entryUsageSm_.insert(resPtr->key(), sm);
     notify(attrEntryUsageSm, resPtr->key());

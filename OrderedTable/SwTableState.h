@@ -372,8 +372,18 @@ public:
     handleInitialized();
   }
 
-protected:
+  // Prints the table's constants, installs the default helper and creates
+  // the statistics.
+  void handleInitialized() {
+    MICA_TRACE(Trace::handleOf<typename B::SwTable>(), 8, B::kTableSourceUnit,
+               B::kSwTableClass, "doesMarkSweep: {} hwErrorHandling: {}",
+               pyBool(B::Constants::doesMarkSweep),
+               pyBool(B::Constants::hwErrorHandling));
+    swTableHelperIs(Fwk::make<Helper>());
+    statsIs();
+  }
 
+protected:
   // Empties every collection and releases what the table holds, before the
   // base is destroyed. Nobody can observe a table that is being destroyed,
   // so nothing is announced.
@@ -387,17 +397,6 @@ protected:
     linkage_ = nullptr;
     entryLog_ = nullptr;
     groupResolver_ = nullptr;
-  }
-
-  // Prints the table's constants, installs the default helper and creates
-  // the statistics.
-  void handleInitialized() {
-    MICA_TRACE(Trace::handleOf<typename B::SwTable>(), 8, B::kTableSourceUnit,
-               B::kSwTableClass, "doesMarkSweep: {} hwErrorHandling: {}",
-               pyBool(B::Constants::doesMarkSweep),
-               pyBool(B::Constants::hwErrorHandling));
-    swTableHelperIs(Fwk::make<Helper>());
-    statsIs();
   }
 
 private:

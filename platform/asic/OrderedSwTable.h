@@ -156,7 +156,8 @@ public:
   X(suppressedWriteCnt, 6)                                                     \
   X(suppressCheckDiffCnt, 7)                                                   \
   X(updateCnt, 8)                                                              \
-  X(updateWithFailedResourceCnt, 9)
+  X(updateWithFailedResourceCnt, 9)                                            \
+  X(logRefusedCnt, 11)
 
 #define MICA_STATS_COUNTER(name, id)                                           \
   static constexpr Fwk::AttrId attr_##name{id, #name};                         \

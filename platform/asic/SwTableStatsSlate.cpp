@@ -45,6 +45,7 @@ void SwTableStatsSlate::swTableStatsIs(SwTableId tableId, UnitId unitId,
   r.counters[C::suppressCheckDiffCnt] = s.suppressCheckDiffCnt();
   r.counters[C::updateCnt] = s.updateCnt();
   r.counters[C::updateWithFailedResourceCnt] = s.updateWithFailedResourceCnt();
+  r.counters[C::logRefusedCnt] = s.logRefusedCnt();
   if (s.lastCommitTime() != SwTableStats::Clock::time_point{}) {
     r.lastCommitTimeNs = nanosSinceEpoch(s.lastCommitTime());
   }

@@ -36,12 +36,14 @@ struct SwTableStatsRecord {
     suppressCheckDiffCnt,
     updateCnt,
     updateWithFailedResourceCnt,
+    logRefusedCnt,
     kCounters
   };
   static constexpr const char *kCounterNames[kCounters] = {
       "entryWriteCnt",      "entryRemoveCnt",       "resolveFailCnt",
       "tableClearCnt",      "commitCnt",            "suppressedWriteCnt",
-      "suppressCheckDiffCnt", "updateCnt",          "updateWithFailedResourceCnt"};
+      "suppressCheckDiffCnt", "updateCnt",          "updateWithFailedResourceCnt",
+      "logRefusedCnt"};
 
   std::uint64_t key = 0;    // recordKey(tableId, unitId)
   std::uint32_t tableId = 0; // the packed SwTableId

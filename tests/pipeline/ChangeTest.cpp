@@ -71,10 +71,15 @@ TYPED_TEST(Change, RemoveAllCountsPendingClearsAndDropsPendingChangesFromView) {
   EXPECT_FALSE(t.transientRemoveAllVersion().valid());
   EXPECT_EQ(t.stats()->tableClearCnt(), 2u);
   EXPECT_EQ(env.group->logEntriesWithDependencies(), 1u);
-  // Nothing of keys 1 and 3 is in flight any more: they start afresh.
-  EXPECT_EQ(t.transientVersionForKeys(), 0u);
+  // The dropped changes' wrappers were no longer pending when they
+  // committed, so their keys keep their versions: the next change of a key
+  // continues from there, and its own commit clears the key.
+  EXPECT_EQ(t.transientVersionForKeys(), 2u);
   EXPECT_EQ(t.entryWrite(Key(3), F::entry(3, 3), nullptr)->version(),
-            EntryVersion(0, 0));
+            EntryVersion(1, 0));
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_EQ(t.transientVersionForKeys(), 1u);
+  EXPECT_FALSE(t.transientVersionForKey(Key(3)).valid());
 }
 
 TYPED_TEST(Change,
@@ -232,11 +237,24 @@ TYPED_TEST(Change,
     rec.logEntry.key = Key(i);
     slate.swTableEntriesIs(rec);
   }
+  // The helper never hears of a success that the entry log then refuses.
+  struct CountingHelper : F::Helper {
+    void finalizeOnSuccess(const Fwk::Ptr<typename F::Wrapper> &, bool,
+                           const Fwk::Ptr<typename F::Table> &) override {
+      ++successes;
+    }
+    int successes = 0;
+  };
+  auto helper = Fwk::make<CountingHelper>();
+  t.swTableHelperIs(helper);
   auto h = t.entryWriteWithResponseHandler(Key(70000), F::entry(70000, 3),
                                            nullptr, r.handler());
   EXPECT_EQ(env.pass(), 1u);
   EXPECT_EQ(h->entryState(), EntryState::failed);
   EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(helper->successes, 0);
+  EXPECT_EQ(t.stats()->logRefusedCnt(), 1u);
+  EXPECT_EQ(t.transientAddEntrys() + t.transientVersionForKeys(), 0u);
   EXPECT_EQ(env.log->tableVersion(), 0u);
   EXPECT_EQ(env.log->entryLogRecords(), 0u);
   EXPECT_EQ(env.log->entrys(Env<F>::kUnit), 65536u);
@@ -246,6 +264,7 @@ TYPED_TEST(Change,
   auto ok = t.entryWrite(Key(5), F::entry(5, 3), nullptr);
   EXPECT_EQ(env.pass(), 1u);
   EXPECT_EQ(ok->entryState(), EntryState::logged);
+  EXPECT_EQ(helper->successes, 1);
 }
 
 } // namespace
