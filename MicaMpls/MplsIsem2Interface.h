@@ -18,7 +18,8 @@ extern template class SwTableInterface<MicaMpls::MplsIsem2Binding>;
 
 namespace MicaMpls {
 
-class MICA_MPLS_API MplsIsem2Interface : public Asic::SwTableInterface<MplsIsem2Binding> {
+class MICA_MPLS_API MplsIsem2Interface
+    : public Asic::SwTableInterface<MplsIsem2Binding> {
 public:
   using SwTableInterface::SwTableInterface;
 

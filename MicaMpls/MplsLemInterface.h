@@ -18,7 +18,8 @@ extern template class SwTableInterface<MicaMpls::MplsLemBinding>;
 
 namespace MicaMpls {
 
-class MICA_MPLS_API MplsLemInterface : public Asic::SwTableInterface<MplsLemBinding> {
+class MICA_MPLS_API MplsLemInterface
+    : public Asic::SwTableInterface<MplsLemBinding> {
 public:
   using SwTableInterface::SwTableInterface;
 

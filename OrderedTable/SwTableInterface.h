@@ -35,7 +35,9 @@
 
 namespace Asic {
 
-template <typename B> class SwTableInterface : public TableInterfaceBase {
+template <typename B>
+class __attribute__((visibility("default"))) SwTableInterface
+    : public TableInterfaceBase {
 public:
   using Interface = typename B::Interface;
   using SwTable = typename B::SwTable;
@@ -45,7 +47,8 @@ public:
   using ResourceTable = typename B::ResourceTable;
 
   // The table type's interface: the registered one, or a new one.
-  static Fwk::Ptr<Interface> getIntf(const Fwk::Ptr<OrderedTableInterface> &orderedTableIntf);
+  static Fwk::Ptr<Interface>
+  getIntf(const Fwk::Ptr<OrderedTableInterface> &orderedTableIntf);
 
   // Sets the names and runs handleInitialized(); registers the interface.
   explicit SwTableInterface(Fwk::Ptr<OrderedTableInterface> orderedTableIntf);
@@ -55,13 +58,16 @@ public:
   // interface. A second interface of the type stops the process.
   void handleInitialized();
 
-  SwTableId swTableId() const noexcept { return SwTableId(B::Constants::swTableTypeId); }
+  SwTableId swTableId() const noexcept {
+    return SwTableId(B::Constants::swTableTypeId);
+  }
 
   const Fwk::Ptr<EntryLog> &entryLog() const noexcept { return entryLog_; }
-  Fwk::Ptr<EntryLog> entryLogIs(SwTableId tableId,
-                                const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                                const Fwk::Ptr<GroupInterface> &groupInterface,
-                                const std::string &agentName);
+  Fwk::Ptr<EntryLog>
+  entryLogIs(SwTableId tableId,
+             const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+             const Fwk::Ptr<GroupInterface> &groupInterface,
+             const std::string &agentName);
   void entryLogDel() { entryLog_ = nullptr; }
 
   const Fwk::Ptr<OrderedSwTableStatus> &swTableStatus() const noexcept {
@@ -70,15 +76,19 @@ public:
   Fwk::Ptr<OrderedSwTableStatus> swTableStatusIs(SwTableId tableId);
   void swTableStatusDel() { status_ = nullptr; }
 
-  const Fwk::Ptr<OrderedSwTableSet> &swTableSet() const noexcept { return swTableSet_; }
-  void swTableSetIs(SwTableId tableId, const Fwk::Ptr<OrderedSwTableStatus> &status);
+  const Fwk::Ptr<OrderedSwTableSet> &swTableSet() const noexcept {
+    return swTableSet_;
+  }
+  void swTableSetIs(SwTableId tableId,
+                    const Fwk::Ptr<OrderedSwTableStatus> &status);
   void swTableSetDel() { swTableSet_ = nullptr; }
 
   // The software table of a unit: the existing one (given the helper, and
   // cleared when asked), or a new one, mounted, linked to its resource
   // table, then cleared or restored, and marking until the agent has
   // finished its first replay.
-  Fwk::Ptr<SwTable> makeSwTable(UnitId unitId, const Fwk::Ptr<Helper> &swTableHelper,
+  Fwk::Ptr<SwTable> makeSwTable(UnitId unitId,
+                                const Fwk::Ptr<Helper> &swTableHelper,
                                 bool clearEntries);
   // Clears, through the entry log, the persisted state of every unit that
   // has a configuration table in the store but no software table.
@@ -105,7 +115,8 @@ private:
     return Constants::canonicalizeGroupName(groupName());
   }
   Fwk::Ptr<GroupInterface> group() const {
-    return orderedTableIntf() ? orderedTableIntf()->groupIntf(canonicalGroup()) : nullptr;
+    return orderedTableIntf() ? orderedTableIntf()->groupIntf(canonicalGroup())
+                              : nullptr;
   }
 
   Fwk::Ptr<EntryLog> entryLog_;

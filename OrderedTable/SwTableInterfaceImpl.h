@@ -12,8 +12,8 @@ namespace Asic {
 #define TI_TRACE(level, ...) trace(level, __func__, __LINE__, __VA_ARGS__)
 
 template <typename B>
-Fwk::Ptr<typename B::Interface>
-SwTableInterface<B>::getIntf(const Fwk::Ptr<OrderedTableInterface> &orderedTableIntf) {
+Fwk::Ptr<typename B::Interface> SwTableInterface<B>::getIntf(
+    const Fwk::Ptr<OrderedTableInterface> &orderedTableIntf) {
   auto singleton = SwTableInterfacesSingleton::swTableInterfacesSingletonIs();
   if (auto registered = singleton->swTableIntf(B::kInterfaceKey)) {
     return Fwk::ptrCast<Interface>(registered);
@@ -22,10 +22,11 @@ SwTableInterface<B>::getIntf(const Fwk::Ptr<OrderedTableInterface> &orderedTable
 }
 
 template <typename B>
-SwTableInterface<B>::SwTableInterface(Fwk::Ptr<OrderedTableInterface> orderedTableIntf)
+SwTableInterface<B>::SwTableInterface(
+    Fwk::Ptr<OrderedTableInterface> orderedTableIntf)
     : TableInterfaceBase(std::move(orderedTableIntf)) {
-  namesIs(B::Constants::tableName, B::Constants::groupName, B::Constants::groupName,
-          B::Constants::groupName);
+  namesIs(B::Constants::tableName, B::Constants::groupName,
+          B::Constants::groupName, B::Constants::groupName);
   handleInitialized();
 }
 
@@ -37,14 +38,16 @@ template <typename B> SwTableInterface<B>::~SwTableInterface() {
 
 template <typename B> void SwTableInterface<B>::handleInitialized() {
   auto singleton = SwTableInterfacesSingleton::swTableInterfacesSingletonIs();
-  FWK_ASSERT_TEXT(!singleton->swTableIntfHas(B::kInterfaceKey),
-                  fmt::format("!singleton->swTableIntfHas( \"{}\" )", B::kInterfaceKey),
-                  "Interface already created");
+  FWK_ASSERT_TEXT(
+      !singleton->swTableIntfHas(B::kInterfaceKey),
+      fmt::format("!singleton->swTableIntfHas( \"{}\" )", B::kInterfaceKey),
+      "Interface already created");
   const SwTableId tableId = swTableId();
   const std::string groupName = canonicalGroup();
   const auto &otIntf = orderedTableIntf();
-  auto groupIntf = otIntf ? otIntf->makeGroupIntf(tableId.agentGroupId(), groupName)
-                          : nullptr;
+  auto groupIntf =
+      otIntf ? otIntf->makeGroupIntf(tableId.agentGroupId(), groupName)
+             : nullptr;
   FWK_ASSERT_NAMED(groupIntf, "groupIntf");
   TI_TRACE(3, " Creating entry log for {}", groupName);
   entryLogIs(tableId, otIntf->entityManager(), groupIntf, otIntf->agentName());
@@ -69,31 +72,31 @@ template <typename B> void SwTableInterface<B>::handleInitialized() {
 }
 
 template <typename B>
-Fwk::Ptr<typename B::EntryLog>
-SwTableInterface<B>::entryLogIs(SwTableId tableId,
-                                const Fwk::Ptr<StateDb::EntityManager> &entityManager,
-                                const Fwk::Ptr<GroupInterface> &groupInterface,
-                                const std::string &agentName) {
-  entryLog_ = Fwk::make<EntryLog>(tableId, entityManager, groupInterface, agentName);
+Fwk::Ptr<typename B::EntryLog> SwTableInterface<B>::entryLogIs(
+    SwTableId tableId, const Fwk::Ptr<StateDb::EntityManager> &entityManager,
+    const Fwk::Ptr<GroupInterface> &groupInterface,
+    const std::string &agentName) {
+  entryLog_ =
+      Fwk::make<EntryLog>(tableId, entityManager, groupInterface, agentName);
   return entryLog_;
 }
 
 template <typename B>
-Fwk::Ptr<OrderedSwTableStatus> SwTableInterface<B>::swTableStatusIs(SwTableId tableId) {
+Fwk::Ptr<OrderedSwTableStatus>
+SwTableInterface<B>::swTableStatusIs(SwTableId tableId) {
   status_ = Fwk::make<OrderedSwTableStatus>(tableId);
   return status_;
 }
 
 template <typename B>
-void SwTableInterface<B>::swTableSetIs(SwTableId tableId,
-                                       const Fwk::Ptr<OrderedSwTableStatus> &status) {
+void SwTableInterface<B>::swTableSetIs(
+    SwTableId tableId, const Fwk::Ptr<OrderedSwTableStatus> &status) {
   swTableSet_ = Fwk::make<OrderedSwTableSet>(tableId, status);
 }
 
 template <typename B>
-Fwk::Ptr<typename B::SwTable>
-SwTableInterface<B>::makeSwTable(UnitId unitId, const Fwk::Ptr<Helper> &swTableHelper,
-                                 bool clearEntries) {
+Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
+    UnitId unitId, const Fwk::Ptr<Helper> &swTableHelper, bool clearEntries) {
   TI_TRACE(8, "unitId: {}", unitId);
   const SwTableId tableId = swTableId();
   auto groupIntf = group();
@@ -117,28 +120,30 @@ SwTableInterface<B>::makeSwTable(UnitId unitId, const Fwk::Ptr<Helper> &swTableH
   // when the unit's configuration table is mounted.
   const LogVersion confirmed = groupIntf->hwTableVersion(tableId).value_or(0);
   entryLog_->mountSlateConfig(unitId, confirmed);
-  auto name = CanonicalTableName::canonicalTableNameIs(CanonicalTableName::softwareTable,
-                                                       tableNamespace(), tableName());
-  auto table = Fwk::make<SwTable>(name, tableId, unitId, swTableSet_.ptr(), entryLog_,
-                                  groupIntf->groupResolver());
+  auto name = CanonicalTableName::canonicalTableNameIs(
+      CanonicalTableName::softwareTable, tableNamespace(), tableName());
+  auto table = Fwk::make<SwTable>(name, tableId, unitId, swTableSet_.ptr(),
+                                  entryLog_, groupIntf->groupResolver());
   if (swTableHelper) {
     table->swTableHelperIs(swTableHelper);
   }
   table->statusIs(status_);
 
   auto resName = CanonicalTableName::canonicalTableNameIs(
-      CanonicalTableName::resourceTable, B::kResourceNamespace, B::kResourceName);
+      CanonicalTableName::resourceTable, B::kResourceNamespace,
+      B::kResourceName);
   auto resTbl = groupIntf->namedTable(*resName);
   FWK_ASSERT_NAMED(resTbl, "resTbl");
   auto typedResourceTable = Fwk::ptrCast<ResourceTable>(resTbl);
   FWK_ASSERT_NAMED(typedResourceTable, "typedResourceTable");
   TI_TRACE(2, B::kResourceStartedTrace, typedResourceTable->entries());
-  MICA_TRACE_RING(B::kInterfaceSourceUnit, B::kInterfaceClass, B::kResourceStartedTrace,
-                  typedResourceTable->entries());
+  MICA_TRACE_RING(B::kInterfaceSourceUnit, B::kInterfaceClass,
+                  B::kResourceStartedTrace, typedResourceTable->entries());
   // Each unit's table is its own client of the resource table, so that one
   // unit's release never frees what another still uses.
   table->linkageIs(Fwk::make<Linkage>(
-      table.ptr(), typedResourceTable->clientInstanceIs(B::kResourceName, unitId)));
+      table.ptr(),
+      typedResourceTable->clientInstanceIs(B::kResourceName, unitId)));
 
   if (clearEntries) {
     TI_TRACE(2, B::kClearingTrace, unitId);
@@ -160,10 +165,11 @@ template <typename B> void SwTableInterface<B>::reconcile() {
   TI_TRACE(8, "");
   Fwk::Ptr<Interface> keep(static_cast<Interface *>(this));
   auto shm = agentShmEntityManager(*orderedTableIntf()->entityManager());
-  const std::string base =
-      Constants::canonicalGroupTableConfigSlatePathBase(canonicalGroup(), tableName());
+  const std::string base = Constants::canonicalGroupTableConfigSlatePathBase(
+      canonicalGroup(), tableName());
   const std::vector<std::string> paths = shm->entityPaths(base);
-  TI_TRACE(3, " No. of config entities found: {}, in slate path: {}", paths.size(), base);
+  TI_TRACE(3, " No. of config entities found: {}, in slate path: {}",
+           paths.size(), base);
   for (const std::string &path : paths) {
     const auto unitId = Constants::getUnitIdFromConfigPath(path);
     if (!unitId) {
@@ -180,8 +186,9 @@ template <typename B> void SwTableInterface<B>::reconcile() {
 template <typename B> void SwTableInterface<B>::onDelete() {
   TI_TRACE(2, " onDelete ");
   Fwk::Ptr<Interface> keep(static_cast<Interface *>(this));
-  if (auto groupIntf = group(); groupIntf && swTableSet_ &&
-                                groupIntf->swTableSet(swTableId()) == swTableSet_) {
+  if (auto groupIntf = group();
+      groupIntf && swTableSet_ &&
+      groupIntf->swTableSet(swTableId()) == swTableSet_) {
     for (const auto &table : swTableSet_->swTableList()) {
       groupIntf->sweepableSwTableSetDel(swTableId(), table->unitId());
     }

@@ -10,7 +10,8 @@ std::string namedKey(const CanonicalTableName &name) {
 }
 } // namespace
 
-GroupInterface::GroupInterface(std::uint16_t agentGroupId, std::string groupName,
+GroupInterface::GroupInterface(std::uint16_t agentGroupId,
+                               std::string groupName,
                                GroupResolver::Scheduler schedule)
     : agentGroupId_(agentGroupId), groupName_(std::move(groupName)),
       groupResolver_(Fwk::make<GroupResolver>(std::move(schedule))) {}
@@ -31,12 +32,14 @@ void GroupInterface::swTableSetDel(SwTableId tableId) {
   }
 }
 
-Fwk::Ptr<OrderedSwTableSet> GroupInterface::swTableSet(SwTableId tableId) const {
+Fwk::Ptr<OrderedSwTableSet>
+GroupInterface::swTableSet(SwTableId tableId) const {
   const auto *s = sets_.find(tableId);
   return s ? *s : nullptr;
 }
 
-std::vector<Fwk::Ptr<OrderedSwTableSet>> GroupInterface::swTableSetList() const {
+std::vector<Fwk::Ptr<OrderedSwTableSet>>
+GroupInterface::swTableSetList() const {
   std::vector<Fwk::Ptr<OrderedSwTableSet>> out;
   for (auto it = sets_.begin(); it != sets_.end(); ++it) {
     out.push_back(it.value());
@@ -74,8 +77,9 @@ std::uint32_t GroupInterface::sweepAll() {
   return swept;
 }
 
-void GroupInterface::namedTableIs(const Fwk::Ptr<const CanonicalTableName> &name,
-                                  const Fwk::Ptr<Fwk::Object> &table) {
+void GroupInterface::namedTableIs(
+    const Fwk::Ptr<const CanonicalTableName> &name,
+    const Fwk::Ptr<Fwk::Object> &table) {
   if (!name || !table) {
     return;
   }
@@ -94,12 +98,14 @@ void GroupInterface::namedTableDel(const CanonicalTableName &name) {
   }
 }
 
-Fwk::Ptr<Fwk::Object> GroupInterface::namedTable(const CanonicalTableName &name) const {
+Fwk::Ptr<Fwk::Object>
+GroupInterface::namedTable(const CanonicalTableName &name) const {
   const auto *t = named_.find(namedKey(name));
   return t ? *t : nullptr;
 }
 
-std::vector<Fwk::Ptr<ResourceTableBase>> GroupInterface::resourceTables() const {
+std::vector<Fwk::Ptr<ResourceTableBase>>
+GroupInterface::resourceTables() const {
   std::vector<Fwk::Ptr<ResourceTableBase>> out;
   for (auto it = named_.begin(); it != named_.end(); ++it) {
     if (auto r = Fwk::ptrCast<ResourceTableBase>(it.value())) {
@@ -117,8 +123,9 @@ std::size_t GroupInterface::releaseUnclaimedResources() {
   return n;
 }
 
-void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
-                                 const Fwk::Ptr<const NeededEntry> &neededEntry) {
+void GroupInterface::addLogEntry(
+    SwTableId tableId, LogVersion version,
+    const Fwk::Ptr<const NeededEntry> &neededEntry) {
   ++logEntries_;
   if (neededEntry && !neededEntry->empty()) {
     ++withDependencies_;
@@ -132,7 +139,8 @@ LogVersion GroupInterface::loggedVersion(SwTableId tableId) const {
   return v ? *v : 0;
 }
 
-void GroupInterface::tableVersionSlateIs(const Fwk::Ptr<TableVersionSlate> &slate) {
+void GroupInterface::tableVersionSlateIs(
+    const Fwk::Ptr<TableVersionSlate> &slate) {
   if (slate == tableVersionSlate_) {
     return;
   }
@@ -149,11 +157,13 @@ void GroupInterface::tableVersionSourceIs(std::string hwAgentName,
 }
 
 void GroupInterface::maybeMountTableVersions() const {
-  if (hwAgentName_.empty() || (tableVersionSlate_ && !tableVersionSlate_->stale())) {
+  if (hwAgentName_.empty() ||
+      (tableVersionSlate_ && !tableVersionSlate_->stale())) {
     return;
   }
   try {
-    auto em = Shm::entityManager(hwAgentName_, hwInstanceId_, Shm::Access::read);
+    auto em =
+        Shm::entityManager(hwAgentName_, hwInstanceId_, Shm::Access::read);
     if (tableVersionSlate_) {
       // The writer recreated the file: the stale mount is let go first.
       em->close();
@@ -166,7 +176,8 @@ void GroupInterface::maybeMountTableVersions() const {
   }
 }
 
-std::optional<LogVersion> GroupInterface::hwTableVersion(SwTableId tableId) const {
+std::optional<LogVersion>
+GroupInterface::hwTableVersion(SwTableId tableId) const {
   maybeMountTableVersions();
   if (!tableVersionSlate_) {
     return std::nullopt;

@@ -5,14 +5,15 @@
 // tables take resources from). It receives every change its tables log, and
 // it reads the versions the hardware writer has taken of each table type.
 //
-//   auto group = orderedTableIntf->makeGroupIntf(id.agentGroupId(), "MicaMpls");
-//   group->namedTableIs(inLifTable);                     // kind 2, by name
-//   group->swTableSetIs(set);                            // per table type
-//   group->groupResolver()->updateGenId();               // one per group
-//   group->addLogEntry(tableId, version, neededEntry);   // from an entry log
-//   group->tableVersionSourceIs("mpls-agent-hw", 0);     // where the hardware
-//   group->hwTableVersion(tableId);                      // writer's versions are
-//   group->hwProgress();       // hands new hardware versions to every table
+//   auto group = orderedTableIntf->makeGroupIntf(id.agentGroupId(),
+//   "MicaMpls"); group->namedTableIs(inLifTable);                     // kind
+//   2, by name group->swTableSetIs(set);                            // per
+//   table type group->groupResolver()->updateGenId();               // one per
+//   group group->addLogEntry(tableId, version, neededEntry);   // from an entry
+//   log group->tableVersionSourceIs("mpls-agent-hw", 0);     // where the
+//   hardware group->hwTableVersion(tableId);                      // writer's
+//   versions are group->hwProgress();       // hands new hardware versions to
+//   every table
 #pragma once
 
 #include <cstdint>
@@ -35,7 +36,8 @@ public:
   static constexpr Fwk::AttrId attrLoggedVersion{1, "loggedVersion"};
   static constexpr Fwk::AttrId attrTableVersionSlate{2, "tableVersionSlate"};
   static constexpr Fwk::AttrId attrSwTableSet{3, "swTableSet"};
-  static constexpr Fwk::AttrId attrSweepableSwTableSet{4, "sweepableSwTableSet"};
+  static constexpr Fwk::AttrId attrSweepableSwTableSet{4,
+                                                       "sweepableSwTableSet"};
   static constexpr Fwk::AttrId attrNamedTable{5, "namedTable"};
 
   // The group's resolver runs its passes through `schedule` (the agent's
@@ -59,7 +61,8 @@ public:
 
   // ---- Tables to sweep once the agent has replayed after a restart ----
 
-  void sweepableSwTableSetIs(const Fwk::Ptr<OrderedSwTableWithMarkSweep> &table);
+  void
+  sweepableSwTableSetIs(const Fwk::Ptr<OrderedSwTableWithMarkSweep> &table);
   void sweepableSwTableSetDel(SwTableId tableId, UnitId unit);
   std::size_t sweepableSwTables() const noexcept { return sweepable_.size(); }
   // Sweeps every sweepable table (the entries not written again since they
@@ -133,7 +136,8 @@ private:
   std::string groupName_;
   Fwk::Ptr<GroupResolver> groupResolver_;
   Fwk::HashMap<SwTableId, Fwk::Ptr<OrderedSwTableSet>> sets_{0x6b43a9b5u};
-  Fwk::HashMap<SweepKey, Fwk::Ptr<OrderedSwTableWithMarkSweep>> sweepable_{0x1b873593u};
+  Fwk::HashMap<SweepKey, Fwk::Ptr<OrderedSwTableWithMarkSweep>> sweepable_{
+      0x1b873593u};
   Fwk::HashMap<std::string, Fwk::Ptr<Fwk::Object>> named_{0x85ebca6bu};
   Fwk::HashMap<SwTableId, LogVersion> logged_{0x1f83d9abu};
   Fwk::HashMap<SwTableId, LogVersion> forwarded_{0xc2b2ae35u};

@@ -30,7 +30,8 @@ void GroupResolver::offer(Fwk::Ptr<ResolverEntry> e) {
   offer_.push_back(std::move(e));
 }
 
-void GroupResolver::headIs(TableOrder &order, const Fwk::Ptr<ResolverEntry> &e) {
+void GroupResolver::headIs(TableOrder &order,
+                           const Fwk::Ptr<ResolverEntry> &e) {
   if (e->segment_ == order.active) {
     offer(e);
   } else {
@@ -106,7 +107,8 @@ void GroupResolver::retire(const Fwk::Ptr<ResolverEntry> &e) {
   notify(attrResolverQueue, queued_);
 }
 
-Fwk::Ptr<ResolverEntry> GroupResolver::resolverQueue(std::size_t position) const {
+Fwk::Ptr<ResolverEntry>
+GroupResolver::resolverQueue(std::size_t position) const {
   if (position >= queued_) {
     return nullptr;
   }
@@ -122,10 +124,10 @@ Fwk::Ptr<ResolverEntry> GroupResolver::resolverQueue(std::size_t position) const
       all.push_back(b.removeAll);
     }
   }
-  std::nth_element(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(position),
-                   all.end(), [](const auto &a, const auto &b) {
-                     return a->queueSeq_ < b->queueSeq_;
-                   });
+  std::nth_element(
+      all.begin(), all.begin() + static_cast<std::ptrdiff_t>(position),
+      all.end(),
+      [](const auto &a, const auto &b) { return a->queueSeq_ < b->queueSeq_; });
   return all[position];
 }
 
@@ -167,10 +169,11 @@ std::size_t GroupResolver::runPass() {
   // The changes that were not ready last time are older than those that
   // became offerable since: they are offered first.
   if (!waiting_.empty()) {
-    waiting_.insert(waiting_.end(),
-                    std::make_move_iterator(offer_.begin() +
-                                            static_cast<std::ptrdiff_t>(offerHead_)),
-                    std::make_move_iterator(offer_.end()));
+    waiting_.insert(
+        waiting_.end(),
+        std::make_move_iterator(offer_.begin() +
+                                static_cast<std::ptrdiff_t>(offerHead_)),
+        std::make_move_iterator(offer_.end()));
     offer_.swap(waiting_);
     waiting_.clear();
     offerHead_ = 0;

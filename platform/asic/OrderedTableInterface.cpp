@@ -2,12 +2,14 @@
 
 namespace Asic {
 
-TableInterfaceBase::TableInterfaceBase(Fwk::Ptr<OrderedTableInterface> orderedTableIntf)
+TableInterfaceBase::TableInterfaceBase(
+    Fwk::Ptr<OrderedTableInterface> orderedTableIntf)
     : orderedTableIntf_(std::move(orderedTableIntf)) {}
 
 TableInterfaceBase::~TableInterfaceBase() = default;
 
-void TableInterfaceBase::namesIs(std::string tableName, std::string tableNamespace,
+void TableInterfaceBase::namesIs(std::string tableName,
+                                 std::string tableNamespace,
                                  std::string groupName, std::string ownerName) {
   tableName_ = std::move(tableName);
   tableNamespace_ = std::move(tableNamespace);
@@ -16,8 +18,10 @@ void TableInterfaceBase::namesIs(std::string tableName, std::string tableNamespa
 }
 
 OrderedTableInterface::OrderedTableInterface(
-    Fwk::Ptr<StateDb::EntityManager> entityManager, GroupResolver::Scheduler schedule)
-    : entityManager_(std::move(entityManager)), schedule_(std::move(schedule)) {}
+    Fwk::Ptr<StateDb::EntityManager> entityManager,
+    GroupResolver::Scheduler schedule)
+    : entityManager_(std::move(entityManager)), schedule_(std::move(schedule)) {
+}
 
 OrderedTableInterface::~OrderedTableInterface() = default;
 
@@ -27,7 +31,8 @@ OrderedTableInterface::makeGroupIntf(std::uint16_t agentGroupId,
   if (auto *g = groups_.find(canonicalGroupName)) {
     return (*g)->agentGroupId() == agentGroupId ? *g : nullptr;
   }
-  auto g = Fwk::make<GroupInterface>(agentGroupId, canonicalGroupName, schedule_);
+  auto g =
+      Fwk::make<GroupInterface>(agentGroupId, canonicalGroupName, schedule_);
   if (!hwAgentName_.empty()) {
     g->tableVersionSourceIs(hwAgentName_, hwInstanceId_);
   }
@@ -42,7 +47,8 @@ OrderedTableInterface::groupIntf(const std::string &canonicalGroupName) const {
   return g ? *g : nullptr;
 }
 
-std::vector<Fwk::Ptr<GroupInterface>> OrderedTableInterface::groupIntfList() const {
+std::vector<Fwk::Ptr<GroupInterface>>
+OrderedTableInterface::groupIntfList() const {
   std::vector<Fwk::Ptr<GroupInterface>> out;
   for (auto it = groups_.begin(); it != groups_.end(); ++it) {
     out.push_back(it.value());
@@ -50,7 +56,8 @@ std::vector<Fwk::Ptr<GroupInterface>> OrderedTableInterface::groupIntfList() con
   return out;
 }
 
-void OrderedTableInterface::hwWriterIs(std::string hwAgentName, std::uint32_t instanceId) {
+void OrderedTableInterface::hwWriterIs(std::string hwAgentName,
+                                       std::uint32_t instanceId) {
   hwAgentName_ = std::move(hwAgentName);
   hwInstanceId_ = instanceId;
   for (const auto &g : groupIntfList()) {
@@ -58,8 +65,8 @@ void OrderedTableInterface::hwWriterIs(std::string hwAgentName, std::uint32_t in
   }
 }
 
-void OrderedTableInterface::swTableIntfIs(const std::string &name,
-                                          const Fwk::Ptr<TableInterfaceBase> &intf) {
+void OrderedTableInterface::swTableIntfIs(
+    const std::string &name, const Fwk::Ptr<TableInterfaceBase> &intf) {
   intfs_.insert(name, intf);
   notify(attrSwTableIntf, name);
 }
@@ -84,7 +91,8 @@ void OrderedTableInterface::initialReplayDoneIs(bool done) {
   }
 }
 
-std::uint32_t OrderedTableInterface::finishInitialReplay(std::size_t *resourcesReleased) {
+std::uint32_t
+OrderedTableInterface::finishInitialReplay(std::size_t *resourcesReleased) {
   Fwk::Ptr<OrderedTableInterface> self(this);
   std::uint32_t swept = 0;
   std::size_t released = 0;
@@ -106,7 +114,8 @@ Fwk::Ptr<SwTableInterfacesSingleton> &registry() {
 }
 } // namespace
 
-Fwk::Ptr<SwTableInterfacesSingleton> SwTableInterfacesSingleton::swTableInterfacesSingletonIs() {
+Fwk::Ptr<SwTableInterfacesSingleton>
+SwTableInterfacesSingleton::swTableInterfacesSingletonIs() {
   auto &r = registry();
   if (!r) {
     r = Fwk::make<SwTableInterfacesSingleton>();
@@ -114,7 +123,8 @@ Fwk::Ptr<SwTableInterfacesSingleton> SwTableInterfacesSingleton::swTableInterfac
   return r;
 }
 
-Fwk::Ptr<SwTableInterfacesSingleton> SwTableInterfacesSingleton::swTableInterfacesSingleton() {
+Fwk::Ptr<SwTableInterfacesSingleton>
+SwTableInterfacesSingleton::swTableInterfacesSingleton() {
   return registry();
 }
 
@@ -126,8 +136,8 @@ SwTableInterfacesSingleton::swTableIntf(const std::string &name) const {
   return i ? *i : nullptr;
 }
 
-void SwTableInterfacesSingleton::swTableIntfIs(const std::string &name,
-                                               const Fwk::Ptr<TableInterfaceBase> &intf) {
+void SwTableInterfacesSingleton::swTableIntfIs(
+    const std::string &name, const Fwk::Ptr<TableInterfaceBase> &intf) {
   intfs_.insert(name, intf);
 }
 

@@ -11,10 +11,11 @@
 //   auto otIntf = Fwk::make<Asic::OrderedTableInterface>(
 //       StateDb::entityManagerIs("mpls-agent", 0),
 //       [loop](Asic::GroupResolver::Task t) { loop->defer(std::move(t)); });
-//   otIntf->hwWriterIs("mpls-agent-hw", 0);      // where confirmed versions are
-//   auto isem2 = MicaMpls::MplsIsem2Interface::getIntf(otIntf);
-//   isem2->makeSwTable(1, nullptr, false);       // ... replay while marking ...
-//   otIntf->finishInitialReplay();               // sweep, free what is unused
+//   otIntf->hwWriterIs("mpls-agent-hw", 0);      // where confirmed versions
+//   are auto isem2 = MicaMpls::MplsIsem2Interface::getIntf(otIntf);
+//   isem2->makeSwTable(1, nullptr, false);       // ... replay while marking
+//   ... otIntf->finishInitialReplay();               // sweep, free what is
+//   unused
 //
 // SwTableInterfacesSingleton is the agent-wide registry of table interfaces
 // by name ("MicaMpls::MplsIsem2Interface"); a table type's interface is made
@@ -87,7 +88,9 @@ public:
     return entityManager_;
   }
   // The agent's name, as its state database handle names it.
-  const std::string &agentName() const noexcept { return entityManager_->name(); }
+  const std::string &agentName() const noexcept {
+    return entityManager_->name();
+  }
 
   // The group of an agent-and-group id under its canonical name: found, or
   // made (with its resolver on the agent's loop). Null when the name is
@@ -95,14 +98,16 @@ public:
   Fwk::Ptr<GroupInterface> makeGroupIntf(std::uint16_t agentGroupId,
                                          const std::string &canonicalGroupName);
   // The group of a canonical name, or null.
-  Fwk::Ptr<GroupInterface> groupIntf(const std::string &canonicalGroupName) const;
+  Fwk::Ptr<GroupInterface>
+  groupIntf(const std::string &canonicalGroupName) const;
   std::vector<Fwk::Ptr<GroupInterface>> groupIntfList() const;
 
   // The instance of the hardware writer whose table versions every group
   // reads (GroupInterface::tableVersionSourceIs).
   void hwWriterIs(std::string hwAgentName, std::uint32_t instanceId);
 
-  void swTableIntfIs(const std::string &name, const Fwk::Ptr<TableInterfaceBase> &intf);
+  void swTableIntfIs(const std::string &name,
+                     const Fwk::Ptr<TableInterfaceBase> &intf);
   void swTableIntfDel(const std::string &name);
   Fwk::Ptr<TableInterfaceBase> swTableIntf(const std::string &name) const;
   std::size_t swTableIntfs() const noexcept { return intfs_.size(); }
@@ -136,9 +141,12 @@ public:
   // The registry, or null before its first use.
   static Fwk::Ptr<SwTableInterfacesSingleton> swTableInterfacesSingleton();
 
-  bool swTableIntfHas(const std::string &name) const { return intfs_.contains(name); }
+  bool swTableIntfHas(const std::string &name) const {
+    return intfs_.contains(name);
+  }
   Fwk::Ptr<TableInterfaceBase> swTableIntf(const std::string &name) const;
-  void swTableIntfIs(const std::string &name, const Fwk::Ptr<TableInterfaceBase> &intf);
+  void swTableIntfIs(const std::string &name,
+                     const Fwk::Ptr<TableInterfaceBase> &intf);
   void swTableIntfDel(const std::string &name);
   std::size_t swTableIntfs() const noexcept { return intfs_.size(); }
 

@@ -10,17 +10,20 @@ namespace {
 const Shm::EntityTypeRegistrar<SwTableStatsSlate> kSwTableStatsSlateType;
 
 std::int64_t nanosSinceEpoch(SwTableStats::Clock::time_point t) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             t.time_since_epoch())
       .count();
 }
 } // namespace
 
 std::string SwTableStatsSlate::path(const std::string &groupName) {
-  return "ordered/" + Constants::canonicalizeGroupName(groupName) + "/swTableStats";
+  return "ordered/" + Constants::canonicalizeGroupName(groupName) +
+         "/swTableStats";
 }
 
 Shm::EntityLayout SwTableStatsSlate::layout() {
-  return Shm::EntityLayout(kTypeName).collection<SwTableStatsRecordTraits>(kCollection);
+  return Shm::EntityLayout(kTypeName).collection<SwTableStatsRecordTraits>(
+      kCollection);
 }
 
 SwTableStatsSlate::SwTableStatsSlate(Shm::EntityInit &init)
@@ -29,7 +32,8 @@ SwTableStatsSlate::SwTableStatsSlate(Shm::EntityInit &init)
 SwTableStatsSlate::~SwTableStatsSlate() = default;
 
 void SwTableStatsSlate::swTableStatsIs(SwTableId tableId, UnitId unitId,
-                                       const SwTableStats &s, bool pendingHwWrites) {
+                                       const SwTableStats &s,
+                                       bool pendingHwWrites) {
   SwTableStatsRecord r;
   r.key = SwTableStatsRecord::recordKey(tableId, unitId);
   r.tableId = tableId.packed();
@@ -53,14 +57,16 @@ void SwTableStatsSlate::swTableStatsIs(SwTableId tableId, UnitId unitId,
   swTableStats_.insert(r);
 }
 
-Fwk::Ptr<SwTableStatsSlate> mountSwTableStatsSlate(const Fwk::Ptr<Shm::EntityManager> &em,
-                                                   const std::string &groupName) {
+Fwk::Ptr<SwTableStatsSlate>
+mountSwTableStatsSlate(const Fwk::Ptr<Shm::EntityManager> &em,
+                       const std::string &groupName) {
   const std::string p = SwTableStatsSlate::path(groupName);
   const bool reader = em->access() == Shm::Access::read;
   Shm::MountInfo info(reader ? Shm::MountInfo::kReaderMount
                              : Shm::MountInfo::kWriterMount);
   if (!reader) {
-    info.collectionInfoIs(SwTableStatsSlate::kCollection, SwTableStatsSlate::kCapacity);
+    info.collectionInfoIs(SwTableStatsSlate::kCollection,
+                          SwTableStatsSlate::kCapacity);
   }
   auto group = em->mountGroup();
   group->doMount(p, SwTableStatsSlate::kTypeName, info);

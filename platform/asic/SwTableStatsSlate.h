@@ -3,8 +3,9 @@
 // asking the agent: one record per table type and unit.
 //
 //   // agent (writer of its instance), now and then and before it exits:
-//   auto slate = Asic::mountSwTableStatsSlate(Shm::entityManager("mpls-agent", 0), "MicaMpls");
-//   slate->swTableStatsIs(table->swTableId(), table->unitId(), *table->stats(),
+//   auto slate = Asic::mountSwTableStatsSlate(Shm::entityManager("mpls-agent",
+//   0), "MicaMpls"); slate->swTableStatsIs(table->swTableId(), table->unitId(),
+//   *table->stats(),
 //                         table->hasPendingHwWrites());
 //   // inspector (read access):
 //   auto ro = Asic::mountSwTableStatsSlate(
@@ -40,12 +41,12 @@ struct SwTableStatsRecord {
     kCounters
   };
   static constexpr const char *kCounterNames[kCounters] = {
-      "entryWriteCnt",      "entryRemoveCnt",       "resolveFailCnt",
-      "tableClearCnt",      "commitCnt",            "suppressedWriteCnt",
-      "suppressCheckDiffCnt", "updateCnt",          "updateWithFailedResourceCnt",
+      "entryWriteCnt",        "entryRemoveCnt", "resolveFailCnt",
+      "tableClearCnt",        "commitCnt",      "suppressedWriteCnt",
+      "suppressCheckDiffCnt", "updateCnt",      "updateWithFailedResourceCnt",
       "logRefusedCnt"};
 
-  std::uint64_t key = 0;    // recordKey(tableId, unitId)
+  std::uint64_t key = 0;     // recordKey(tableId, unitId)
   std::uint32_t tableId = 0; // the packed SwTableId
   std::uint16_t unitId = 0;
   std::uint8_t pendingHwWrites = 0;
@@ -82,8 +83,8 @@ public:
   Collection &swTableStats() noexcept { return swTableStats_; }
   const Collection &swTableStats() const noexcept { return swTableStats_; }
   // Publishes one table's counters (writer).
-  void swTableStatsIs(SwTableId tableId, UnitId unitId, const SwTableStats &stats,
-                      bool pendingHwWrites);
+  void swTableStatsIs(SwTableId tableId, UnitId unitId,
+                      const SwTableStats &stats, bool pendingHwWrites);
 
 private:
   ~SwTableStatsSlate() override;

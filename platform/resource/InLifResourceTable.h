@@ -30,12 +30,14 @@ struct InLifData {
 // Simulated in-LIF allocation: in-LIF 0 indexes from a pool, the 2/3 index
 // derived from it; keys can be made to fail, as a refusing chip would.
 class MICA_PLATFORM_API InLifAllocator
-    : public Asic::ResourceAllocator<InLifEntryKey, InLifData, InLifClientData> {
+    : public Asic::ResourceAllocator<InLifEntryKey, InLifData,
+                                     InLifClientData> {
 public:
   static constexpr std::uint32_t kFirstIndex = 0x1000;
   static constexpr std::uint32_t k23Offset = 0x100000;
 
-  explicit InLifAllocator(std::uint32_t capacity) : pool_(kFirstIndex, capacity) {}
+  explicit InLifAllocator(std::uint32_t capacity)
+      : pool_(kFirstIndex, capacity) {}
   bool allocate(const InLifEntryKey &key, const InLifClientData &cd,
                 InLifData &out) override;
   void free(const InLifEntryKey &key, const InLifData &data) override;
@@ -51,7 +53,8 @@ private:
 
 // How the in-LIF table's allocations are named in the store.
 struct InLifAllocationNames {
-  static constexpr const char *kSlateType = "MicaTunnelNiLib::InLifAllocationSlate";
+  static constexpr const char *kSlateType =
+      "MicaTunnelNiLib::InLifAllocationSlate";
   static constexpr const char *kRecordName = "MicaTunnelNiLib::InLifAllocation";
 };
 

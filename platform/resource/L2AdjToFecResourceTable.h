@@ -29,7 +29,8 @@ class MICA_PLATFORM_API L2AdjToFecAllocator
 public:
   static constexpr std::uint32_t kFirstFec = 0x20000;
 
-  explicit L2AdjToFecAllocator(std::uint32_t capacity) : pool_(kFirstFec, capacity) {}
+  explicit L2AdjToFecAllocator(std::uint32_t capacity)
+      : pool_(kFirstFec, capacity) {}
   bool allocate(const L2AdjToFecResourceTableEntryKey &key, const Fwk::Unit &,
                 L2AdjToFecData &out) override;
   void free(const L2AdjToFecResourceTableEntryKey &key,
@@ -48,7 +49,8 @@ private:
 
 // How the adjacency table's allocations are named in the store.
 struct L2AdjToFecAllocationNames {
-  static constexpr const char *kSlateType = "MicaAdjLib::L2AdjToFecAllocationSlate";
+  static constexpr const char *kSlateType =
+      "MicaAdjLib::L2AdjToFecAllocationSlate";
   static constexpr const char *kRecordName = "MicaAdjLib::L2AdjToFecAllocation";
 };
 
@@ -58,7 +60,8 @@ class MICA_PLATFORM_API L2AdjToFecResourceTableResourceTable
                                  L2AdjToFecAllocationNames> {
 public:
   explicit L2AdjToFecResourceTableResourceTable(
-      Fwk::Ptr<const Asic::CanonicalTableName> name, std::uint32_t capacity = 65536)
+      Fwk::Ptr<const Asic::CanonicalTableName> name,
+      std::uint32_t capacity = 65536)
       : ResourceTable(std::move(name), allocator_), allocator_(capacity) {
     capacityIs(capacity);
   }

@@ -6,7 +6,8 @@
 //   auto inLifs = Fwk::make<MicaTunnelNiLib::InLifResourceTable>(name);
 //   inLifs->storeIs(Shm::entityManager("mpls-agent", 0));  // keep allocations
 //   auto client = inLifs->clientInstanceIs("InLif.featureMicaMpls", unit);
-//   auto handle = client->request(key, clientData, nullptr);  // state 0: pending
+//   auto handle = client->request(key, clientData, nullptr);  // state 0:
+//   pending
 //   ...                                     // the table resolves it (state 4)
 //   client->ackUpdate(handle, handle->version(), dependency);
 //   client->release(handle, dependency);    // the last holder frees it
@@ -62,11 +63,13 @@
 namespace Asic {
 
 // How a resource table makes and frees its resources.
-template <typename Key, typename Data, typename ClientData> class ResourceAllocator {
+template <typename Key, typename Data, typename ClientData>
+class ResourceAllocator {
 public:
   virtual ~ResourceAllocator() = default;
   // Fills `out` for a new resource; false when it cannot be made.
-  virtual bool allocate(const Key &key, const ClientData &clientData, Data &out) = 0;
+  virtual bool allocate(const Key &key, const ClientData &clientData,
+                        Data &out) = 0;
   virtual void free(const Key &key, const Data &data) = 0;
   // Takes back a resource made before (restored from the store); false
   // when its data cannot be in use (outside the pool, or taken twice).
@@ -83,7 +86,8 @@ template <typename Key, typename Data> struct ResourceAllocation {
   std::uint32_t pad = 0;
 };
 
-template <typename K, typename D, typename Names> struct ResourceAllocationTraits {
+template <typename K, typename D, typename Names>
+struct ResourceAllocationTraits {
   using Key = K;
   using Record = ResourceAllocation<K, D>;
   static Key keyOf(const Record &r) noexcept { return r.key; }
@@ -102,7 +106,8 @@ public:
   static constexpr const char *kCollection = "allocations";
 
   static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
+    return Shm::EntityLayout(kTypeName).template collection<Traits>(
+        kCollection);
   }
   explicit ResourceAllocationSlate(Shm::EntityInit &init)
       : Shm::Entity(init), allocations_(init, kCollection) {}
@@ -132,7 +137,8 @@ public:
   // One client's use of the table.
   class ClientInstance : public Fwk::Object {
   public:
-    ClientInstance(ResourceTable *table, std::string name, std::uint32_t instance)
+    ClientInstance(ResourceTable *table, std::string name,
+                   std::uint32_t instance)
         : table_(table), name_(std::move(name)), instance_(instance) {}
     const std::string &name() const noexcept { return name_; }
     std::uint32_t instance() const noexcept { return instance_; }
@@ -147,9 +153,9 @@ public:
     }
     // The same for tables whose requests carry no client data.
     Fwk::Ptr<const ResourceHandle>
-    request(const Key &key, const Fwk::Ptr<const DependencyEntryHandle> &dependency)
-      requires std::is_same_v<ClientData, Fwk::Unit>
-    {
+    request(const Key &key,
+            const Fwk::Ptr<const DependencyEntryHandle> &dependency) requires
+        std::is_same_v<ClientData, Fwk::Unit> {
       return request(key, Fwk::Unit{}, dependency);
     }
     // Gives up this client's hold of the handle's key.
@@ -253,9 +259,10 @@ public:
   // Runs after every pass of allocations that resolved or failed anything.
   void resolvedHookIs(Task hook) { resolvedHooks_.push_back(std::move(hook)); }
   void resolverWakeIs(GroupResolver *resolver) override {
-    if (resolver &&
-        std::none_of(resolvers_.begin(), resolvers_.end(),
-                     [resolver](const auto &r) { return r.ptr() == resolver; })) {
+    if (resolver && std::none_of(resolvers_.begin(), resolvers_.end(),
+                                 [resolver](const auto &r) {
+                                   return r.ptr() == resolver;
+                                 })) {
       resolvers_.emplace_back(resolver);
     }
   }
@@ -371,7 +378,8 @@ private:
     bool allocated = false;
   };
 
-  static std::string clientKey(const std::string &name, std::uint32_t instance) {
+  static std::string clientKey(const std::string &name,
+                               std::uint32_t instance) {
     return name + '#' + std::to_string(instance);
   }
 

@@ -46,7 +46,8 @@ struct InLifClientData {
     return Fwk::bytesEqual(*this, o);
   }
 };
-static_assert(sizeof(InLifClientData) == 768, "in-LIF client data is 768 bytes");
+static_assert(sizeof(InLifClientData) == 768,
+              "in-LIF client data is 768 bytes");
 
 } // namespace MicaTunnelNiLib
 
@@ -74,8 +75,8 @@ template <> struct fmt::formatter<MicaTunnelNiLib::InLifEntryKey> {
     return fmt::format_to(ctx.out(),
                           "InLifEntryKey(lifType={}, vrfId={}, label={}, "
                           "profile={}, ownerCookie={:#x}, flags={:#x})",
-                          k.lifType, k.vrfId, k.label, k.profile,
-                          k.ownerCookie, k.flags);
+                          k.lifType, k.vrfId, k.label, k.profile, k.ownerCookie,
+                          k.flags);
   }
 };
 
@@ -97,7 +98,7 @@ template <> struct fmt::formatter<MicaAdjLib::L2AdjToFecResourceTableEntryKey> {
   template <typename Ctx>
   auto format(const MicaAdjLib::L2AdjToFecResourceTableEntryKey &k,
               Ctx &ctx) const {
-    return fmt::format_to(ctx.out(), "L2AdjToFecResourceTableEntryKey(l2AdjId={})",
-                          k.l2AdjId);
+    return fmt::format_to(
+        ctx.out(), "L2AdjToFecResourceTableEntryKey(l2AdjId={})", k.l2AdjId);
   }
 };

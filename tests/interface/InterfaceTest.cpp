@@ -1,0 +1,277 @@
+// The table interfaces: boot, clean-up to the hardware's version, making and
+// reconciling units, restart with unchanged and changed resources, deletion
+// and the resolver's ordering across units and keys.
+#include "AgentFixture.h"
+
+namespace {
+
+using namespace InterfaceTest;
+using Asic::EntryState;
+using PipelineTest::Traces;
+
+template <typename F> class Interface : public ::testing::Test {};
+using Families = ::testing::Types<Isem2, Lem>;
+TYPED_TEST_SUITE(Interface, Families);
+
+TYPED_TEST(Interface, IsMadeOnceAndRegisteredUntilDeleted) {
+  using F = TypeParam;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  auto intf = a.intf<F>();
+  EXPECT_EQ(decltype(intf)::element_type::getIntf(a.otIntf), intf);
+  const std::string key = F::B::kInterfaceKey;
+  EXPECT_EQ(a.otIntf->swTableIntf(key), intf);
+  EXPECT_TRUE(Asic::SwTableInterfacesSingleton::swTableInterfacesSingleton()
+                  ->swTableIntfHas(key));
+  EXPECT_EQ(a.group->swTableSet(intf->swTableId()), intf->swTableSet());
+  EXPECT_EQ(intf->tableName(), F::kName);
+  EXPECT_EQ(intf->groupName(), "MicaMpls");
+
+  // A second interface of the type stops the process.
+  EXPECT_DEATH(Fwk::make<typename decltype(intf)::element_type>(a.otIntf),
+               "Interface already created");
+
+  // Deleted, it can be made again in the same process, over the same store.
+  auto table = intf->makeSwTable(1, nullptr, false);
+  table->entryWrite(typename F::Key(7), F::entry(7, 0), nullptr);
+  EXPECT_EQ(a.pass(), 1u);
+  intf->onDelete();
+  EXPECT_FALSE(a.otIntf->swTableIntf(key));
+  EXPECT_FALSE(a.group->swTableSet(intf->swTableId()));
+  EXPECT_EQ(a.group->sweepableSwTables(), 0u);
+  auto again = decltype(intf)::element_type::getIntf(a.otIntf);
+  EXPECT_NE(again, intf);
+  EXPECT_EQ(again->entryLog()->tableVersion(), 1u);
+  EXPECT_EQ(again->makeSwTable(1, nullptr, false)->entrys(), 1u);
+  if constexpr (std::is_same_v<F, Isem2>) {
+    a.isem2 = again;
+  } else {
+    a.lem = again;
+  }
+}
+
+TYPED_TEST(Interface, CleansTheLogToTheConfirmedVersionAndSaysWhenItIsAhead) {
+  using F = TypeParam;
+  Fixture fx;
+  auto &a = fx.agent;
+  {
+    // First start: no version recorded, nothing cleaned, nothing pending.
+    Traces tr({F::B::kInterfaceClass});
+    a.boot();
+    EXPECT_FALSE(tr.has(3, " Cleaned entry log until table version: 0"));
+    EXPECT_TRUE(tr.has(2, fmt::format(" Entry log created for table id: {} at "
+                                      "version: 0",
+                                      Asic::SwTableId(F::kTypeId))));
+    EXPECT_FALSE(a.intf<F>()->swTableStatus()->pendingHwWrites());
+  }
+  auto table = a.intf<F>()->makeSwTable(1, nullptr, false);
+  for (std::uint32_t l = 1; l <= 12; ++l) {
+    table->entryWrite(typename F::Key(l), F::entry(l, 0), nullptr);
+  }
+  EXPECT_EQ(a.pass(), 12u);
+  a.confirm(F::kTypeId, 10);
+  {
+    Traces tr({F::B::kInterfaceClass});
+    a.restart();
+    EXPECT_TRUE(tr.has(3, " Cleaned entry log until table version: 10"));
+    EXPECT_TRUE(tr.has(2, " Turning ON pendingHwWrites"));
+  }
+  auto intf = a.intf<F>();
+  EXPECT_EQ(intf->entryLog()->entryLogRecords(), 2u);
+  EXPECT_EQ(intf->entryLog()->cleanupVersion(), 10u);
+  EXPECT_TRUE(intf->swTableStatus()->pendingHwWrites());
+
+  // The hardware catches up: pending writes go off through the table set.
+  auto t2 = intf->makeSwTable(1, nullptr, false);
+  a.confirm(F::kTypeId, 12);
+  EXPECT_EQ(a.group->hwProgress(), 1u);
+  EXPECT_EQ(a.group->hwProgress(), 0u); // nothing new
+  EXPECT_FALSE(intf->swTableStatus()->pendingHwWrites());
+  a.restart();
+  EXPECT_EQ(a.intf<F>()->entryLog()->entryLogRecords(), 0u);
+  EXPECT_FALSE(a.intf<F>()->swTableStatus()->pendingHwWrites());
+}
+
+TYPED_TEST(Interface, MakeSwTableCreatesOnceThenOnlySetsTheHelperOrClears) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  auto intf = a.intf<F>();
+  auto helper = Fwk::make<typename F::Helper>();
+  Traces tr({F::B::kInterfaceClass});
+  auto t = intf->makeSwTable(1, helper, false);
+  EXPECT_TRUE(tr.has(2, fmt::format(F::B::kRestoredTrace, 0, 1)));
+  EXPECT_TRUE(tr.has(2, fmt::format(F::B::kResourceStartedTrace, 0)));
+  EXPECT_EQ(t->swTableHelper(), helper);
+  EXPECT_EQ(t->status(), intf->swTableStatus());
+  EXPECT_TRUE(t->inMarkingState()); // the first replay is not done
+  EXPECT_EQ(a.group->sweepableSwTables(), 1u);
+  t->entryWrite(Key(1), F::entry(1, 1), nullptr);
+  t->entryWrite(Key(2), F::entry(2, 1), nullptr);
+  EXPECT_EQ(a.pass(), 2u);
+
+  // Again: the same table; the helper is set again, nothing else happens.
+  auto other = Fwk::make<typename F::Helper>();
+  EXPECT_EQ(intf->makeSwTable(1, other, false), t);
+  EXPECT_EQ(t->swTableHelper(), other);
+  EXPECT_TRUE(tr.has(3, "swTable with unitId: 1 exists"));
+  EXPECT_TRUE(tr.has(2, "Update software table helper"));
+  EXPECT_EQ(t->entrys(), 2u);
+  // Without a helper and with clearEntries: cleared, the helper kept.
+  EXPECT_EQ(intf->makeSwTable(1, nullptr, true), t);
+  EXPECT_EQ(t->swTableHelper(), other);
+  EXPECT_EQ(t->entrys(), 0u);
+  EXPECT_TRUE(tr.has(2, fmt::format(" Clearing entries for table id: {}",
+                                    Asic::SwTableId(F::kTypeId))));
+
+  // Once the first replay is done, new tables do not mark.
+  a.otIntf->finishInitialReplay();
+  EXPECT_FALSE(t->inMarkingState());
+  EXPECT_FALSE(intf->makeSwTable(2, nullptr, false)->inMarkingState());
+}
+
+TYPED_TEST(Interface, AMissingOrWronglyTypedResourceTableStopsTheProcess) {
+  using F = TypeParam;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot(false);
+  EXPECT_DEATH(a.intf<F>()->makeSwTable(1, nullptr, false), "resTbl");
+  a.stop();
+  a.boot(false, true);
+  EXPECT_DEATH(a.intf<F>()->makeSwTable(1, nullptr, false),
+               "typedResourceTable");
+}
+
+TYPED_TEST(Interface,
+           ARestartRestoresWithoutRewritingAndReconcilesUndrivenUnits) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  for (Asic::UnitId u : {1, 2}) {
+    auto t = a.intf<F>()->makeSwTable(u, nullptr, false);
+    for (std::uint32_t l = 1; l <= 40; ++l) {
+      t->entryWrite(Key(l), F::entry(l, l % 4 + 1), nullptr); // 4 resources
+    }
+  }
+  EXPECT_EQ(a.pass(), 80u);
+  const Asic::LogVersion logged = a.intf<F>()->entryLog()->tableVersion();
+  a.confirm(F::kTypeId, logged);
+  const auto before = F::result(
+      Fwk::ptrCast<typename F::Table>(a.intf<F>()->swTableSet()->swTable(1))
+          ->entry(Key(5)));
+  EXPECT_NE(before, 0u);
+
+  a.restart();
+  auto intf = a.intf<F>();
+  auto t1 = intf->makeSwTable(1, nullptr, false);
+  EXPECT_EQ(t1->entrys(), 40u);
+  EXPECT_EQ(F::result(t1->entry(Key(5))), before);
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged); // nothing logged anew
+  EXPECT_EQ(t1->stats()->updateCnt(), 0u);
+  auto client = a.resources<F>().clientInstance(F::B::kResourceName, 1);
+  EXPECT_EQ(client->acks(), 4u); // one per resource in use
+  EXPECT_EQ(t1->linkage()->entryUsageSms(), 4u);
+
+  // Unit 2 gets no table: reconcile clears it through the log.
+  Traces tr({F::B::kInterfaceClass});
+  intf->reconcile();
+  EXPECT_TRUE(tr.has(3, " Found inactive unit id: 2"));
+  auto t2 = Fwk::ptrCast<typename F::Table>(intf->swTableSet()->swTable(2));
+  ASSERT_TRUE(t2);
+  EXPECT_EQ(t2->entrys(), 0u);
+  EXPECT_FALSE(t2->inMarkingState());
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 1);
+  EXPECT_EQ(t1->entrys(), 40u);
+  intf->reconcile(); // every unit has its table now
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 1);
+
+  // Nothing was replayed: the sweep removes unit 1's entries, and the
+  // resources only unit 2 held are let go.
+  std::size_t released = 0;
+  EXPECT_EQ(a.otIntf->finishInitialReplay(&released), 40u);
+  EXPECT_EQ(released, 0u); // unit 1 claimed all four
+  EXPECT_EQ(a.pass(), 40u);
+  EXPECT_EQ(a.resources<F>().entries(), 0u);
+}
+
+TYPED_TEST(Interface, AResourceThatChangedWhileTheAgentWasDownIsUpdated) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  auto t = a.intf<F>()->makeSwTable(1, nullptr, false);
+  for (std::uint32_t l = 1; l <= 3; ++l) {
+    t->entryWrite(Key(l), F::entry(l, 9), nullptr);
+  }
+  t->entryWrite(Key(4), F::entry(4, 8), nullptr);
+  EXPECT_EQ(a.pass(), 4u);
+  const auto logged = a.intf<F>()->entryLog()->tableVersion();
+  a.restart();
+  // The resource agent moved resource 9 meanwhile; 8 was never claimed again.
+  a.resources<F>().updateIs(F::resKey(9), F::data(0x4242));
+  auto t1 = a.intf<F>()->makeSwTable(1, nullptr, false);
+  for (std::uint32_t l = 1; l <= 3; ++l) {
+    EXPECT_EQ(F::result(t1->entry(Key(l))), 0x4242u);
+  }
+  EXPECT_EQ(t1->stats()->updateCnt(), 3u);
+  EXPECT_EQ(a.intf<F>()->entryLog()->tableVersion(), logged + 3);
+  t1->entryRemove(Key(4), nullptr);
+  EXPECT_EQ(a.pass(), 1u);
+  std::size_t released = 0;
+  a.otIntf->finishInitialReplay(&released);
+  EXPECT_EQ(released, 0u);
+  EXPECT_EQ(a.resources<F>().entries(), 1u);
+}
+
+TEST(Resolver, AStuckChangeHoldsBackOnlyItsKeyAndWhatItsTableOrdersAfterIt) {
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  using Key = Isem2::Key;
+  auto u1 = a.isem2->makeSwTable(1, nullptr, false);
+  auto u2 = a.isem2->makeSwTable(2, nullptr, false);
+  auto lem = a.lem->makeSwTable(1, nullptr, false);
+  auto stuck = PipelineTest::dependency(EntryState::made);
+  auto held = u1->entryWrite(Key(1), Isem2::entry(1, 0), stuck);
+  auto sameKey = u1->entryWrite(Key(1), Isem2::entry(1, 2), nullptr);
+  auto otherKey = u1->entryWrite(Key(2), Isem2::entry(2, 0), nullptr);
+  auto otherUnit = u2->entryWrite(Key(1), Isem2::entry(1, 0), nullptr);
+  auto otherType = lem->entryWrite(Lem::Key(1), Lem::entry(1, 3), nullptr);
+  EXPECT_EQ(a.pass(), 3u);
+  for (const auto &h : {otherKey, otherUnit}) {
+    EXPECT_EQ(h->entryState(), EntryState::logged);
+  }
+  EXPECT_EQ(otherType->entryState(), EntryState::logged);
+  EXPECT_EQ(held->entryState(), EntryState::made);
+  EXPECT_EQ(sameKey->entryState(), EntryState::made);
+
+  // A remove-all of unit 1 waits for the stuck change; unit 1's changes
+  // after it wait for the remove-all; unit 2 goes on.
+  u1->entryRemoveAll(nullptr);
+  auto afterClear = u1->entryWrite(Key(3), Isem2::entry(3, 0), nullptr);
+  auto u2Later = u2->entryWrite(Key(2), Isem2::entry(2, 0), nullptr);
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(u2Later->entryState(), EntryState::logged);
+  EXPECT_EQ(afterClear->entryState(), EntryState::made);
+  EXPECT_EQ(a.group->groupResolver()->offerable(), 1u); // only the stuck one
+
+  // The dependency finishes: its key, the remove-all and what followed it
+  // commit in order.
+  const auto gen = a.group->groupResolver()->genId();
+  stuck->entryStateIs(EntryState::finished); // wakes the resolver
+  EXPECT_GT(a.group->groupResolver()->genId(), gen);
+  EXPECT_EQ(a.pass(), 4u);
+  EXPECT_LT(held->logVersion(), sameKey->logVersion());
+  EXPECT_EQ(afterClear->entryState(), EntryState::logged);
+  EXPECT_GT(afterClear->logVersion(), sameKey->logVersion());
+  EXPECT_EQ(u1->entrys(), 1u); // only what came after the remove-all
+  EXPECT_EQ(a.group->groupResolver()->resolverQueueSize(), 0u);
+}
+
+} // namespace
