@@ -176,15 +176,17 @@ public:
         continue;
       }
       // A record above `next` was seen: `next` is a gap unless a scan that
-      // starts now finds it.
+      // starts now finds it. What the new scan misses is skipped only below
+      // the highest version an earlier scan saw.
       if (gapScans == kMaxGapScans) {
         break;
       }
+      const Asic::LogVersion seen = pending_.back().logVersion;
       rescan();
       scanned = true;
       ++gapScans;
       if (!pending_.empty() && pending_.front().logVersion > next) {
-        skip(next, pending_.front().logVersion - 1);
+        skip(next, std::min(pending_.front().logVersion, seen) - 1);
       }
     }
     if (!published_ || *published_ != taken_) {
