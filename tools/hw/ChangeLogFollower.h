@@ -50,6 +50,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -141,9 +142,10 @@ public:
 
   // Applies up to `budget` changes that follow the version taken, in version
   // order, and publishes the new version if it moved. Mounts the change log
-  // when needed (nothing happens while there is none). Throws the store's
-  // errors for the writer's own instance; problems of the agent's instance
-  // are reported as events and retried by the next step.
+  // when needed (nothing happens while there is none; after a look that
+  // found none, the next is at least 50 ms later, 1 s after one that failed).
+  // Throws the store's errors for the writer's own instance; problems of the
+  // agent's instance are reported as events and retried by the next step.
   FollowStep step(std::size_t budget) {
     FollowStep out;
     if (!attach(out)) {
@@ -210,6 +212,10 @@ public:
 private:
   // A gap costs a scan of the log; a step stops after this many.
   static constexpr unsigned kMaxGapScans = 8;
+  // How soon a step looks again for a change log that is not there, or
+  // that could not be read.
+  static constexpr auto kRetryMissing = std::chrono::milliseconds(50);
+  static constexpr auto kRetryBroken = std::chrono::seconds(1);
 
   void event(FollowEvent::Kind kind, std::string text) {
     HW_TRACE(2, "{}", text);
@@ -229,6 +235,10 @@ private:
     if (log_) {
       return true;
     }
+    const auto now = std::chrono::steady_clock::now();
+    if (now < retryAt_) {
+      return false;
+    }
     Fwk::Ptr<LogSlate> log;
     try {
       log = agent_.template entity<LogSlate>(logPath_);
@@ -237,12 +247,14 @@ private:
               fmt::format("{}: cannot read the change log: {}", tableName(),
                           e.what()));
       agent_.forget(logPath_);
+      retryAt_ = now + kRetryBroken;
       return false;
     }
     if (!log) {
       problem(FollowEvent::Kind::waiting,
               fmt::format("{}: no change log in {} yet; waiting for it",
                           tableName(), agent_.directory()));
+      retryAt_ = now + kRetryMissing;
       return false;
     }
     const std::uint64_t id = sourceIdOf(*log);
@@ -474,6 +486,7 @@ private:
   Asic::LogVersion scannedReserved_ = 0;
   FollowCounters run_;
   std::string lastProblem_;
+  std::chrono::steady_clock::time_point retryAt_{};
 };
 
 } // namespace MicaMplsHw

@@ -85,17 +85,25 @@ private:
 };
 
 // Store reports (corrupt records in the agent's instance, wiped tables)
-// as event lines.
+// as event lines; a report the same as the one before is not repeated (a
+// damaged file is met again at every look).
 class Reporter : public Shm::Reporter {
 public:
   explicit Reporter(Output &out) : out_(out) {}
   void corruption(const std::string &m) override {
-    out_.line("corrupt shared memory: " + m);
+    say("corrupt shared memory: " + m);
   }
-  void notice(const std::string &m) override { out_.line(m); }
+  void notice(const std::string &m) override { say(m); }
 
 private:
+  void say(const std::string &text) {
+    if (text != last_) {
+      out_.line(text);
+      last_ = text;
+    }
+  }
   Output &out_;
+  std::string last_;
 };
 
 struct Options {
