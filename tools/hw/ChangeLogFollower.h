@@ -1,0 +1,494 @@
+// Follows one table type's change log in an agent's instance (read-only), in
+// version order, and applies each change to simulated per-unit hardware
+// tables in the hardware writer's own instance, publishing how far it got.
+//
+//   MicaMplsHw::InstanceView agent("mpls-agent");
+//   MicaMplsHw::HwStore store("mpls-agent", 65536);
+//   MicaMplsHw::ChangeLogFollower<MicaMpls::MplsIsem2Binding> isem2(
+//       agent, store, [](const MicaMplsHw::FollowEvent &e) { say(e.text); });
+//   for (;;) {
+//     const auto step = isem2.step(4096);  // up to 4096 changes, then publish
+//     if (step.published) MicaMplsHw::notifyAgent("mpls-agent");
+//     if (step.applied == 0) { isem2.checkSource(); sleepAWhile(); }
+//   }
+//
+// What it requires of a table type B (a binding of the generic table code):
+// B::Key, a label key (label, qualifier); B::LogEntry, whose `key` is the
+// entry's key and which fmt can format; B::Constants::{tableName, groupName,
+// swTableTypeId, tableEntryLogSlatePath(), configSlatePath(unit)}; and the
+// entry-log entities Asic::EntryLogSlate<B> and Asic::ConfigSlate<B>.
+//
+// Version order and gaps. The agent reserves a version before it writes the
+// change's record, so a version can be reserved and never used (an agent
+// killed in between, or a change refused by a full table). Version g is
+// skipped only when a record with a higher version was seen and a scan that
+// began after that one still does not find g. One scan is not enough: it can
+// miss a record published while it ran. But the agent writes the record of g
+// before it reserves any later version, so once a later record is visible,
+// g's record is visible to any scan that starts afterwards, or never comes.
+//
+// Applying. A write puts the log entry in the unit's table (insert or
+// replace), an entry delete removes the key, a table delete empties the
+// unit's table. Each is idempotent, so re-applying what came after the
+// published version (a restart) gives the same tables. A write of a new key
+// into a full table is reported and counted, and the version still advances.
+//
+// Following the right log. The follow record names the change-log file
+// (sourceIdOf) the tables are in step with. When the log is another file
+// (first start, an agent store made anew), its versions went backwards, or
+// the writer's own records were lost, the follower rebuilds the tables from
+// the agent's configuration tables, which hold every committed entry, and
+// goes on from the last change the agent wrote whole (the log's auxiliary
+// word). It publishes that version before it reads the configuration: the
+// agent retires only changes the published version covers, so every change
+// after it is still in the log to be applied on top. A hardware table found
+// wiped is rebuilt from its unit's configuration the same way.
+//
+// Not thread-safe.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "OrderedTable/EntryLogRecords.h"
+#include "platform/asic/Constants.h"
+#include "platform/trace/Trace.h"
+#include "tools/hw/HwStore.h"
+#include "tools/hw/InstanceView.h"
+
+// Traces of a follower name the function and line of the call.
+#define HW_TRACE(level, ...)                                                   \
+  MICA_TRACE(Trace::handleOf<ChangeLogFollower>(), level,                      \
+             "tools/hw/ChangeLogFollower", "ChangeLogFollower", __VA_ARGS__)
+
+namespace MicaMplsHw {
+
+// Something an operator should hear of, one line of text each.
+struct FollowEvent {
+  enum class Kind {
+    waiting,    // no change log to follow (yet)
+    following,  // a change log was found and is followed
+    sourceLost, // the followed log's file was removed or replaced
+    problem,    // the log cannot be read (another layout, a bad header)
+    resync,     // tables rebuilt from the agent's configuration
+    gapSkipped, // versions that were reserved and never used
+    tableFull,  // a write of a new key into a full hardware table
+  };
+  Kind kind;
+  std::string text;
+};
+using FollowEventFn = std::function<void(const FollowEvent &)>;
+
+// What one step did.
+struct FollowStep {
+  std::size_t applied = 0; // changes applied
+  bool published = false;  // a version was published
+};
+
+// Counts of this follower's life (the follow record keeps the same over
+// every run of the writer).
+struct FollowCounters {
+  std::uint64_t changesApplied = 0;
+  std::uint64_t tableFullReports = 0;
+  std::uint64_t gapsSkipped = 0;
+  std::uint64_t resyncs = 0;
+};
+
+template <typename B> class ChangeLogFollower {
+public:
+  using Key = typename B::Key;
+  using LogEntry = typename B::LogEntry;
+  using LogRecord = Asic::LogSlateEntry<B>;
+  using LogSlate = Asic::EntryLogSlate<B>;
+  using ConfigSlate = Asic::ConfigSlate<B>;
+  using ConfigEntry = Asic::ConfigSlateEntry<B>;
+
+  // Resumes from the version `store` published last. `agent` and `store`
+  // must outlive the follower.
+  ChangeLogFollower(InstanceView &agent, HwStore &store, FollowEventFn events)
+      : agent_(agent), store_(store), events_(std::move(events)),
+        logPath_(B::Constants::tableEntryLogSlatePath()),
+        configBase_(Asic::Constants::canonicalGroupTableConfigSlatePathBase(
+            B::Constants::groupName, B::Constants::tableName)) {
+    published_ = store_.published(tableId_);
+    record_ = store_.followRecord(tableId_);
+    taken_ = published_.value_or(0);
+    inStep_ = published_.has_value() && record_.sourceId != 0;
+    HW_TRACE(2, "{}: resuming at version {} (in step: {})", tableName(), taken_,
+             inStep_);
+  }
+
+  static constexpr const char *tableName() noexcept {
+    return B::Constants::tableName;
+  }
+  Asic::SwTableId tableId() const noexcept { return tableId_; }
+  // The version taken (and, after a step, published).
+  Asic::LogVersion version() const noexcept { return taken_; }
+  // Whether a change log is mounted and followed.
+  bool following() const noexcept { return log_ != nullptr; }
+  const FollowCounters &counters() const noexcept { return run_; }
+  // The follow record as published last (counters over every run).
+  const FollowRecord &followRecord() const noexcept { return record_; }
+
+  // Applies up to `budget` changes that follow the version taken, in version
+  // order, and publishes the new version if it moved. Mounts the change log
+  // when needed (nothing happens while there is none; after a look that
+  // found none, the next is at least 50 ms later, 1 s after one that failed).
+  // Throws the store's errors for the writer's own instance; problems of the
+  // agent's instance are reported as events and retried by the next step.
+  FollowStep step(std::size_t budget) {
+    FollowStep out;
+    if (!attach(out)) {
+      return out;
+    }
+    const Asic::LogVersion reserved =
+        log_->entryLogConfig().control().scratchpad();
+    if (reserved < taken_) {
+      rebase(
+          fmt::format("its versions went back from {} to {}", taken_, reserved),
+          out);
+    }
+    bool scanned = false;
+    unsigned gapScans = 0;
+    while (out.applied < budget) {
+      const Asic::LogVersion next = taken_ + 1;
+      if (!pending_.empty() && pending_.front().logVersion == next) {
+        apply(pending_.front());
+        pending_.pop_front();
+        taken_ = next;
+        ++out.applied;
+        continue;
+      }
+      if (pending_.empty()) {
+        if (scanned || !mayHaveNew()) {
+          break;
+        }
+        rescan();
+        scanned = true;
+        continue;
+      }
+      // A record above `next` was seen: `next` is a gap unless a scan that
+      // starts now finds it. What the new scan misses is skipped only below
+      // the highest version an earlier scan saw.
+      if (gapScans == kMaxGapScans) {
+        break;
+      }
+      const Asic::LogVersion seen = pending_.back().logVersion;
+      rescan();
+      scanned = true;
+      ++gapScans;
+      if (!pending_.empty() && pending_.front().logVersion > next) {
+        skip(next, std::min(pending_.front().logVersion, seen) - 1);
+      }
+    }
+    if (!published_ || *published_ != taken_) {
+      publish(out);
+    }
+    return out;
+  }
+
+  // Lets go of the change log when its file was removed or replaced (the
+  // agent's store was deleted or made anew), so that the next step mounts
+  // what is there now. Costs two stat calls: for idle moments.
+  void checkSource() {
+    if (log_ && log_->stale()) {
+      event(FollowEvent::Kind::sourceLost,
+            fmt::format("{}: the change log in {} was removed or replaced",
+                        tableName(), agent_.directory()));
+      detach();
+    }
+  }
+
+private:
+  // A gap costs a scan of the log; a step stops after this many.
+  static constexpr unsigned kMaxGapScans = 8;
+  // How soon a step looks again for a change log that is not there, or
+  // that could not be read.
+  static constexpr auto kRetryMissing = std::chrono::milliseconds(50);
+  static constexpr auto kRetryBroken = std::chrono::seconds(1);
+
+  void event(FollowEvent::Kind kind, std::string text) {
+    HW_TRACE(2, "{}", text);
+    if (events_) {
+      events_(FollowEvent{kind, std::move(text)});
+    }
+  }
+  // Reports a problem of the agent's instance once, until it changes.
+  void problem(FollowEvent::Kind kind, const std::string &text) {
+    if (text != lastProblem_) {
+      lastProblem_ = text;
+      event(kind, text);
+    }
+  }
+
+  bool attach(FollowStep &out) {
+    if (log_) {
+      return true;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now < retryAt_) {
+      return false;
+    }
+    Fwk::Ptr<LogSlate> log;
+    try {
+      log = agent_.template entity<LogSlate>(logPath_);
+    } catch (const Shm::Error &e) {
+      problem(FollowEvent::Kind::problem,
+              fmt::format("{}: cannot read the change log: {}", tableName(),
+                          e.what()));
+      agent_.forget(logPath_);
+      retryAt_ = now + kRetryBroken;
+      return false;
+    }
+    if (!log) {
+      problem(FollowEvent::Kind::waiting,
+              fmt::format("{}: no change log in {} yet; waiting for it",
+                          tableName(), agent_.directory()));
+      retryAt_ = now + kRetryMissing;
+      return false;
+    }
+    const std::uint64_t id = sourceIdOf(*log);
+    if (id == 0 || log->stale()) {
+      agent_.forget(logPath_); // replaced meanwhile: mount the new one next
+      return false;
+    }
+    log_ = log;
+    sourceId_ = id;
+    lastProblem_.clear();
+    event(FollowEvent::Kind::following,
+          fmt::format("{}: following the change log in {}", tableName(),
+                      agent_.directory()));
+    if (!inStep_ || record_.sourceId != id) {
+      rebase(record_.sourceId == 0 ? "the tables follow no change log yet"
+                                   : "the change log is a new one",
+             out);
+    }
+    return true;
+  }
+
+  void detach() {
+    log_ = nullptr;
+    pending_.clear();
+    scannedCommit_ = kNever;
+    agent_.forget(logPath_);
+  }
+
+  // Rebuilds every unit's table from the agent's configuration and goes on
+  // from the last change the agent wrote whole.
+  void rebase(const std::string &why, FollowStep &out) {
+    const auto &control = log_->entryLogConfig().control();
+    const Asic::LogVersion base =
+        std::min(control.auxiliary(), control.scratchpad());
+    // Until the rebuild is over, the record names no log: a restart in the
+    // middle rebuilds again.
+    record_.sourceId = 0;
+    taken_ = base;
+    publish(out);
+    pending_.clear();
+    scannedCommit_ = kNever;
+    std::vector<Asic::UnitId> units = agent_.units(configBase_);
+    for (Asic::UnitId u : store_.template hwUnits<B>()) {
+      if (std::find(units.begin(), units.end(), u) == units.end()) {
+        units.push_back(u);
+      }
+    }
+    for (Asic::UnitId u : units) {
+      resyncUnit(u);
+    }
+    record_.sourceId = sourceId_;
+    ++record_.resyncs;
+    ++run_.resyncs;
+    publish(out);
+    inStep_ = true;
+    event(FollowEvent::Kind::resync,
+          fmt::format("{}: {}; {} unit table(s) rebuilt from the agent's "
+                      "configuration, following from version {}",
+                      tableName(), why, units.size(), base));
+  }
+
+  // Makes the unit's hardware table hold the unit's committed entries. Keys
+  // the configuration does not hold are removed first, so that the writes
+  // fit. A configuration that cannot be read leaves the table as it is.
+  void resyncUnit(Asic::UnitId unit) {
+    const std::string path = B::Constants::configSlatePath(unit);
+    std::vector<LogEntry> live;
+    try {
+      if (auto cfg = agent_.template entity<ConfigSlate>(path)) {
+        readRecords(
+            cfg->swTableEntries(), true, [&] { live.clear(); },
+            [&](const ConfigEntry &r) {
+              if (!r.isDeleted) {
+                live.push_back(r.logEntry);
+              }
+            });
+      }
+    } catch (const Shm::Error &e) {
+      agent_.forget(path);
+      event(FollowEvent::Kind::problem,
+            fmt::format("{} unit {}: configuration not read, hardware table "
+                        "left as it is: {}",
+                        tableName(), unit, e.what()));
+      return;
+    }
+    agent_.forget(path); // a configuration table is big; needed only here
+    const auto less = [](const LogEntry &a, const LogEntry &b) {
+      return std::memcmp(&a.key, &b.key, sizeof(Key)) < 0;
+    };
+    std::sort(live.begin(), live.end(), less);
+    auto &hw = store_.template hwTable<B>(unit)->hwEntries();
+    for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
+      LogEntry probe{};
+      probe.key = *k;
+      if (!std::binary_search(live.begin(), live.end(), probe, less)) {
+        hw.erase(*k);
+      }
+    }
+    for (const LogEntry &e : live) {
+      write(hw, unit, e, 0);
+    }
+    HW_TRACE(3, "{} unit {}: {} entries from the configuration", tableName(),
+             unit, live.size());
+  }
+
+  // Whether the log may hold records the last scan did not see.
+  bool mayHaveNew() const {
+    const auto &control = log_->entryLogConfig().control();
+    const Asic::LogVersion reserved = control.scratchpad();
+    return reserved > taken_ && (control.commitSequence() != scannedCommit_ ||
+                                 reserved != scannedReserved_);
+  }
+
+  // Reads the records above the version taken, by version.
+  void rescan() {
+    auto &coll = log_->entryLogConfig();
+    scannedReserved_ = coll.control().scratchpad();
+    scannedCommit_ = coll.control().commitSequence();
+    std::vector<LogRecord> found;
+    readRecords(
+        coll, false, [&] { found.clear(); },
+        [&](const LogRecord &r) {
+          if (r.logVersion > taken_) {
+            found.push_back(r);
+          }
+        });
+    const auto byVersion = [](const LogRecord &a, const LogRecord &b) {
+      return a.logVersion < b.logVersion;
+    };
+    std::sort(found.begin(), found.end(), byVersion);
+    found.erase(std::unique(found.begin(), found.end(),
+                            [](const LogRecord &a, const LogRecord &b) {
+                              return a.logVersion == b.logVersion;
+                            }),
+                found.end());
+    pending_.assign(found.begin(), found.end());
+    HW_TRACE(9, "{}: scan found {} records above {}", tableName(), found.size(),
+             taken_);
+  }
+
+  void skip(Asic::LogVersion first, Asic::LogVersion last) {
+    const std::uint64_t n = last - first + 1;
+    record_.gapsSkipped += n;
+    run_.gapsSkipped += n;
+    taken_ = last;
+    event(FollowEvent::Kind::gapSkipped,
+          first == last
+              ? fmt::format("{}: version {} was reserved and never used; "
+                            "skipped",
+                            tableName(), first)
+              : fmt::format("{}: versions {}-{} were reserved and never "
+                            "used; skipped",
+                            tableName(), first, last));
+  }
+
+  void apply(const LogRecord &r) {
+    bool wiped = false;
+    auto table = store_.template hwTable<B>(r.unitId, &wiped);
+    if (wiped) {
+      ++record_.resyncs;
+      ++run_.resyncs;
+      resyncUnit(r.unitId);
+      event(FollowEvent::Kind::resync,
+            fmt::format("{} unit {}: the hardware table was lost; rebuilt "
+                        "from the agent's configuration",
+                        tableName(), r.unitId));
+    }
+    auto &hw = table->hwEntries();
+    if (r.isTableDelete()) {
+      for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
+        hw.erase(*k);
+      }
+    } else if (r.isEntryDelete()) {
+      hw.erase(r.logEntry.key);
+    } else {
+      write(hw, r.unitId, r.logEntry, r.logVersion);
+    }
+    ++record_.changesApplied;
+    ++run_.changesApplied;
+    HW_TRACE(9, "{}: applied version {} unit {} deleteBits {} {}", tableName(),
+             r.logVersion, r.unitId, r.deleteBits, r.logEntry);
+  }
+
+  // `version` 0: a write of a rebuild.
+  template <typename Coll>
+  void write(Coll &hw, Asic::UnitId unit, const LogEntry &e,
+             Asic::LogVersion version) {
+    try {
+      hw.insert(e);
+    } catch (const Shm::CollectionFullError &) {
+      ++record_.tableFullReports;
+      ++run_.tableFullReports;
+      event(FollowEvent::Kind::tableFull,
+            fmt::format("{} unit {}: hardware table full ({} entries); write "
+                        "of label {} qualifier {}{} not applied",
+                        tableName(), unit, hw.capacity(), e.key.label,
+                        e.key.qualifier,
+                        version ? fmt::format(" (version {})", version) : ""));
+    }
+  }
+
+  void publish(FollowStep &out) {
+    store_.publish(tableId_, taken_, record_);
+    published_ = taken_;
+    out.published = true;
+  }
+
+  static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+
+  InstanceView &agent_;
+  HwStore &store_;
+  FollowEventFn events_;
+  const Asic::SwTableId tableId_{B::Constants::swTableTypeId};
+  const std::string logPath_;
+  const std::string configBase_;
+
+  Fwk::Ptr<LogSlate> log_;
+  std::uint64_t sourceId_ = 0; // of log_
+  FollowRecord record_;
+  // Whether the tables are known to be in step with record_.sourceId.
+  bool inStep_ = false;
+  Asic::LogVersion taken_ = 0;
+  std::optional<Asic::LogVersion> published_;
+  // Records above taken_ found by the last scan, by version. Log records
+  // never change once written and the agent retires only published ones,
+  // so they stay valid until applied.
+  std::deque<LogRecord> pending_;
+  std::uint64_t scannedCommit_ = kNever;
+  Asic::LogVersion scannedReserved_ = 0;
+  FollowCounters run_;
+  std::string lastProblem_;
+  std::chrono::steady_clock::time_point retryAt_{};
+};
+
+} // namespace MicaMplsHw
+
+#undef HW_TRACE
