@@ -118,6 +118,7 @@ constexpr const char *kCounterHelp[] = {
     "Writes not suppressed because the entry or its resource key differed.",
     "Updates of committed entries.",
     "Updates of entries whose resource had failed.",
+    "Changes refused because the entry log had no room for them.",
 };
 static_assert(std::size(kCounterHelp) == Asic::SwTableStatsRecord::kCounters,
               "one help line per published counter");
