@@ -67,7 +67,8 @@ struct EntryLogMessages {
   AgentLog::Handle relaunchError; // HW_ABSTRACTION_RELAUNCH_ERROR
   AgentLog::Handle error;         // HW_ABSTRACTION_ERROR
 };
-__attribute__((visibility("default"))) EntryLogMessages registerEntryLogMessages();
+__attribute__((visibility("default"))) EntryLogMessages
+registerEntryLogMessages();
 
 // Records the function and line of the trace's own call.
 #define EL_TRACE(level, ...) traceAt(level, __func__, __LINE__, __VA_ARGS__)
@@ -88,11 +89,12 @@ public:
 
   // Mounts the change log and restores the table version (handleInitialized).
   // A mount failure passes on as an exception, with nothing kept.
-  OrderedEntryLog(SwTableId tableId, Fwk::Ptr<StateDb::EntityManager> entityManager,
-                  Fwk::Ptr<GroupInterface> groupInterface, std::string agentName,
-                  const EntryLogMessages &messages)
-      : EntryLogBase(tableId, std::move(entityManager), std::move(groupInterface),
-                     std::move(agentName)),
+  OrderedEntryLog(SwTableId tableId,
+                  Fwk::Ptr<StateDb::EntityManager> entityManager,
+                  Fwk::Ptr<GroupInterface> groupInterface,
+                  std::string agentName, const EntryLogMessages &messages)
+      : EntryLogBase(tableId, std::move(entityManager),
+                     std::move(groupInterface), std::move(agentName)),
         messages_(messages) {
     handleInitialized();
   }
@@ -113,7 +115,8 @@ public:
       const std::string &typeName, const std::string &path,
       const std::string &agentName,
       const std::function<void(Shm::MountInfo &)> &mountInfoFn,
-      const std::function<Shm::CollectionControl &(Fwk::Ptr<T> &)> &collectionControlFn,
+      const std::function<Shm::CollectionControl &(Fwk::Ptr<T> &)>
+          &collectionControlFn,
       const std::function<void()> &wipedFn) {
     auto shm = agentShmEntityManager(*entityManager);
     auto group = shm->mountGroup();
@@ -130,7 +133,8 @@ public:
       return entity;
     }
     wipedFn();
-    if (auto gen = entityManager->template entity<GenId>(GenId::path(agentName))) {
+    if (auto gen =
+            entityManager->template entity<GenId>(GenId::path(agentName))) {
       gen->majorIdInc(1);
     }
     control.clearWiped();
@@ -165,7 +169,8 @@ public:
     // it (completeLastChange).
     const LogVersion complete = slate->entryLogConfig().control().auxiliary();
     lastChange_ = complete < version ? version : 0;
-    EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
+    EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path,
+             tableVersion());
   }
 
   // Mounts one unit's configuration table and drops the deletions that the
@@ -176,7 +181,8 @@ public:
     auto cfgSlate = checkAndwriteMountSlate<ConfigSlateT>(
         entityManager(), ConfigSlateT::kTypeName, path, agentName(),
         [](Shm::MountInfo &info) {
-          info.collectionInfoIs(ConfigSlateT::kCollection, ConfigSlateT::kCapacity);
+          info.collectionInfoIs(ConfigSlateT::kCollection,
+                                ConfigSlateT::kCapacity);
         },
         [](Fwk::Ptr<ConfigSlateT> &s) -> Shm::CollectionControl & {
           return s->swTableEntries().control();
@@ -222,10 +228,17 @@ public:
     const auto *s = tableConfigSlate_.find(unitId);
     return s ? *s : nullptr;
   }
+  // The same without a counted reference, for hot paths; null if none.
+  ConfigSlateT *tableConfigSlatePtr(UnitId unitId) const noexcept {
+    const auto *s = tableConfigSlate_.find(unitId);
+    return s ? s->ptr() : nullptr;
+  }
   bool tableConfigSlateHas(UnitId unitId) const {
     return tableConfigSlate_.contains(unitId);
   }
-  std::size_t tableConfigSlates() const noexcept { return tableConfigSlate_.size(); }
+  std::size_t tableConfigSlates() const noexcept {
+    return tableConfigSlate_.size();
+  }
   void tableConfigSlateIs(UnitId unitId, const Fwk::Ptr<ConfigSlateT> &slate) {
     tableConfigSlate_.insert(unitId, slate);
     notify(attrTableConfigSlate, unitId);
@@ -268,13 +281,14 @@ public:
   // suppressIdenticalWrites, a write identical to the stored live record
   // returns the stored version and logs nothing.
   LogVersion entryIs(const LogEntry &logEntry, const ResourceKeys &rsrcKeys,
-                     const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId,
-                     const Fwk::Ptr<SwTableStats> &stats,
+                     const Fwk::Ptr<const NeededEntry> &neededEntry,
+                     UnitId unitId, const Fwk::Ptr<SwTableStats> &stats,
                      bool suppressIdenticalWrites) {
     EL_TRACE(8,
-          " logEntry: {} neededEntry: {} version: {} unitId: {} "
-          "suppressIdenticalWrites: {}",
-          logEntry, neededEntry, tableVersion(), unitId, suppressIdenticalWrites);
+             " logEntry: {} neededEntry: {} version: {} unitId: {} "
+             "suppressIdenticalWrites: {}",
+             logEntry, neededEntry, tableVersion(), unitId,
+             suppressIdenticalWrites);
     ConfigSlateT &slate = configSlateOf(unitId);
     const Key &key = logEntry.key;
     prefetchChange(slate, key);
@@ -291,9 +305,9 @@ public:
           }
         } else {
           EL_TRACE(3,
-                "Not Suppressing write because entry or resource key is "
-                "different  for key: {}",
-                key);
+                   "Not Suppressing write because entry or resource key is "
+                   "different  for key: {}",
+                   key);
           if (stats) {
             stats->suppressCheckDiffCntInc(1);
           }
@@ -321,7 +335,8 @@ public:
 
   // Logs the deletion of one entry; 0 when the key has no record. A record
   // already marked deleted is deleted again under a new version.
-  LogVersion entryDel(const Key &key, const Fwk::Ptr<const NeededEntry> &neededEntry,
+  LogVersion entryDel(const Key &key,
+                      const Fwk::Ptr<const NeededEntry> &neededEntry,
                       UnitId unitId) {
     EL_TRACE(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
@@ -342,7 +357,8 @@ public:
   }
 
   // Logs the deletion of every entry of the unit, also when it has none.
-  LogVersion tableDel(const Fwk::Ptr<const NeededEntry> &neededEntry, UnitId unitId) {
+  LogVersion tableDel(const Fwk::Ptr<const NeededEntry> &neededEntry,
+                      UnitId unitId) {
     EL_TRACE(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
     refuseIfLogFull();
@@ -442,7 +458,8 @@ private:
   }
 
   void raiseWiped(const char *what) {
-    AgentLog::raise(messages_.error, fmt::format("{}::{}", what, B::kWipedItem));
+    AgentLog::raise(messages_.error,
+                    fmt::format("{}::{}", what, B::kWipedItem));
   }
 
   ConfigSlateT &configSlateOf(UnitId unitId) const {
@@ -454,7 +471,8 @@ private:
 
   // A change touches the key's record and the next change-log record in two
   // collections; fetching both at once overlaps their memory latencies.
-  void prefetchChange(const ConfigSlateT &slate, const Key &key) const noexcept {
+  void prefetchChange(const ConfigSlateT &slate,
+                      const Key &key) const noexcept {
     slate.swTableEntries().prefetch(key);
     tableEntryLog_->entryLogConfig().prefetch(tableVersion() + 1);
   }
@@ -472,7 +490,8 @@ private:
   }
 
   void logChange(LogVersion v, const LogEntry &logEntry, UnitId unitId,
-                 std::uint8_t deleteBits, const Fwk::Ptr<const NeededEntry> &needed) {
+                 std::uint8_t deleteBits,
+                 const Fwk::Ptr<const NeededEntry> &needed) {
     LogRecord r{};
     r.logVersion = v;
     r.logEntry = logEntry;
@@ -577,8 +596,9 @@ private:
     LogRecord logged;
     if (tableEntryLog_->entryLogConfig().findOrDrop(v, logged)) {
       if (logged.isTableDelete() && logged.unitId == unitId) {
-        EL_TRACE(2, " completing table delete {} of unitId {} cut off by a restart",
-                 v, unitId);
+        EL_TRACE(
+            2, " completing table delete {} of unitId {} cut off by a restart",
+            v, unitId);
         markTableDeleted(slate, v);
         changeComplete(v);
       }

@@ -5,7 +5,8 @@
 // the last committed state of every key of the unit's table.
 //
 //   ConfigSlateEntry   rsrcKeys | logEntry | pad | logVersion | isDeleted | pad
-//   ISEM2: 800 + 16 + 0 + 8 + 1 + 7 = 832 bytes; LEM: 4 + 24 + 4 + 8 + 1 + 7 = 48
+//   ISEM2: 800 + 16 + 0 + 8 + 1 + 7 = 832 bytes; LEM: 4 + 24 + 4 + 8 + 1 + 7 =
+//   48
 //
 // EntryLogSlate (one per table type, collection `entryLogConfig`, 1,000,000
 // records, keyed by log version): one record per logged change, until the
@@ -30,7 +31,9 @@
 namespace Asic {
 
 namespace detail {
-constexpr std::size_t padTo8(std::size_t n) { return (8 - n % 8) % 8; }
+constexpr std::size_t padTo8(std::size_t n) {
+  return (8 - n % 8) % 8;
+}
 } // namespace detail
 
 // Operations shared by the two layouts of a configuration record.
@@ -50,8 +53,9 @@ private:
 };
 
 template <typename B>
-constexpr std::size_t kConfigPad =
-    detail::padTo8(sizeof(typename B::ResourceKeys) + sizeof(typename B::LogEntry));
+constexpr std::size_t
+    kConfigPad = detail::padTo8(sizeof(typename B::ResourceKeys) +
+                                sizeof(typename B::LogEntry));
 
 // A configuration record. Its layout has an explicit padding field between
 // the log entry and the version when the two parts do not end on 8 bytes.
@@ -66,7 +70,8 @@ struct ConfigSlateEntry : ConfigSlateEntryOps<ConfigSlateEntry<B, Padded>, B> {
 };
 
 template <typename B>
-struct ConfigSlateEntry<B, false> : ConfigSlateEntryOps<ConfigSlateEntry<B, false>, B> {
+struct ConfigSlateEntry<B, false>
+    : ConfigSlateEntryOps<ConfigSlateEntry<B, false>, B> {
   typename B::ResourceKeys rsrcKeys;
   typename B::LogEntry logEntry;
   LogVersion logVersion = 0;
@@ -96,7 +101,8 @@ template <typename B> struct LogSlateEntry {
 template <typename B> struct ConfigSlateRecordTraits {
   using Key = typename B::Key;
   using Record = ConfigSlateEntry<B>;
-  static_assert(Fwk::PlainRecord<Record>, "configuration records are plain bytes");
+  static_assert(Fwk::PlainRecord<Record>,
+                "configuration records are plain bytes");
   static Key keyOf(const Record &r) noexcept { return r.logEntry.key; }
   // The collection counts records marked deleted in O(1).
   static bool flagged(const Record &r) noexcept { return r.isDeleted; }
@@ -125,7 +131,8 @@ public:
   static constexpr std::uint32_t kCapacity = Names::kCapacity;
 
   static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).template collection<Traits>(kCollection);
+    return Shm::EntityLayout(kTypeName).template collection<Traits>(
+        kCollection);
   }
   explicit OneCollectionEntity(Shm::EntityInit &init)
       : Shm::Entity(init), collection_(init, kCollection) {}
@@ -148,32 +155,42 @@ template <typename B> struct EntryLogSlateNames {
 
 // One unit's configuration table.
 template <typename B>
-class ConfigSlate
-    : public OneCollectionEntity<ConfigSlateRecordTraits<B>, ConfigSlateNames<B>> {
+class ConfigSlate : public OneCollectionEntity<ConfigSlateRecordTraits<B>,
+                                               ConfigSlateNames<B>> {
 public:
   using OneCollectionEntity<ConfigSlateRecordTraits<B>,
                             ConfigSlateNames<B>>::OneCollectionEntity;
   using Collection = Shm::Collection<ConfigSlateRecordTraits<B>>;
 
   Collection &swTableEntries() noexcept { return this->collection_; }
-  const Collection &swTableEntries() const noexcept { return this->collection_; }
+  const Collection &swTableEntries() const noexcept {
+    return this->collection_;
+  }
   // Inserts or replaces the record of its key.
-  void swTableEntriesIs(const ConfigSlateEntry<B> &r) { this->collection_.insert(r); }
-  void swTableEntriesDel(const typename B::Key &key) { this->collection_.erase(key); }
+  void swTableEntriesIs(const ConfigSlateEntry<B> &r) {
+    this->collection_.insert(r);
+  }
+  void swTableEntriesDel(const typename B::Key &key) {
+    this->collection_.erase(key);
+  }
 };
 
 // The table type's change log.
 template <typename B>
-class EntryLogSlate
-    : public OneCollectionEntity<LogSlateRecordTraits<B>, EntryLogSlateNames<B>> {
+class EntryLogSlate : public OneCollectionEntity<LogSlateRecordTraits<B>,
+                                                 EntryLogSlateNames<B>> {
 public:
   using OneCollectionEntity<LogSlateRecordTraits<B>,
                             EntryLogSlateNames<B>>::OneCollectionEntity;
   using Collection = Shm::Collection<LogSlateRecordTraits<B>>;
 
   Collection &entryLogConfig() noexcept { return this->collection_; }
-  const Collection &entryLogConfig() const noexcept { return this->collection_; }
-  void entryLogConfigIs(const LogSlateEntry<B> &r) { this->collection_.insert(r); }
+  const Collection &entryLogConfig() const noexcept {
+    return this->collection_;
+  }
+  void entryLogConfigIs(const LogSlateEntry<B> &r) {
+    this->collection_.insert(r);
+  }
   void entryLogConfigDel(LogVersion v) { this->collection_.erase(v); }
 };
 

@@ -104,13 +104,18 @@ public:
                " key: {} isDeleted: {}", entry_.key, isDeleted);
     const bool retVal =
         table->swTableHelper()->finalizeOnFailure(self(), isDeleted, table);
-    MICA_TRACE(th(), 3, B::kInfraSourceUnit, B::kWrapperClass,
-               " retVal: {}", retVal);
+    MICA_TRACE(th(), 3, B::kInfraSourceUnit, B::kWrapperClass, " retVal: {}",
+               retVal);
     return retVal;
   }
 
   EntryWrapperBase(const Entry &entry, const Fwk::Ptr<Handle> &handle)
       : entry_(entry), entryHandle_(handle) {}
+  // The entry joined from its two stored parts, built in place.
+  EntryWrapperBase(const typename B::ResourceKeys &rsrcKeys,
+                   const typename B::LogEntry &logEntry,
+                   const Fwk::Ptr<Handle> &handle)
+      : entry_(Entry::fromParts(rsrcKeys, logEntry)), entryHandle_(handle) {}
 
 protected:
   ~EntryWrapperBase() override = default;
@@ -139,8 +144,9 @@ public:
   const Fwk::Ptr<Wrapper> &entryWrapper() const noexcept { return wrapper_; }
 
   bool isResolved() override {
-    return swTable_->isResolverEntryResolved(Fwk::Ptr<typename B::ResolverEntry>(
-        static_cast<typename B::ResolverEntry *>(this)));
+    return swTable_->isResolverEntryResolved(
+        Fwk::Ptr<typename B::ResolverEntry>(
+            static_cast<typename B::ResolverEntry *>(this)));
   }
   void commitEntry(const Fwk::Ptr<ResolverEntry> &self) override {
     swTable_->commitEntry(self);

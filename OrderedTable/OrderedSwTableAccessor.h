@@ -109,8 +109,8 @@ template <typename T> struct OrderedSwTableAccessor {
 
   static Fwk::Ptr<const EntryHandle>
   entryWriteGeneric(T &t, const Key &key, const Entry &entry,
-                    const Dependency &dependency, const ResponseHandler &handler,
-                    Linkage *linkage) {
+                    const Dependency &dependency,
+                    const ResponseHandler &handler, Linkage *linkage) {
     OT_TRACE(8, "key: {}", key);
     const EntryVersion v = nextVersion(t, key);
     t.transientVersionForKeyIs(key, v);
@@ -127,8 +127,8 @@ template <typename T> struct OrderedSwTableAccessor {
       linkage->resolveEntry(wrapper);
     }
     enqueue(t, Fwk::make<Resolver>(dependency,
-                                   marking ? entryFlagMarked : entryFlagNone, &t,
-                                   wrapper));
+                                   marking ? entryFlagMarked : entryFlagNone,
+                                   &t, wrapper));
     OT_TRACE(2, "Done processing write for key: {} ", key);
     t.stats()->entryWriteCntInc(1);
     afterChange(t);
@@ -192,7 +192,8 @@ template <typename T> struct OrderedSwTableAccessor {
     }
   }
 
-  static EntryState resolutionState(const Fwk::Ptr<Wrapper> &w, Linkage *linkage) {
+  static EntryState resolutionState(const Fwk::Ptr<Wrapper> &w,
+                                    Linkage *linkage) {
     return linkage ? linkage->entryResolutionState(w) : EntryState::finished;
   }
 
@@ -206,7 +207,8 @@ template <typename T> struct OrderedSwTableAccessor {
     return true;
   }
 
-  static bool checkResolveSuccess(const Fwk::Ptr<Wrapper> &w, Linkage *linkage) {
+  static bool checkResolveSuccess(const Fwk::Ptr<Wrapper> &w,
+                                  Linkage *linkage) {
     if (resolutionState(w, linkage) == EntryState::finished) {
       return true;
     }
@@ -218,9 +220,10 @@ template <typename T> struct OrderedSwTableAccessor {
   static bool isResolverEntryResolved(T &t, const Fwk::Ptr<Resolver> &r,
                                       Linkage *linkage) {
     const auto &w = r->entryWrapper();
-    if (t.entryLog() && t.entryLog()->entryLogRecords() > T::kEntryLogRecordLimit) {
-      OT_TRACE(1, "key: {}, isEntryDeleted: {} : no space in entryLog!", w->key(),
-               r->isEntryDeleted());
+    if (t.entryLog() &&
+        t.entryLog()->entryLogRecords() > T::kEntryLogRecordLimit) {
+      OT_TRACE(1, "key: {}, isEntryDeleted: {} : no space in entryLog!",
+               w->key(), r->isEntryDeleted());
       return false;
     }
     if (const auto &dep = r->dependencyHandle()) {
@@ -237,8 +240,9 @@ template <typename T> struct OrderedSwTableAccessor {
       resolved = resAccessorCheckResolved(w, linkage);
     }
     if (resolved) {
-      OT_TRACE(3, "key: {}, isEntryDeleted: {}, isTableDeleted: {}, resolved: true",
-               w->key(), r->isEntryDeleted(), r->isTableDeleted());
+      OT_TRACE(
+          3, "key: {}, isEntryDeleted: {}, isTableDeleted: {}, resolved: true",
+          w->key(), r->isEntryDeleted(), r->isTableDeleted());
     }
     return resolved;
   }
@@ -297,7 +301,8 @@ template <typename T> struct OrderedSwTableAccessor {
              wrapper->entry(), isEntryDelete, isTableDelete);
     FWK_ASSERT_NAMED(!(isEntryDelete && isTableDelete),
                      "!( isEntryDelete && isTableDelete )");
-    Fwk::Ptr<EntryHandle> handle = Fwk::ptrCast<EntryHandle>(wrapper->entryHandle());
+    Fwk::Ptr<EntryHandle> handle =
+        Fwk::ptrCast<EntryHandle>(wrapper->entryHandle());
     FWK_ASSERT_NAMED(handle, "entryHandle != NULL");
     const EntryVersion entryConfVersion = handle->version();
     if (!isTableDelete) {
@@ -321,9 +326,10 @@ template <typename T> struct OrderedSwTableAccessor {
     } else if (isEntryDelete) {
       commitEntryDelete(t, dep, wrapper, handle, entryConfVersion, linkage);
     } else {
-      outcome = commitWrite(t, r, dep, wrapper, handle, entryConfVersion, linkage)
-                    ? Outcome::done
-                    : Outcome::failWithKey;
+      outcome =
+          commitWrite(t, r, dep, wrapper, handle, entryConfVersion, linkage)
+              ? Outcome::done
+              : Outcome::failWithKey;
     }
     if (outcome != Outcome::done) {
       if (outcome == Outcome::failWithKey) {
@@ -341,8 +347,10 @@ template <typename T> struct OrderedSwTableAccessor {
                                 const Fwk::Ptr<Wrapper> &wrapper,
                                 Fwk::Ptr<EntryHandle> handle) {
     const MajorVersion currRemoveAllVersion = t.transientRemoveAllVersion();
-    FWK_ASSERT_NAMED(currRemoveAllVersion.valid(), "currRemoveAllVersion.valid()");
-    OT_TRACE(8, "Committing table delete for version: {}", currRemoveAllVersion);
+    FWK_ASSERT_NAMED(currRemoveAllVersion.valid(),
+                     "currRemoveAllVersion.valid()");
+    OT_TRACE(8, "Committing table delete for version: {}",
+             currRemoveAllVersion);
     auto needed = t.getNeededEntrySet(wrapper);
     if (dep) {
       needed->add(dep);
@@ -351,9 +359,10 @@ template <typename T> struct OrderedSwTableAccessor {
     // keeps state 1 and its log version, and the table does not call its
     // handler.
     t.delAllEntries(true, needed, handle);
-    t.transientRemoveAllVersionIs(currRemoveAllVersion.value == 0
-                                      ? MajorVersion::invalid()
-                                      : MajorVersion(currRemoveAllVersion.value - 1));
+    t.transientRemoveAllVersionIs(
+        currRemoveAllVersion.value == 0
+            ? MajorVersion::invalid()
+            : MajorVersion(currRemoveAllVersion.value - 1));
   }
 
   static void commitEntryDelete(T &t, const Dependency &dep,
@@ -366,9 +375,9 @@ template <typename T> struct OrderedSwTableAccessor {
     if (dep) {
       needed->add(dep);
     }
-    clearTransient(t, t.transientRemoveEntryColl(),
-                   [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key,
-                   committed);
+    clearTransient(
+        t, t.transientRemoveEntryColl(),
+        [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key, committed);
     wrapper->finalizeOnSuccess(Fwk::Ptr<typename B::SwTable>(&t), true);
     const LogVersion logVersion =
         t.entryLog() ? t.entryLog()->entryDel(key, needed, t.unitId()) : 0;
@@ -387,21 +396,23 @@ template <typename T> struct OrderedSwTableAccessor {
     if (!log || log->canLog(key, t.unitId())) {
       return true;
     }
-    OT_TRACE(1, "key: {}: no room in the entry log of unitId: {}", key, t.unitId());
+    OT_TRACE(1, "key: {}: no room in the entry log of unitId: {}", key,
+             t.unitId());
     t.stats()->logRefusedCntInc(1);
     return false;
   }
 
   // False when the write failed (the caller fails its handle).
-  static bool commitWrite(T &t, const Fwk::Ptr<Resolver> &r, const Dependency &dep,
+  static bool commitWrite(T &t, const Fwk::Ptr<Resolver> &r,
+                          const Dependency &dep,
                           const Fwk::Ptr<Wrapper> &wrapper,
                           const Fwk::Ptr<EntryHandle> &handle,
                           EntryVersion committed, Linkage *linkage) {
     const Key key = wrapper->key();
     auto clear = [&] {
-      clearTransient(t, t.transientAddEntryColl(),
-                     [&t](const Key &k) { t.transientAddEntryDel(k); }, key,
-                     committed);
+      clearTransient(
+          t, t.transientAddEntryColl(),
+          [&t](const Key &k) { t.transientAddEntryDel(k); }, key, committed);
     };
     const Fwk::Ptr<typename B::SwTable> self(&t);
     if (checkResolveSuccess(wrapper, linkage)) {
@@ -474,11 +485,11 @@ template <typename T> struct OrderedSwTableAccessor {
 
   static bool hasPendingHwWrites(const T &t) {
     OT_TRACE(8, "");
-    const bool pending =
-        t.transientAddEntrys() != 0 || t.transientRemoveEntrys() != 0 ||
-        t.transientRemoveAllVersion().valid() ||
-        (t.entryLog() &&
-         t.entryLog()->tableVersion() != t.entryLog()->cleanupVersion());
+    const bool pending = t.transientAddEntrys() != 0 ||
+                         t.transientRemoveEntrys() != 0 ||
+                         t.transientRemoveAllVersion().valid() ||
+                         (t.entryLog() && t.entryLog()->tableVersion() !=
+                                              t.entryLog()->cleanupVersion());
     OT_TRACE(3, " pendingHwWrites for swTable: tableId: {}, unitId{} is {}",
              t.swTableId(), t.unitId(), pending);
     return pending;
@@ -497,6 +508,22 @@ template <typename T> struct OrderedSwTableAccessor {
       return false;
     }
     return slate->swTableEntries().findOrDrop(key, out);
+  }
+
+  // The same, read in place; valid until the collection changes.
+  static const ConfigEntry *configRecordRef(const T &t, const Key &key) {
+    auto *slate =
+        t.entryLog() ? t.entryLog()->tableConfigSlatePtr(t.unitId()) : nullptr;
+    if (!slate) {
+      return nullptr;
+    }
+    auto &coll = slate->swTableEntries();
+    try {
+      return coll.findRef(key);
+    } catch (const Shm::CorruptionError &e) {
+      coll.doCorruptionDetected(e.what());
+      return nullptr;
+    }
   }
 
   static bool committed(const T &t, const Key &key) {
@@ -591,7 +618,8 @@ template <typename T> struct OrderedSwTableAccessor {
     return s;
   }
 
-  static Fwk::Ptr<typename T::SwTableEntries_py> getTableEntries_py(const T &t) {
+  static Fwk::Ptr<typename T::SwTableEntries_py>
+  getTableEntries_py(const T &t) {
     auto snapshot = Fwk::make<typename T::SwTableEntries_py>();
     for (auto it = t.entryIteratorConst(); !it.done(); ++it) {
       snapshot->tableEntriesIs(it.entry());
@@ -605,56 +633,122 @@ template <typename T> struct OrderedSwTableAccessor {
                                                   bool refreshRsrcPtrs,
                                                   Fwk::Ptr<EntryHandle> &slot) {
     OT_TRACE(8, "key: {}, refreshRsrcPtrs: {}", key, refreshRsrcPtrs);
-    const Entry e = t.entryFromConfig(key);
+    return wrapperOf(t, key, t.entryFromConfig(key), refreshRsrcPtrs, slot);
+  }
+
+  // entryWrapperFromConfig for a committed record the caller has read
+  // already (the same wrapper, without reading the record again).
+  static Fwk::Ptr<Wrapper> wrapperFromRecord(T &t, const ConfigEntry &r,
+                                             bool refreshRsrcPtrs,
+                                             Fwk::Ptr<EntryHandle> &slot) {
+    const Key key = r.logEntry.key;
+    trace(8, "entryWrapperFromConfig", __LINE__, "key: {}, refreshRsrcPtrs: {}",
+          key, refreshRsrcPtrs);
     if (!slot) {
       slot = T::entryHandleFactory(EntryVersion(), key, &t);
     }
-    auto w = Fwk::make<Wrapper>(e, slot);
+    auto w = r.isDeleted ? Fwk::make<Wrapper>(Entry{}, slot)
+                         : Fwk::make<Wrapper>(r.rsrcKeys, r.logEntry, slot);
+    return finishWrapper(t, w, key, refreshRsrcPtrs);
+  }
+
+  static Fwk::Ptr<Wrapper> wrapperOf(T &t, const Key &key, const Entry &e,
+                                     bool refreshRsrcPtrs,
+                                     Fwk::Ptr<EntryHandle> &slot) {
+    if (!slot) {
+      slot = T::entryHandleFactory(EntryVersion(), key, &t);
+    }
+    return finishWrapper(t, Fwk::make<Wrapper>(e, slot), key, refreshRsrcPtrs);
+  }
+
+  static Fwk::Ptr<Wrapper> finishWrapper(T &t, Fwk::Ptr<Wrapper> w,
+                                         const Key &key, bool refreshRsrcPtrs) {
     w->keyIs(key);
     t.setRsrcPtrs(w, refreshRsrcPtrs);
     w->retrieveClientData();
     return w;
   }
 
-  // Visits every committed (not deleted) key of the unit in the
-  // configuration table's order, until `f` returns false. A report of
-  // corrupt shared memory goes to the collection's corruption handling and
-  // ends the walk.
-  template <typename F> static void forEachCommittedKey(T &t, F &&f) {
-    auto slate = t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
+  // Visits every committed (not deleted) record of the unit, in one pass
+  // over the configuration table's slots (the cheapest walk; the visit does
+  // not depend on the order). `f` must not change the configuration table.
+  // A report of corrupt shared memory goes to the collection's corruption
+  // handling and ends the walk.
+  template <typename F> static void forEachCommitted(T &t, F &&f) {
+    auto slate =
+        t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
     if (!slate) {
       return;
     }
     auto &coll = slate->swTableEntries();
     try {
-      for (auto k = coll.firstKey(); k; k = coll.nextKey(*k)) {
-        ConfigEntry r;
-        if (coll.find(*k, r) && !r.isDeleted && !f(*k)) {
-          return;
+      coll.forEachInPlace([&](const ConfigEntry &r) {
+        if (!r.isDeleted) {
+          f(r);
         }
-      }
+      });
     } catch (const Shm::CorruptionError &e) {
       coll.doCorruptionDetected(e.what());
     }
   }
 
+  // Restore, in one pass over the unit's configuration table: every
+  // committed entry gets its wrapper, its resource and its usage back, and,
+  // while its record is at hand, the update that the pass over the
+  // resources in use (handleResourceChangeAtInit) makes of each user of a
+  // resource. The resources are then acknowledged, one after the other in
+  // the linkage's order, each with the handle of its last user's update, as
+  // that pass does. Updates that log a change are made after the walk, which
+  // must not change the table it walks; the helper's hook is asked during
+  // the walk and must not change the committed entries either.
   static void restoreEntries(T &t) {
     OT_TRACE(8, "");
     if (!t.entryLog() || !t.entryLog()->tableConfigSlate(t.unitId())) {
       return; // nothing was ever committed
     }
     Linkage *linkage = t.linkage().ptr();
-    forEachCommittedKey(t, [&](const Key &key) {
-      Fwk::Ptr<EntryHandle> slot;
-      auto w = t.entryWrapperFromConfig(key, true, slot);
-      if (linkage) {
-        linkage->restoreEntry(w);
-      }
-      return true;
-    });
-    if (linkage) {
-      linkage->handleResourceChangeAtInit();
+    if (!linkage) {
+      forEachCommitted(t, [&](const ConfigEntry &r) {
+        Fwk::Ptr<EntryHandle> slot;
+        wrapperFromRecord(t, r, true, slot);
+      });
+      return;
     }
+    using Handles =
+        Fwk::HashMap<Key, Fwk::Ptr<const OrderedSwTable::EntryHandle>>;
+    Handles updates(0x4f1bbcdcu);
+    updates.reserve(t.entryLog()->entrys(t.unitId()));
+    struct Logged {
+      Fwk::Ptr<Wrapper> wrapper;
+      Fwk::Ptr<EntryHandle> handle;
+      typename B::LogEntry storedLog;
+      LogVersion storedVersion;
+    };
+    std::vector<Logged> logged;
+    forEachCommitted(t, [&](const ConfigEntry &r) {
+      Fwk::Ptr<EntryHandle> handle;
+      auto w = wrapperFromRecord(t, r, true, handle);
+      linkage->restoreEntry(w);
+      const auto &res = w->resourcePtr();
+      if (!res || res->isPostReleaseProtoState()) {
+        return; // uses no resource (or one on its way out): not updated
+      }
+      const Key &key = w->key();
+      Linkage::Accessor::trace(3, "handleResourceChange", __LINE__,
+                               "Updating sw table entry for key: {}", key);
+      const bool commitToLog = decideUpdate(t, key, w, linkage);
+      if (updateLogs(w, r.logEntry, commitToLog)) {
+        logged.push_back(Logged{w, handle, r.logEntry, r.logVersion});
+      } else {
+        finishUpdate(t, key, w, handle, r.logEntry, r.logVersion, commitToLog);
+      }
+      updates.insert(key, std::move(handle));
+    });
+    for (const Logged &l : logged) {
+      finishUpdate(t, l.wrapper->key(), l.wrapper, l.handle, l.storedLog,
+                   l.storedVersion, true);
+    }
+    linkage->acknowledgeAtInit(updates);
   }
 
   static void delAllEntries(T &t, bool releaseResources,
@@ -666,10 +760,9 @@ template <typename T> struct OrderedSwTableAccessor {
       return; // nothing is logged
     }
     if (releaseResources && linkage) {
-      forEachCommittedKey(t, [&](const Key &key) {
-        auto w = t.entryWrapperFromConfig(key, false, slot);
+      forEachCommitted(t, [&](const ConfigEntry &r) {
+        auto w = wrapperFromRecord(t, r, false, slot);
         linkage->updateLocalUsage(w, w->entry(), true);
-        return true;
       });
     }
     const LogVersion v = t.entryLog()->tableDel(neededEntry, t.unitId());
@@ -710,14 +803,31 @@ template <typename T> struct OrderedSwTableAccessor {
     return count;
   }
 
+  // One read of the key's record serves the whole update: whether the key
+  // is committed, the entry, the log entry it is compared with and its log
+  // version (nothing writes the record in between).
   static Fwk::Ptr<const EntryHandle> updateEntry(T &t, const Key &key,
                                                  Linkage *linkage) {
-    if (!committed(t, key)) {
+    const ConfigEntry *record = configRecordRef(t, key);
+    if (!record || record->isDeleted) {
       OT_TRACE(3, " key: {} entry does not exist ", key);
       return nullptr;
     }
+    // The record is read in place: what is needed of it later is copied
+    // before anything can change the collection.
+    const typename B::LogEntry storedLog = record->logEntry;
+    const LogVersion storedVersion = record->logVersion;
     Fwk::Ptr<EntryHandle> handle;
-    auto w = t.entryWrapperFromConfig(key, false, handle);
+    auto w = wrapperFromRecord(t, *record, false, handle);
+    const bool commitToLog = decideUpdate(t, key, w, linkage);
+    finishUpdate(t, key, w, handle, storedLog, storedVersion, commitToLog);
+    return handle;
+  }
+
+  // The first half of an update: the entry takes its resource's results,
+  // and the helper decides whether a change is logged.
+  static bool decideUpdate(T &t, const Key &key, const Fwk::Ptr<Wrapper> &w,
+                           Linkage *linkage) {
     w->setResolvedFields();
     const bool ok = checkResolveSuccess(w, linkage);
     const bool commitToLog = t.swTableHelper()->finalizeOnResourceUpdate(
@@ -726,30 +836,46 @@ template <typename T> struct OrderedSwTableAccessor {
       OT_TRACE(3, " key: {}, some resource had failed", key);
       t.stats()->updateWithFailedResourceCntInc(1);
     }
-    const auto logEntry = w->entry().logEntry();
-    auto &log = *t.entryLog();
-    if (!(logEntry == log.entry(key, t.unitId())) && commitToLog) {
+    return commitToLog;
+  }
+
+  // Whether the second half of an update logs a change.
+  static bool updateLogs(const Fwk::Ptr<Wrapper> &w,
+                         const typename B::LogEntry &storedLog,
+                         bool commitToLog) {
+    return commitToLog && !(w->entry().logEntry() == storedLog);
+  }
+
+  // The second half: a changed entry is logged (handle in state 1 with its
+  // new version); otherwise the handle carries the version the entry was
+  // logged with.
+  static void finishUpdate(T &t, const Key &key, const Fwk::Ptr<Wrapper> &w,
+                           const Fwk::Ptr<EntryHandle> &handle,
+                           const typename B::LogEntry &storedLog,
+                           LogVersion storedVersion, bool commitToLog) {
+    if (updateLogs(w, storedLog, commitToLog)) {
       if (roomToLog(t, key)) {
         auto needed = t.getNeededEntrySet(w);
-        const LogVersion v = log.entryIs(logEntry, w->entry().resourceKeys(),
-                                         needed, t.unitId(), t.stats(), false);
+        const LogVersion v = t.entryLog()->entryIs(
+            w->entry().logEntry(), w->entry().resourceKeys(), needed,
+            t.unitId(), t.stats(), false);
         handle->logVersionIs(v);
         handle->entryStateIs(EntryState::logged);
         t.stats()->updateCntInc(1);
         OT_TRACE(3, " key: {}, neededEntry: {}, entryLogVersion: {} ", key,
                  needed, v);
-        return handle;
+        return;
       }
       // Refused (traced and counted): the entry stays as it was logged.
     } else {
-      OT_TRACE(3,
-               " key: {}, commitToLog: {}, no change in logEntry or don't commit "
-               "to log",
-               key, commitToLog);
+      OT_TRACE(
+          3,
+          " key: {}, commitToLog: {}, no change in logEntry or don't commit "
+          "to log",
+          key, commitToLog);
     }
-    handle->logVersionIs(log.entryLogVersion(key, t.unitId()));
+    handle->logVersionIs(storedVersion);
     handle->entryStateIs(EntryState::logged);
-    return handle;
   }
 #undef OT_TRACE
 };
@@ -789,7 +915,8 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
     trace(8, __LINE__, "");
     const SwTable &t = *s.swTable();
     if (s.state().inAddColl()) {
-      FWK_ASSERT_NAMED(!s.state().inTblCfg(), "!iterState_->state().inTblCfg()");
+      FWK_ASSERT_NAMED(!s.state().inTblCfg(),
+                       "!iterState_->state().inTblCfg()");
       trace(9, __LINE__, "  in transientAdd collection");
       const auto &add = t.transientAddEntryColl();
       auto it = s.state().bookmarkValid() ? add.lowerBound(s.bookmarkKey())
@@ -815,7 +942,8 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
       }
     }
     if (s.state().inTblCfg()) {
-      FWK_ASSERT_NAMED(!s.state().inAddColl(), "!iterState_->state().inAddColl()");
+      FWK_ASSERT_NAMED(!s.state().inAddColl(),
+                       "!iterState_->state().inAddColl()");
       trace(9, __LINE__, "  in cfgSlate collection");
       if (configStep(s, t)) {
         return;
@@ -828,7 +956,8 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
 
   // One step in the configuration table; false when no record is left.
   static bool configStep(IterState &s, const SwTable &t) {
-    auto slate = t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
+    auto slate =
+        t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
     if (!slate) {
       return false;
     }
@@ -883,23 +1012,28 @@ Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
 OrderedSwTableState<B>::entryWriteWithResponseHandler(
     const Key &key, const Entry &entry, const Dependency &dependency,
     const ResponseHandler &handler) {
-  Accessor::traceTable(8, "entryWriteWithResponseHandler", __LINE__, " key: {}", key);
+  Accessor::traceTable(8, "entryWriteWithResponseHandler", __LINE__, " key: {}",
+                       key);
   return Accessor::entryWriteGeneric(self(), key, entry, dependency, handler,
                                      linkage_.ptr());
 }
 
 template <typename B>
 Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
-OrderedSwTableState<B>::entryRemove(const Key &key, const Dependency &dependency) {
+OrderedSwTableState<B>::entryRemove(const Key &key,
+                                    const Dependency &dependency) {
   Accessor::traceTable(8, "entryRemove", __LINE__, " key: {}", key);
-  return Accessor::entryRemoveGeneric(self(), key, dependency, ResponseHandler());
+  return Accessor::entryRemoveGeneric(self(), key, dependency,
+                                      ResponseHandler());
 }
 
 template <typename B>
 Fwk::Ptr<const typename OrderedSwTableState<B>::EntryHandle>
 OrderedSwTableState<B>::entryRemoveWithResponseHandler(
-    const Key &key, const Dependency &dependency, const ResponseHandler &handler) {
-  Accessor::traceTable(8, "entryRemoveWithResponseHandler", __LINE__, " key: {}", key);
+    const Key &key, const Dependency &dependency,
+    const ResponseHandler &handler) {
+  Accessor::traceTable(8, "entryRemoveWithResponseHandler", __LINE__,
+                       " key: {}", key);
   return Accessor::entryRemoveGeneric(self(), key, dependency, handler);
 }
 
@@ -934,12 +1068,14 @@ void OrderedSwTableState<B>::setRsrcPtrs(const Fwk::Ptr<Wrapper> &wrapper,
 }
 
 template <typename B>
-Fwk::Ptr<NeededEntry>
-OrderedSwTableState<B>::getNeededEntrySet(const Fwk::Ptr<const Wrapper> &wrapper) const {
-  return linkage_ ? linkage_->getNeededEntrySet(wrapper) : Fwk::make<NeededEntry>();
+Fwk::Ptr<NeededEntry> OrderedSwTableState<B>::getNeededEntrySet(
+    const Fwk::Ptr<const Wrapper> &wrapper) const {
+  return linkage_ ? linkage_->getNeededEntrySet(wrapper)
+                  : Fwk::make<NeededEntry>();
 }
 
-template <typename B> void OrderedSwTableState<B>::tableStatusVersion(LogVersion v) {
+template <typename B>
+void OrderedSwTableState<B>::tableStatusVersion(LogVersion v) {
   Accessor::tableStatusVersion(self(), v);
 }
 
@@ -947,7 +1083,8 @@ template <typename B> bool OrderedSwTableState<B>::hasPendingHwWrites() const {
   return Accessor::hasPendingHwWrites(cself());
 }
 
-template <typename B> bool OrderedSwTableState<B>::entryHas(const Key &key) const {
+template <typename B>
+bool OrderedSwTableState<B>::entryHas(const Key &key) const {
   return Accessor::entryHas(cself(), key);
 }
 
@@ -963,7 +1100,8 @@ typename B::Entry OrderedSwTableState<B>::entryRead(const Key &key) const {
 }
 
 template <typename B>
-typename B::Entry OrderedSwTableState<B>::entryFromConfig(const Key &key) const {
+typename B::Entry
+OrderedSwTableState<B>::entryFromConfig(const Key &key) const {
   return Accessor::entryFromConfig(cself(), key);
 }
 
@@ -1005,17 +1143,21 @@ template <typename B> void OrderedSwTableState<B>::restoreEntries() {
   Accessor::restoreEntries(self());
 }
 
-template <typename B> void OrderedSwTableState<B>::clearTable(bool releaseResources) {
+template <typename B>
+void OrderedSwTableState<B>::clearTable(bool releaseResources) {
   Accessor::traceTable(8, "clearTable", __LINE__, "");
   Fwk::Ptr<EntryHandle> noHandle;
   delAllEntries(releaseResources, nullptr, noHandle);
 }
 
-template <typename B> void OrderedSwTableState<B>::mark() { Accessor::mark(self()); }
+template <typename B> void OrderedSwTableState<B>::mark() {
+  Accessor::mark(self());
+}
 
 template <typename B> std::uint32_t OrderedSwTableState<B>::sweep() {
   const std::uint32_t count = Accessor::sweepGeneric(self());
-  MICA_TRACE_RING(B::kTableSourceUnit, B::kSwTableClass, "Swept {} entries", count);
+  MICA_TRACE_RING(B::kTableSourceUnit, B::kSwTableClass, "Swept {} entries",
+                  count);
   Accessor::traceTable(6, "sweep", __LINE__, "Swept {} entries", count);
   return count;
 }
@@ -1028,22 +1170,23 @@ OrderedSwTableState<B>::updateEntry(const Key &key) {
 
 template <typename B>
 Fwk::Ptr<typename B::EntryWrapper>
-OrderedSwTableState<B>::entryWrapperFromConfig(const Key &key, bool refreshRsrcPtrs,
-                                               Fwk::Ptr<EntryHandle> &handleSlot) {
-  return Accessor::entryWrapperFromConfig(self(), key, refreshRsrcPtrs, handleSlot);
+OrderedSwTableState<B>::entryWrapperFromConfig(
+    const Key &key, bool refreshRsrcPtrs, Fwk::Ptr<EntryHandle> &handleSlot) {
+  return Accessor::entryWrapperFromConfig(self(), key, refreshRsrcPtrs,
+                                          handleSlot);
 }
 
 template <typename B>
-void OrderedSwTableState<B>::delAllEntries(bool releaseResources,
-                                           const Fwk::Ptr<NeededEntry> &neededEntry,
-                                           Fwk::Ptr<EntryHandle> &handleSlot) {
+void OrderedSwTableState<B>::delAllEntries(
+    bool releaseResources, const Fwk::Ptr<NeededEntry> &neededEntry,
+    Fwk::Ptr<EntryHandle> &handleSlot) {
   Accessor::delAllEntries(self(), releaseResources, neededEntry, handleSlot,
                           linkage_.ptr());
 }
 
 template <typename B> void TableIterState<B>::maybeUpdateCurrentEntry() {
-  IterStateAccessor<TableIterState<B>, typename B::SwTable>::maybeUpdateCurrentEntry(
-      *this);
+  IterStateAccessor<TableIterState<B>,
+                    typename B::SwTable>::maybeUpdateCurrentEntry(*this);
 }
 
 } // namespace Asic

@@ -30,7 +30,8 @@ template <typename L> struct SwTableResourceAccessor {
   using ResourceKey = typename B::ResourceKey;
   using Sm = typename L::LocalUsageUpdateSm;
 
-  static constexpr const char *kUnit = "OrderedTable/OrderedTableResourceAccessor";
+  static constexpr const char *kUnit =
+      "OrderedTable/OrderedTableResourceAccessor";
 
   // Traces of the generic algorithms: the linkage's handle, no class name,
   // the calling function and line (RA_TRACE).
@@ -46,7 +47,9 @@ template <typename L> struct SwTableResourceAccessor {
 #define RA_TRACE(level, function, ...)                                         \
   trace(level, function, __LINE__, __VA_ARGS__)
 
-  static bool isNull(const ResourceKey &k) noexcept { return k == ResourceKey{}; }
+  static bool isNull(const ResourceKey &k) noexcept {
+    return k == ResourceKey{};
+  }
 
   static void resolveEntry(L &linkage, const Fwk::Ptr<Wrapper> &w) {
     const ResourceKey key = B::resourceKey(w->entry());
@@ -88,7 +91,8 @@ template <typename L> struct SwTableResourceAccessor {
     }
   }
 
-  static Fwk::Ptr<NeededEntry> getNeededEntrySet(const Fwk::Ptr<const Wrapper> &w) {
+  static Fwk::Ptr<NeededEntry>
+  getNeededEntrySet(const Fwk::Ptr<const Wrapper> &w) {
     auto needed = Fwk::make<NeededEntry>();
     if (!w || !w->resourcePtr()) {
       return needed;
@@ -150,9 +154,9 @@ template <typename L> struct SwTableResourceAccessor {
     sm->entryUsageIs(w->key());
   }
 
-  static void deleteResKeyMapping(L &linkage, const ResourceKey &resKey,
-                                  const Key &swKey,
-                                  const Fwk::Ptr<OrderedSwTable::EntryHandle> &handle) {
+  static void
+  deleteResKeyMapping(L &linkage, const ResourceKey &resKey, const Key &swKey,
+                      const Fwk::Ptr<OrderedSwTable::EntryHandle> &handle) {
     RA_TRACE(8, "deleteResKeyMapping", "resKey: {}, swKey: {}", resKey, swKey);
     auto sm = linkage.entryUsageSm(resKey);
     if (!sm) {
@@ -174,8 +178,40 @@ template <typename L> struct SwTableResourceAccessor {
     addResKeyMapping(linkage, key, w, false);
   }
 
-  // After a restart: every resource in use is treated as changed.
+  // After a restart: every resource in use is treated as changed, one
+  // after the other in the map's order, as handleResourceChange() would
+  // treat each. The users of every machine are gathered first (updates do
+  // not change usage), so that the records of the next users can be fetched
+  // while the current one is updated.
   static void handleResourceChangeAtInit(L &linkage) {
+    std::vector<Fwk::Ptr<Sm>> sms;
+    std::vector<Key> users;
+    std::vector<std::size_t> ends;
+    sms.reserve(linkage.entryUsageSms());
+    ends.reserve(linkage.entryUsageSms());
+    for (auto it = linkage.entryUsageSmColl().begin();
+         it != linkage.entryUsageSmColl().end(); ++it) {
+      sms.push_back(it.value());
+      for (auto u = it.value()->entryUsageColl().begin();
+           u != it.value()->entryUsageColl().end(); ++u) {
+        users.push_back(u.key());
+      }
+      ends.push_back(users.size());
+    }
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < sms.size(); ++i) {
+      updateUsers(*sms[i], users, next, ends[i]);
+      next = ends[i];
+    }
+  }
+
+  // Per machine, in the map's order, what handleResourceChange would do
+  // after updating its users: acknowledge the resource's current version
+  // with the handle of the last user's update (in the set's order).
+  static void acknowledgeAtInit(
+      L &linkage,
+      const Fwk::HashMap<Key, Fwk::Ptr<const OrderedSwTable::EntryHandle>>
+          &updates) {
     std::vector<Fwk::Ptr<Sm>> sms;
     sms.reserve(linkage.entryUsageSms());
     for (auto it = linkage.entryUsageSmColl().begin();
@@ -183,13 +219,43 @@ template <typename L> struct SwTableResourceAccessor {
       sms.push_back(it.value());
     }
     for (const auto &sm : sms) {
-      handleResourceChange(*sm);
+      RA_TRACE(8, "handleResourceChange", "");
+      const auto res = sm->resPtr();
+      if (!res) {
+        continue;
+      }
+      if (res->isPostReleaseProtoState()) {
+        RA_TRACE(3, "handleResourceChange",
+                 "Ignoring change for resourceKey: {} ", res->key());
+        continue;
+      }
+      Fwk::Ptr<const OrderedSwTable::EntryHandle> latest;
+      for (auto u = sm->entryUsageColl().begin();
+           u != sm->entryUsageColl().end(); ++u) {
+        if (const auto *h = updates.find(u.key()); h && *h) {
+          latest = *h;
+        }
+      }
+      linkage.resTblClient()->ackUpdate(res, res->version(), latest);
     }
   }
 
   static void handleResourceChange(Sm &sm) {
+    std::vector<Key> users;
+    users.reserve(sm.entryUsages());
+    for (auto it = sm.entryUsageColl().begin(); it != sm.entryUsageColl().end();
+         ++it) {
+      users.push_back(it.key());
+    }
+    updateUsers(sm, users, 0, users.size());
+  }
+
+  // The change of one machine's resource: users[from, to) are its users
+  // (copied: an update may call out), the later ones are fetched ahead.
+  static void updateUsers(Sm &sm, const std::vector<Key> &users,
+                          std::size_t from, std::size_t to) {
     RA_TRACE(8, "handleResourceChange", "");
-    const auto &res = sm.resPtr();
+    const auto res = sm.resPtr();
     if (!res) {
       return;
     }
@@ -199,18 +265,18 @@ template <typename L> struct SwTableResourceAccessor {
       return;
     }
     L *linkage = sm.parent();
-    // The set is copied: an update may change usage.
-    std::vector<Key> users;
-    users.reserve(sm.entryUsages());
-    for (auto it = sm.entryUsageColl().begin(); it != sm.entryUsageColl().end();
-         ++it) {
-      users.push_back(it.key());
-    }
+    auto *table = linkage->swTable();
     Fwk::Ptr<const OrderedSwTable::EntryHandle> latest;
-    for (const Key &key : users) {
+    for (std::size_t i = from; i < to; ++i) {
+      if (i + 16 < users.size()) {
+        table->prefetchCommitted(users[i + 16], 2);
+      }
+      if (i + 8 < users.size()) {
+        table->prefetchCommitted(users[i + 8], 1);
+      }
       RA_TRACE(3, "handleResourceChange", "Updating sw table entry for key: {}",
-               key);
-      if (auto h = linkage->swTable()->updateEntry(key)) {
+               users[i]);
+      if (auto h = table->updateEntry(users[i])) {
         latest = h;
       }
     }

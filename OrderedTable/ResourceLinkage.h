@@ -48,7 +48,8 @@ public:
   class LocalUsageUpdateSm : public Fwk::Notifier, private Fwk::Observer {
   public:
     static constexpr Fwk::AttrId attrEntryUsage{3, "entryUsage"};
-    static constexpr Fwk::AttrId attrHasNotificationActive{4, "hasNotificationActive"};
+    static constexpr Fwk::AttrId attrHasNotificationActive{
+        4, "hasNotificationActive"};
 
     // Subscribes to the handle's changes at once.
     LocalUsageUpdateSm(Fwk::Ptr<const ResourceHandle> resPtr,
@@ -192,7 +193,8 @@ public:
                       "handle",
                       resPtr->key()));
     }
-    auto sm = localUsageUpdateSmFactory(resPtr, static_cast<typename B::Linkage *>(this));
+    auto sm = localUsageUpdateSmFactory(
+        resPtr, static_cast<typename B::Linkage *>(this));
     sm->hasNotificationActiveIs(true);
     entryUsageSm_.insert(resPtr->key(), sm);
     notify(attrEntryUsageSm, resPtr->key());
@@ -218,22 +220,37 @@ public:
 
   // ---- What the table calls ----
 
-  void resolveEntry(const Fwk::Ptr<Wrapper> &w) { Accessor::resolveEntry(self(), w); }
+  void resolveEntry(const Fwk::Ptr<Wrapper> &w) {
+    Accessor::resolveEntry(self(), w);
+  }
   void setResourceHandle(const Fwk::Ptr<Wrapper> &w) {
     Accessor::setResourceHandle(self(), w);
   }
   EntryState entryResolutionState(const Fwk::Ptr<const Wrapper> &w) const {
     return Accessor::entryResolutionState(w);
   }
-  Fwk::Ptr<NeededEntry> getNeededEntrySet(const Fwk::Ptr<const Wrapper> &w) const {
+  Fwk::Ptr<NeededEntry>
+  getNeededEntrySet(const Fwk::Ptr<const Wrapper> &w) const {
     return Accessor::getNeededEntrySet(w);
   }
   void updateLocalUsage(const Fwk::Ptr<Wrapper> &w, const Entry &oldEntry,
                         bool isDeleted) {
     Accessor::updateLocalUsage(self(), w, oldEntry, isDeleted);
   }
-  void restoreEntry(const Fwk::Ptr<Wrapper> &w) { Accessor::restoreEntry(self(), w); }
-  void handleResourceChangeAtInit() { Accessor::handleResourceChangeAtInit(self()); }
+  void restoreEntry(const Fwk::Ptr<Wrapper> &w) {
+    Accessor::restoreEntry(self(), w);
+  }
+  void handleResourceChangeAtInit() {
+    Accessor::handleResourceChangeAtInit(self());
+  }
+  // The acknowledgements of handleResourceChangeAtInit, after a restore
+  // that has updated every user itself: `updates` holds each user's update
+  // handle.
+  void acknowledgeAtInit(
+      const Fwk::HashMap<Key, Fwk::Ptr<const OrderedSwTable::EntryHandle>>
+          &updates) {
+    Accessor::acknowledgeAtInit(self(), updates);
+  }
 
 protected:
   // Notifications are switched off and every machine is dropped; resources
@@ -245,7 +262,9 @@ protected:
   }
 
 private:
-  typename B::Linkage &self() { return static_cast<typename B::Linkage &>(*this); }
+  typename B::Linkage &self() {
+    return static_cast<typename B::Linkage &>(*this);
+  }
 
   Table *swTable_;
   Fwk::Ptr<ClientInstance> resTblClient_;

@@ -26,11 +26,15 @@ public:
   // The phase and bookmark flags of an iteration.
   class State {
   public:
-    static constexpr std::uint8_t kEntryValid = 1u << 0;  // a current entry is loaded
-    static constexpr std::uint8_t kInAddColl = 1u << 1;   // walking pending writes
-    static constexpr std::uint8_t kInTblCfg = 1u << 2;    // walking the configuration
-    static constexpr std::uint8_t kRemoveAll = 1u << 3;   // a remove-all was pending
-    static constexpr std::uint8_t kBookmark = 1u << 4;    // bookmarkKey is valid
+    static constexpr std::uint8_t kEntryValid =
+        1u << 0; // a current entry is loaded
+    static constexpr std::uint8_t kInAddColl = 1u
+                                               << 1; // walking pending writes
+    static constexpr std::uint8_t kInTblCfg = 1u
+                                              << 2; // walking the configuration
+    static constexpr std::uint8_t kRemoveAll = 1u
+                                               << 3; // a remove-all was pending
+    static constexpr std::uint8_t kBookmark = 1u << 4; // bookmarkKey is valid
 
     std::uint8_t bits() const noexcept { return bits_; }
     bool entryValid() const noexcept { return bits_ & kEntryValid; }
@@ -39,7 +43,9 @@ public:
     bool removeAllPending() const noexcept { return bits_ & kRemoveAll; }
     bool bookmarkValid() const noexcept { return bits_ & kBookmark; }
     void set(std::uint8_t b) noexcept { bits_ |= b; }
-    void clear(std::uint8_t b) noexcept { bits_ &= static_cast<std::uint8_t>(~b); }
+    void clear(std::uint8_t b) noexcept {
+      bits_ &= static_cast<std::uint8_t>(~b);
+    }
 
   private:
     std::uint8_t bits_ = 0;
@@ -114,7 +120,9 @@ public:
 
   SwTableEntries() = default;
 
-  const Fwk::HashMap<Key, Entry> &tableEntries() const noexcept { return entries_; }
+  const Fwk::HashMap<Key, Entry> &tableEntries() const noexcept {
+    return entries_;
+  }
   const Entry *tableEntry(const Key &k) const { return entries_.find(k); }
   std::size_t size() const noexcept { return entries_.size(); }
   void tableEntriesIs(const Entry &e) {

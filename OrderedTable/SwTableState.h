@@ -42,15 +42,16 @@ namespace Asic {
 
 // The handle of one accepted change of a table of family B (the family's
 // `EntryHandle`).
-template <typename B> class SwTableEntryHandle : public OrderedSwTable::EntryHandle {
+template <typename B>
+class SwTableEntryHandle : public OrderedSwTable::EntryHandle {
 public:
   using Key = typename B::Key;
   using Table = typename B::SwTable;
 
-  static Fwk::Ptr<SwTableEntryHandle> EntryHandleIs(EntryVersion version,
-                                                    const Key &key,
-                                                    Table *table) {
-    return Fwk::Ptr<SwTableEntryHandle>(new SwTableEntryHandle(version, key, table));
+  static Fwk::Ptr<SwTableEntryHandle>
+  EntryHandleIs(EntryVersion version, const Key &key, Table *table) {
+    return Fwk::Ptr<SwTableEntryHandle>(
+        new SwTableEntryHandle(version, key, table));
   }
 
   const Key &key() const noexcept { return key_; }
@@ -60,7 +61,8 @@ public:
   std::string tableName() const override {
     MICA_TRACE(Trace::handleOf<Table>(), 8, B::kTableSourceUnit,
                B::kSwTableClass, "");
-    return swTable_ && swTable_->name() ? swTable_->name()->str() : std::string();
+    return swTable_ && swTable_->name() ? swTable_->name()->str()
+                                        : std::string();
   }
   SwTableId tableId() const override {
     MICA_TRACE(Trace::handleOf<Table>(), 8, B::kTableSourceUnit,
@@ -107,9 +109,12 @@ public:
   static constexpr Fwk::AttrId attrInMarkingState{16, "inMarkingState"};
   static constexpr Fwk::AttrId attrSwTableHelper{17, "swTableHelper"};
   static constexpr Fwk::AttrId attrTransientAddEntry{18, "transientAddEntry"};
-  static constexpr Fwk::AttrId attrTransientRemoveEntry{19, "transientRemoveEntry"};
-  static constexpr Fwk::AttrId attrTransientVersionForKey{20, "transientVersionForKey"};
-  static constexpr Fwk::AttrId attrTransientRemoveAllVersion{21, "transientRemoveAllVersion"};
+  static constexpr Fwk::AttrId attrTransientRemoveEntry{19,
+                                                        "transientRemoveEntry"};
+  static constexpr Fwk::AttrId attrTransientVersionForKey{
+      20, "transientVersionForKey"};
+  static constexpr Fwk::AttrId attrTransientRemoveAllVersion{
+      21, "transientRemoveAllVersion"};
   static constexpr Fwk::AttrId attrEntryLog{22, "entryLog"};
   static constexpr Fwk::AttrId attrGroupResolver{23, "groupResolver"};
   static constexpr Fwk::AttrId attrEntryHandleInLog{24, "entryHandleInLog"};
@@ -177,12 +182,14 @@ public:
 
   // ---- Commit (called back by the group resolver) ----
 
-  bool isResolverEntryResolved(const Fwk::Ptr<typename B::ResolverEntry> &entry);
+  bool
+  isResolverEntryResolved(const Fwk::Ptr<typename B::ResolverEntry> &entry);
   void commitEntry(const Fwk::Ptr<ResolverEntry> &entry);
   // Points the wrapper at its resource: asks again with `refresh`, else
   // takes the handle the linkage already holds.
   void setRsrcPtrs(const Fwk::Ptr<Wrapper> &wrapper, bool refresh);
-  Fwk::Ptr<NeededEntry> getNeededEntrySet(const Fwk::Ptr<const Wrapper> &wrapper) const;
+  Fwk::Ptr<NeededEntry>
+  getNeededEntrySet(const Fwk::Ptr<const Wrapper> &wrapper) const;
 
   // ---- Version progress ----
 
@@ -227,6 +234,21 @@ public:
                      const Fwk::Ptr<NeededEntry> &neededEntry,
                      Fwk::Ptr<EntryHandle> &handleSlot);
 
+  // Starts fetching the committed record of a key that is read soon
+  // (`ahead` 2: its index entry; 1: its record, once the index entry is
+  // there). A hint; changes nothing.
+  void prefetchCommitted(const Key &key, int ahead) const noexcept {
+    if (entryLog_) {
+      if (auto *slate = entryLog_->tableConfigSlatePtr(unitId())) {
+        if (ahead > 1) {
+          slate->swTableEntries().prefetch(key);
+        } else {
+          slate->swTableEntries().prefetchRecord(key);
+        }
+      }
+    }
+  }
+
   // ---- Pending writes, removes and versions ----
 
   // The pending wrapper of a key, or null.
@@ -234,8 +256,11 @@ public:
     const auto *w = transientAdd_.find(key);
     return w ? *w : nullptr;
   }
-  std::size_t transientAddEntrys() const noexcept { return transientAdd_.size(); }
-  const Fwk::HashMap<Key, Fwk::Ptr<Wrapper>> &transientAddEntryColl() const noexcept {
+  std::size_t transientAddEntrys() const noexcept {
+    return transientAdd_.size();
+  }
+  const Fwk::HashMap<Key, Fwk::Ptr<Wrapper>> &
+  transientAddEntryColl() const noexcept {
     return transientAdd_;
   }
   // Inserts or replaces the pending write under the wrapper's key.
@@ -256,7 +281,8 @@ public:
   std::size_t transientRemoveEntrys() const noexcept {
     return transientRemove_.size();
   }
-  const Fwk::HashMap<Key, Fwk::Ptr<Wrapper>> &transientRemoveEntryColl() const noexcept {
+  const Fwk::HashMap<Key, Fwk::Ptr<Wrapper>> &
+  transientRemoveEntryColl() const noexcept {
     return transientRemove_;
   }
   void transientRemoveEntryIs(const Fwk::Ptr<Wrapper> &wrapper) {
@@ -277,7 +303,8 @@ public:
   std::size_t transientVersionForKeys() const noexcept {
     return transientVersion_.size();
   }
-  const Fwk::HashMap<Key, EntryVersion> &transientVersionForKeyColl() const noexcept {
+  const Fwk::HashMap<Key, EntryVersion> &
+  transientVersionForKeyColl() const noexcept {
     return transientVersion_;
   }
   void transientVersionForKeyIs(const Key &key, EntryVersion version) {
@@ -292,7 +319,9 @@ public:
 
   // ---- Marked keys ----
 
-  bool markedKey(const Key &key) const noexcept { return marked_.contains(key); }
+  bool markedKey(const Key &key) const noexcept {
+    return marked_.contains(key);
+  }
   std::size_t markedKeys() const noexcept { return marked_.size(); }
   const Fwk::HashMap<Key, Fwk::Unit> &markedKeyColl() const noexcept {
     return marked_;
@@ -339,7 +368,9 @@ public:
     const auto *h = handleLog_.back();
     return h ? *h : nullptr;
   }
-  std::uint32_t entryHandleInLogSize() const noexcept { return handleLog_.size(); }
+  std::uint32_t entryHandleInLogSize() const noexcept {
+    return handleLog_.size();
+  }
   const EntryHandleQueue &entryHandleInLogQueue() const noexcept {
     return handleLog_;
   }
@@ -362,13 +393,15 @@ public:
   void doCreateHwTable() override {}
 
   // Builds the table with its initial state and runs handleInitialized().
-  OrderedSwTableState(Fwk::Ptr<const CanonicalTableName> name, SwTableId swTableId,
-                      UnitId unitId, OrderedSwTableSet *swTableSet,
+  OrderedSwTableState(Fwk::Ptr<const CanonicalTableName> name,
+                      SwTableId swTableId, UnitId unitId,
+                      OrderedSwTableSet *swTableSet,
                       Fwk::Ptr<EntryLog> entryLog,
                       Fwk::Ptr<GroupResolver> groupResolver)
       : OrderedSwTableWithMarkSweep(std::move(name), swTableId, unitId,
                                     swTableSet),
-        entryLog_(std::move(entryLog)), groupResolver_(std::move(groupResolver)) {
+        entryLog_(std::move(entryLog)),
+        groupResolver_(std::move(groupResolver)) {
     handleInitialized();
   }
 

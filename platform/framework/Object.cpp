@@ -1,5 +1,7 @@
 #include "platform/framework/Object.h"
 
+#include "platform/framework/Slab.h"
+
 namespace Fwk {
 
 namespace detail {
@@ -11,6 +13,12 @@ void multiThreadedIs(bool on) noexcept {
 }
 
 Object::~Object() = default;
+
+void *Object::operator new(std::size_t size) { return Slab::allocate(size); }
+
+void Object::operator delete(void *p, std::size_t size) noexcept {
+  Slab::deallocate(p, size);
+}
 
 void Object::onLastReference() const noexcept { delete this; }
 

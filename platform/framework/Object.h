@@ -77,6 +77,13 @@ public:
     }
   }
 
+  // Counted objects live in the framework's slab allocator (Slab.h): those
+  // made and dropped at the rate of changes cost a free-list pop and push.
+  // The size given to delete is that of the object's own class (the
+  // destructor is virtual).
+  static void *operator new(std::size_t size);
+  static void operator delete(void *p, std::size_t size) noexcept;
+
 protected:
   Object() noexcept = default;
   virtual ~Object();

@@ -1,0 +1,37 @@
+// The framework's slab allocator: where counted objects (Object.h) live.
+//
+// Entry handles, wrappers and resolver entries are made and dropped at the
+// rate of changes; a general-purpose heap charges each of them a search and,
+// when many are dropped at once, a consolidation. The slab keeps one free
+// list per size class (16-byte steps up to kMaxSize), refilled a chunk at a
+// time, so that an allocation and a free are a list pop and push:
+//
+//   void *p = Fwk::Slab::allocate(sizeof(Thing));   // from its size class
+//   Fwk::Slab::deallocate(p, sizeof(Thing));        // back to that class
+//
+// Larger sizes go to the heap. Free lists are per thread: an object freed by
+// another thread than the one that made it joins that thread's list. Chunks
+// are never given back: the slab holds the peak of what was in use at once.
+// Builds with AddressSanitizer allocate every object on the heap, so that
+// the sanitizer still sees each one.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/Export.h"
+
+namespace Fwk::Slab {
+
+inline constexpr std::size_t kGranule = 16;
+inline constexpr std::size_t kMaxSize = 2048;
+
+// Memory for an object of `size` bytes, aligned to 16 bytes.
+MICA_PLATFORM_API void *allocate(std::size_t size);
+// Gives back what allocate(size) returned, with the same size.
+MICA_PLATFORM_API void deallocate(void *p, std::size_t size) noexcept;
+
+// Bytes taken from the heap for chunks so far (all threads).
+MICA_PLATFORM_API std::uint64_t chunkBytes() noexcept;
+
+} // namespace Fwk::Slab
