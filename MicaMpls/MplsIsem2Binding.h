@@ -54,6 +54,8 @@ struct MICA_MPLS_API MplsIsem2Binding {
   static constexpr const char *kInterfaceClass = "MplsIsem2Interface";
   static constexpr const char *kInterfaceSourceUnit = "MicaMpls/MplsIsem2Interface";
   static constexpr const char *kInterfaceKey = "MicaMpls::MplsIsem2Interface";
+  static constexpr const char *kInterfaceAssertion =
+      "!singleton->swTableIntfHas( \"MicaMpls::MplsIsem2Interface\" )";
   static constexpr const char *kResourceNamespace = "MicaTunnelNiLib";
   static constexpr const char *kResourceName = "InLif.featureMicaMpls";
   static constexpr const char *kResourceStartedTrace =

@@ -55,6 +55,8 @@ struct MICA_MPLS_API MplsLemBinding {
   static constexpr const char *kInterfaceClass = "MplsLemInterface";
   static constexpr const char *kInterfaceSourceUnit = "MicaMpls/MplsLemInterface";
   static constexpr const char *kInterfaceKey = "MicaMpls::MplsLemInterface";
+  static constexpr const char *kInterfaceAssertion =
+      "!singleton->swTableIntfHas( \"MicaMpls::MplsLemInterface\" )";
   static constexpr const char *kResourceNamespace = "MicaAdjLib";
   static constexpr const char *kResourceName = "L2AdjToFecResourceTable.micaMpls";
   static constexpr const char *kResourceStartedTrace =

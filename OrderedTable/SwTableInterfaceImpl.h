@@ -38,10 +38,8 @@ template <typename B> SwTableInterface<B>::~SwTableInterface() {
 
 template <typename B> void SwTableInterface<B>::handleInitialized() {
   auto singleton = SwTableInterfacesSingleton::swTableInterfacesSingletonIs();
-  FWK_ASSERT_TEXT(
-      !singleton->swTableIntfHas(B::kInterfaceKey),
-      fmt::format("!singleton->swTableIntfHas( \"{}\" )", B::kInterfaceKey),
-      "Interface already created");
+  FWK_ASSERT_TEXT(!singleton->swTableIntfHas(B::kInterfaceKey),
+                  B::kInterfaceAssertion, "Interface already created");
   const SwTableId tableId = swTableId();
   const std::string groupName = canonicalGroup();
   const auto &otIntf = orderedTableIntf();
