@@ -128,6 +128,7 @@ private:
   template <typename B> void countUnmarked();
 
   void onFifo();
+  void forwardHwProgress();
   void hwProgress();
   std::uint64_t unconfirmed() const;
   std::uint64_t failedTotal() const;
@@ -607,7 +608,7 @@ void Host::onFifo() {
 
 // Hands the hardware writer's versions to every table; the handlers that
 // run meanwhile belong to changes the hardware took.
-void Host::hwProgress() {
+void Host::forwardHwProgress() {
   inHwProgress_ = true;
   std::size_t moved = 0;
   try {
@@ -620,6 +621,10 @@ void Host::hwProgress() {
   if (moved != 0) {
     lastProgress_ = Clock::now();
   }
+}
+
+void Host::hwProgress() {
+  forwardHwProgress();
   checkDone();
 }
 
@@ -662,7 +667,13 @@ void Host::burstEnds() {
 
 void Host::checkDone() {
   if (finished_ || !replayDone_ || doneAnnounced_ || next_ < queue_.size() ||
-      outstanding_ != 0 || unconfirmed() != 0) {
+      unconfirmed() != 0) {
+    return;
+  }
+  // The hardware writer has taken everything: its last versions go to the
+  // tables, which finish their handles and retire their logs up to them.
+  forwardHwProgress();
+  if (outstanding_ != 0) {
     return;
   }
   doneAnnounced_ = true;
