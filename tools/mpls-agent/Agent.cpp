@@ -43,8 +43,8 @@ constexpr std::uint16_t kAgentGroupId = 0x0a08;
 // How often the status line is redrawn, and plain progress lines printed.
 constexpr auto kStatusEvery = std::chrono::milliseconds(250);
 constexpr auto kPlainEvery = std::chrono::seconds(2);
-// Silence from the hardware writer worth a message, and how often it is
-// repeated.
+// Silence from the hardware writer worth a message (or half the confirm
+// timeout, when that is shorter), and how often it is repeated.
 constexpr auto kWaitNotice = std::chrono::seconds(5);
 // A suspended resolver is looked at again this often.
 constexpr auto kBackPressureRetry = std::chrono::milliseconds(5);
@@ -761,7 +761,10 @@ void Host::tick() {
                        opt_.confirmTimeout, left, opt_.agent));
     return;
   }
-  if (silent >= kWaitNotice && now - lastWaitNotice_ >= kWaitNotice) {
+  const auto notice = std::min<Clock::duration>(
+      kWaitNotice, std::chrono::duration_cast<Clock::duration>(
+                       std::chrono::duration<double>(opt_.confirmTimeout / 2)));
+  if (silent >= notice && now - lastWaitNotice_ >= notice) {
     out_.line(fmt::format("waiting for the hardware writer (mpls-hw --agent "
                           "{}): {} changes unconfirmed, nothing confirmed "
                           "for {:.0f} s",

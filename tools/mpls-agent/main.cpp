@@ -87,6 +87,7 @@ int main(int argc, char **argv) {
                  "the units driven, e.g. 1,2 (default: the units the file "
                  "names; 1,2 with --generate)")
       ->delimiter(',')
+      ->allow_extra_args(false) // the file after it is not a unit
       ->check(CLI::Range(0u, 65535u));
   app.add_option("--agent", opt.agent, "the agent's name (its store instance)")
       ->capture_default_str();

@@ -1,0 +1,294 @@
+// mpls-agent as a real process beside a real mpls-hw: a killed agent's
+// successor leaves the hardware tables equal to its desired set, bad input
+// is refused with its place and leaves the store as it was, a second agent
+// on one store is refused, SIGHUP applies a changed file, mpls-show reads
+// the live store, and an agent without a hardware writer says so and gives
+// up.
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <set>
+
+#include "ToolsFixture.h"
+
+namespace {
+
+using namespace ToolsTest;
+using Json = nlohmann::json;
+namespace fs = std::filesystem;
+
+// (table, unit) -> labels, as a desired-state file names them.
+using Labels = std::map<std::pair<std::string, unsigned>, std::set<unsigned>>;
+
+std::string tempFile(const std::string &name) {
+  return ::testing::TempDir() + "agent-" + std::to_string(::getpid()) + "-" +
+         name;
+}
+
+std::string writeFile(const std::string &name, const std::string &text) {
+  const std::string path = tempFile(name);
+  std::ofstream(path, std::ios::trunc) << text;
+  return path;
+}
+
+Labels labelsOf(const std::string &path) {
+  Labels out;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream f(line);
+    std::string table, key;
+    unsigned unit = 0;
+    if (line.empty() || line[0] == '#' || !(f >> table >> unit >> key)) {
+      continue;
+    }
+    out[{table, unit}].insert(static_cast<unsigned>(std::stoul(key)));
+  }
+  return out;
+}
+
+// The hardware tables of units 1 to 3, in the same form.
+Labels hwLabels(HwView &hw) {
+  Labels out;
+  for (unsigned u = 1; u <= 3; ++u) {
+    for (const auto &[label, field] : hw.table<Isem2>(u)) {
+      out[{"isem2", u}].insert(label);
+    }
+    for (const auto &[label, field] : hw.table<Lem>(u)) {
+      out[{"lem", u}].insert(label);
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> agentArgs(const std::string &agent,
+                                   std::vector<std::string> more) {
+  more.insert(more.begin(),
+              {"--agent", agent, "--store", Shm::rootDirectory()});
+  return more;
+}
+
+Exit agentRun(const std::string &agent, std::vector<std::string> args) {
+  return run("mpls-agent", agentArgs(agent, std::move(args)));
+}
+
+bool contains(const std::string &text, const std::string &what) {
+  return text.find(what) != std::string::npos;
+}
+
+// Every regular file's path and bytes, and every other entry's path.
+std::string treeDigest(const std::string &dir) {
+  std::map<std::string, std::string> files;
+  for (const auto &e : fs::recursive_directory_iterator(dir)) {
+    std::string bytes = "(not a file)";
+    if (e.is_regular_file()) {
+      std::ifstream in(e.path(), std::ios::binary);
+      bytes.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    files[e.path().string()] = std::move(bytes);
+  }
+  std::string out;
+  for (const auto &[path, bytes] : files) {
+    out += path + '\0' + std::to_string(bytes.size()) + '\0' + bytes;
+  }
+  return out;
+}
+
+TEST(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
+  const std::string agent = freshAgent();
+  const std::string one = tempFile("one.conf"), two = tempFile("two.conf");
+  ASSERT_EQ(agentRun(agent, {"--generate", "300", "--seed", "3", "--units",
+                             "1,2,3", "--emit", one})
+                .code,
+            0);
+  ASSERT_EQ(agentRun(agent, {"--generate", "300", "--seed", "3", "--units",
+                             "1,2", "--churn", "10", "--emit", two})
+                .code,
+            0);
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  HwView hw(agent);
+  {
+    // 1800 changes at 600 a second: killed while it writes.
+    Program first("mpls-agent", agentArgs(agent, {one, "--rate", "600"}));
+    ASSERT_TRUE(eventually(
+        [&] { return hw.published<Isem2>() > 0 && hw.published<Lem>() > 0; }));
+    EXPECT_EQ(first.stop(SIGKILL).code, 128 + SIGKILL);
+  }
+  const Exit second = agentRun(agent, {two, "--json"});
+  ASSERT_EQ(second.code, 0) << second.err;
+  const Json sum = Json::parse(second.out);
+  EXPECT_EQ(sum["outcome"], "every change confirmed");
+  EXPECT_GT(sum["restore"]["entriesRestored"], 0);
+  EXPECT_GT(sum["restore"]["reconciled"], 0); // unit 3
+  EXPECT_EQ(sum["changes"]["failed"], 0);
+
+  Labels want = labelsOf(two);
+  EXPECT_EQ(hwLabels(hw), want);
+  const Exit verify = agentRun(agent, {"--verify", two});
+  EXPECT_EQ(verify.code, 0) << verify.out << verify.err;
+  EXPECT_TRUE(contains(verify.out, "equal the desired set")) << verify.out;
+  hwWriter.stop(SIGTERM);
+}
+
+TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
+  struct Case {
+    std::string text;              // the file ("" : no file written)
+    std::vector<std::string> args; // before the file
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {"lem 1 100\n", {}, ":1: adj: missing"},
+      {"lem 1\n", {}, ":1: too few fields"},
+      {"# ok\nmpls 1 5 adj=1\n", {}, ":2: table 'mpls': unknown table"},
+      {"lem 7 5 adj=1\n",
+       {"--units", "1,2"},
+       ":1: unit '7': not a unit this "
+       "agent drives (--units 1,2)"},
+      {"lem 1 1048576 adj=1\n", {}, ":1: label '1048576': above 1048575"},
+      {"lem 1 5/256 adj=1\n", {}, ":1: qualifier '256': above 255"},
+      {"lem 1 5 adj=1\nlem 1 5/0 adj=2\n",
+       {},
+       ":2: key 'lem unit 1 label 5/0'"
+       ": duplicate of line 1"},
+      {"lem 1 5 adj=0\n", {}, ":1: adj '0': 0 is the null adjacency"},
+      {"isem2 1 5 inlif=3 data=1\nisem2 2 6 inlif=3 data=2\n",
+       {},
+       ":2: data '2': in-LIF 3 has data=1 at line 1"},
+      {"lem 1 5 adj=1 vrf=2\n", {}, ":1: field 'vrf=2': unknown"},
+      {"", {}, "cannot read: No such file or directory"},
+      {"lem 1 5 adj=1\n", {"--units", "1,x"}, "--units"},
+      {"lem 1 5 adj=1\n", {"--bogus"}, "--bogus"},
+  };
+  int n = 0;
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.message);
+    const std::string agent = freshAgent();
+    const std::string name = "bad" + std::to_string(n++) + ".conf";
+    std::string file = tempFile(name);
+    fs::remove(file);
+    if (!c.text.empty()) {
+      file = writeFile(name, c.text);
+    }
+    std::vector<std::string> args = c.args;
+    args.push_back(file);
+    const Exit e = agentRun(agent, args);
+    EXPECT_EQ(e.code, 2);
+    EXPECT_TRUE(contains(e.err, c.message)) << e.err;
+    EXPECT_FALSE(fs::exists(Shm::rootDirectory() + "/" + agent + ".0"));
+  }
+  // A directory is no desired-state file either.
+  const Exit dir = agentRun(freshAgent(), {::testing::TempDir()});
+  EXPECT_EQ(dir.code, 2);
+  EXPECT_TRUE(contains(dir.err, "cannot read: is a directory")) << dir.err;
+
+  // A store that holds state stays byte for byte what it was.
+  Agent existing(freshAgent());
+  existing.lem->mountSlateConfig(1, 0);
+  existing.write<Lem>(1, 100, 7);
+  existing.stop();
+  const std::string before = treeDigest(existing.directory());
+  const Exit e = agentRun(existing.name(),
+                          {writeFile("held.conf", "lem 1 5 adj=1\nlem 1\n")});
+  EXPECT_EQ(e.code, 2);
+  EXPECT_TRUE(contains(e.err, "held.conf:2: too few fields")) << e.err;
+  EXPECT_EQ(treeDigest(existing.directory()), before);
+}
+
+TEST(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
+  const std::string agent = freshAgent();
+  const std::string file = writeFile("lock.conf", "lem 1 5 adj=1\n");
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  Program first("mpls-agent", agentArgs(agent, {file, "--stay"}));
+  HwView hw(agent);
+  ASSERT_TRUE(eventually([&] { return hw.table<Lem>(1).size() == 1; }));
+  const Exit second = agentRun(agent, {file});
+  EXPECT_EQ(second.code, 3);
+  EXPECT_TRUE(contains(second.err, "held by another running agent"))
+      << second.err;
+  const Exit e = first.stop(SIGTERM);
+  EXPECT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.out, "summary: stopped by SIGTERM")) << e.out;
+}
+
+TEST(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
+  const std::string agent = freshAgent();
+  const std::string file = writeFile(
+      "reload.conf", "isem2 1 100 inlif=5 data=7\nisem2 1 101 inlif=5 "
+                     "data=7\nlem 1 100 adj=3\nlem 2 100/4 adj=3\n");
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  Program a("mpls-agent", agentArgs(agent, {file, "--stay"}));
+  HwView hw(agent);
+  ASSERT_TRUE(eventually([&] { return hwLabels(hw) == labelsOf(file); }));
+  const auto lemBefore = hw.table<Lem>(2);
+
+  // 101 goes, 102 comes, the LEM entry of unit 2 points at another FEC.
+  writeFile("reload.conf", "isem2 1 100 inlif=5 data=7\nisem2 1 102 inlif=6\n"
+                           "lem 1 100 adj=3\nlem 2 100/4 adj=9\n");
+  a.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] {
+    return hwLabels(hw) == labelsOf(file) && hw.table<Lem>(2) != lemBefore;
+  }));
+  EXPECT_EQ(agentRun(agent, {"--verify", file}).code, 0);
+
+  writeFile("reload.conf", "isem2 1 100 inlif=5\nlem 1\n");
+  a.signal(SIGHUP);
+  ASSERT_TRUE(
+      eventually([&] { return contains(a.errSoFar(), "not applied"); }));
+  const Exit e = a.stop(SIGTERM);
+  EXPECT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.err, "reload.conf:2: too few fields")) << e.err;
+  EXPECT_EQ(hw.table<Lem>(1).size(), 1u); // the previous set stayed
+  EXPECT_EQ(hw.table<Isem2>(1).size(), 2u);
+}
+
+TEST(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
+  const std::string agent = freshAgent();
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  // 4000 changes at 2000 a second.
+  Program a("mpls-agent",
+            agentArgs(agent, {"--generate", "1000", "--rate", "2000"}));
+  HwView hw(agent);
+  std::uint64_t lastConfirmed = 0;
+  int shown = 0;
+  // Until the hardware has all 2000 LEM changes (or a hang ends the wait).
+  eventually([&] {
+    const Exit s =
+        run("mpls-show", {"--agent", agent, "--store", Shm::rootDirectory(),
+                          "summary", "--json"});
+    if (s.code == 4 && shown == 0) {
+      return false; // the agent has not made its store yet
+    }
+    EXPECT_EQ(s.code, 0) << s.err;
+    const Json doc = Json::parse(s.out);
+    EXPECT_EQ(doc["corruptRecords"], 0);
+    const Json &isem2 = doc["tables"][0];
+    EXPECT_EQ(isem2["table"], "MplsIsem2");
+    if (isem2["confirmedVersion"].is_number()) {
+      const auto v = isem2["confirmedVersion"].get<std::uint64_t>();
+      EXPECT_GE(v, lastConfirmed); // never goes back
+      EXPECT_LE(v, isem2["loggedVersion"].get<std::uint64_t>());
+      lastConfirmed = v;
+    }
+    ++shown;
+    return hw.published<Lem>() >= 2000;
+  });
+  EXPECT_GT(shown, 0);
+  EXPECT_EQ(a.stop().code, 0);
+}
+
+TEST(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
+  const std::string agent = freshAgent();
+  const Exit e =
+      agentRun(agent, {"--generate", "10", "--confirm-timeout", "2"});
+  EXPECT_EQ(e.code, 1);
+  EXPECT_TRUE(contains(e.err, "waiting for the hardware writer (mpls-hw "
+                              "--agent " +
+                                  agent + "): 40 changes unconfirmed"))
+      << e.err;
+  EXPECT_TRUE(contains(e.err, "confirmed nothing for 2 s")) << e.err;
+}
+
+} // namespace
