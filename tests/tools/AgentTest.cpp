@@ -5,6 +5,7 @@
 // the live store, and an agent without a hardware writer says so and gives
 // up.
 #include <nlohmann/json.hpp>
+#include <xxhash.h>
 
 #include <filesystem>
 #include <set>
@@ -75,20 +76,30 @@ bool contains(const std::string &text, const std::string &what) {
   return text.find(what) != std::string::npos;
 }
 
-// Every regular file's path and bytes, and every other entry's path.
+// Every entry's path, with a regular file's size and a hash of its bytes.
 std::string treeDigest(const std::string &dir) {
-  std::map<std::string, std::string> files;
+  std::map<std::string, std::string> entries;
+  std::vector<char> buf(1 << 20);
   for (const auto &e : fs::recursive_directory_iterator(dir)) {
-    std::string bytes = "(not a file)";
+    std::string digest = "(not a file)";
     if (e.is_regular_file()) {
+      XXH3_state_t *state = XXH3_createState();
+      XXH3_64bits_reset(state);
       std::ifstream in(e.path(), std::ios::binary);
-      bytes.assign(std::istreambuf_iterator<char>(in), {});
+      while (in.read(buf.data(), static_cast<std::streamsize>(buf.size())) ||
+             in.gcount() > 0) {
+        XXH3_64bits_update(state, buf.data(),
+                           static_cast<std::size_t>(in.gcount()));
+      }
+      digest =
+          fmt::format("{} {:016x}", e.file_size(), XXH3_64bits_digest(state));
+      XXH3_freeState(state);
     }
-    files[e.path().string()] = std::move(bytes);
+    entries[e.path().string()] = std::move(digest);
   }
   std::string out;
-  for (const auto &[path, bytes] : files) {
-    out += path + '\0' + std::to_string(bytes.size()) + '\0' + bytes;
+  for (const auto &[path, digest] : entries) {
+    out += path + ": " + digest + "\n";
   }
   return out;
 }
