@@ -188,9 +188,9 @@ TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
     EXPECT_FALSE(fs::exists(Shm::rootDirectory() + "/" + agent + ".0"));
   }
   // The example in the repository is a valid file.
-  const Exit example = agentRun(
-      freshAgent(),
-      {std::string(MICA_EXAMPLES_DIR) + "/labels.conf", "--emit", "-"});
+  const Exit example =
+      agentRun(freshAgent(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
+                              "--emit", "-"});
   EXPECT_EQ(example.code, 0) << example.err;
   EXPECT_TRUE(contains(example.out, "lem 2 1048575/0 adj=9")) << example.out;
   // A directory is no desired-state file either.
