@@ -278,12 +278,13 @@ void Host::onSignals() {
       continue;
     }
     const char *name = si.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM";
+    // Not yet written, or written and not yet confirmed.
     const std::uint64_t left = unconfirmed() + (queue_.size() - next_);
     const bool clean = left == 0 && outstanding_ == 0 && replayDone_;
     finish(clean && failureReasons_.empty() ? kExitOk : kExitFailed,
            clean ? fmt::format("stopped by {}", name)
                  : fmt::format("stopped by {} with {} changes unconfirmed",
-                               name, left + outstanding_));
+                               name, left));
   }
 }
 

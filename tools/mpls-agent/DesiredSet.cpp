@@ -374,7 +374,7 @@ DesiredSet generate(const Generator &g) {
             static_cast<std::uint32_t>(16 + (kStride * k + offset) % kSpan),
             static_cast<std::uint8_t>(h % 8 == 0 ? (h >> 8) % 256 : 0)};
         std::uint64_t r = mix(h, 1) % pool;
-        if (!fresh && roll < 2 * g.churnPercent) {
+        if (!fresh && roll < 2ull * g.churnPercent) {
           r = (r + 1 + mix(h, 2) % (pool > 1 ? pool - 1 : 1)) % pool;
         }
         EntryValue v;

@@ -104,6 +104,12 @@ void printSummary(const Json &doc, std::FILE *out) {
                     f["reason"].get<std::string>())
             .c_str());
   }
+  const std::uint64_t failed = c["failed"].get<std::uint64_t>();
+  if (failed > doc["failures"].size()) {
+    std::fprintf(
+        out, "  ... and %llu more\n",
+        static_cast<unsigned long long>(failed - doc["failures"].size()));
+  }
 }
 
 } // namespace MplsAgent
