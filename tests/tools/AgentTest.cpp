@@ -293,7 +293,126 @@ TEST(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
     return hw.published<Lem>() >= 2000;
   });
   EXPECT_GT(shown, 0);
-  EXPECT_EQ(a.stop().code, 0);
+  const Exit e = a.stop();
+  EXPECT_EQ(e.code, 0) << e.err;
+  // Not a terminal: progress comes as plain lines.
+  EXPECT_TRUE(contains(e.err, "mpls-agent: replay: ")) << e.err;
+}
+
+TEST(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
+  const std::string agent = freshAgent();
+  const std::string before =
+      writeFile("before.conf", "isem2 1 100 inlif=1 data=5\n"
+                               "isem2 1 101 inlif=1 data=5\n"
+                               "isem2 2 100 inlif=2\n"
+                               "lem 1 100 adj=1\n"
+                               "lem 1 101 adj=2\n"
+                               "lem 3 100 adj=3\n"
+                               "isem2 3 7 inlif=3\n");
+  const std::string after = writeFile("after.conf",
+                                      "isem2 1 100 inlif=1 data=5\n" // same
+                                      "isem2 1 102 inlif=1 data=5\n" // new
+                                      "isem2 2 100 inlif=4\n" // elsewhere
+                                      "lem 1 100 adj=1\n"     // same
+                                      "lem 1 101 adj=5\n"     // elsewhere
+                                      "lem 2 9 adj=5\n");     // new
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  ASSERT_EQ(agentRun(agent, {before}).code, 0);
+  const Exit e = agentRun(agent, {after, "--json"});
+  ASSERT_EQ(e.code, 0) << e.err;
+  const Json sum = Json::parse(e.out);
+  EXPECT_EQ(sum["units"], Json::array({1, 2}));
+  EXPECT_EQ(sum["restore"], (Json{{"entriesRestored", 5},
+                                  {"resourcesRestored", 6},
+                                  {"swept", 1},      // isem2 1 101
+                                  {"reconciled", 2}, // unit 3
+                                  {"resourcesReleased", 2}}));
+  const Json &c = sum["changes"];
+  EXPECT_EQ(c["writes"], 6);
+  EXPECT_EQ(c["unchanged"], 2);
+  EXPECT_EQ(c["confirmed"], 4);
+  EXPECT_EQ(c["failed"], 0);
+  EXPECT_EQ(sum["latencyMs"]["samples"], 4);
+  EXPECT_EQ(sum["resources"]["inLifs"]["inUse"], 2);
+  EXPECT_EQ(sum["resources"]["fecs"]["inUse"], 2);
+  std::map<std::string, int> entries;
+  for (const Json &row : sum["tables"]) {
+    entries[row["table"].get<std::string>() + " " + row["unit"].dump()] =
+        row["entries"].get<int>();
+  }
+  EXPECT_EQ(entries, (std::map<std::string, int>{{"MplsIsem2 1", 2},
+                                                 {"MplsIsem2 2", 1},
+                                                 {"MplsIsem2 3", 0},
+                                                 {"MplsLem 1", 2},
+                                                 {"MplsLem 2", 1},
+                                                 {"MplsLem 3", 0}}));
+
+  // The checker sees the old set as what it is: no longer in the hardware.
+  const Exit old = agentRun(agent, {"--verify", before});
+  EXPECT_EQ(old.code, 1);
+  EXPECT_TRUE(contains(old.out, "differ from the desired set: 7 difference"))
+      << old.out;
+  EXPECT_TRUE(contains(old.out, "missing in the hardware: isem2 unit 1 "
+                                "label 101/0"))
+      << old.out;
+  EXPECT_TRUE(contains(old.out, "in the hardware, not desired: lem unit 2 "
+                                "label 9/0"))
+      << old.out;
+  EXPECT_EQ(agentRun(freshAgent(), {"--verify", after}).code, 4);
+}
+
+TEST(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
+  const std::string agent = freshAgent(); // no hardware writer
+  Program a("mpls-agent", agentArgs(agent, {"--generate", "10"}));
+  ASSERT_TRUE(
+      eventually([&] { return contains(a.errSoFar(), "replay written"); }));
+  a.signal(SIGINT);
+  const Exit e = a.stop();
+  EXPECT_EQ(e.code, 1);
+  EXPECT_TRUE(
+      contains(e.out, "summary: stopped by SIGINT with 40 changes unconfirmed"))
+      << e.out;
+}
+
+TEST(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
+  const auto emit = [](std::vector<std::string> args) {
+    args.insert(args.end(),
+                {"--generate", "200", "--seed", "5", "--emit", "-"});
+    const Exit e = agentRun(freshAgent(), args);
+    EXPECT_EQ(e.code, 0) << e.err;
+    std::map<std::string, std::string> set; // key -> what it points at
+    std::istringstream in(e.out);
+    for (std::string line; std::getline(in, line);) {
+      if (line[0] != '#') {
+        const auto third =
+            line.find(' ', line.find(' ', line.find(' ') + 1) + 1);
+        set[line.substr(0, third)] = line.substr(third + 1);
+      }
+    }
+    return set;
+  };
+  const auto three = emit({"--units", "1,2,3"});
+  EXPECT_EQ(three.size(), 1200u);
+  EXPECT_EQ(emit({"--units", "1,2,3"}), three);
+  const auto two = emit({"--units", "1,2"});
+  EXPECT_EQ(two.size(), 800u);
+  for (const auto &[key, value] : two) {
+    EXPECT_EQ(three.at(key), value) << key;
+  }
+  const auto churned = emit({"--units", "1,2", "--churn", "10"});
+  std::size_t changed = 0, fresh = 0;
+  for (const auto &[key, value] : churned) {
+    const auto it = two.find(key);
+    fresh += it == two.end() ? 1 : 0;
+    changed += it != two.end() && it->second != value ? 1 : 0;
+  }
+  const std::size_t dropped = two.size() - (churned.size() - fresh);
+  EXPECT_EQ(fresh, 80u); // 10% more in each of 4 tables
+  EXPECT_GT(changed, 40u);
+  EXPECT_LT(changed, 120u);
+  EXPECT_GT(dropped, 40u);
+  EXPECT_LT(dropped, 120u);
 }
 
 TEST(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
