@@ -27,7 +27,7 @@ std::string tempFile(const std::string &name) {
 }
 
 std::string writeFile(const std::string &name, const std::string &text) {
-  const std::string path = tempFile(name);
+  std::string path = tempFile(name);
   std::ofstream(path, std::ios::trunc) << text;
   return path;
 }
@@ -99,7 +99,7 @@ std::string treeDigest(const std::string &dir) {
   }
   std::string out;
   for (const auto &[path, digest] : entries) {
-    out += path + ": " + digest + "\n";
+    out.append(path).append(": ").append(digest).append("\n");
   }
   return out;
 }
