@@ -119,8 +119,8 @@ TEST(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
                    {"--agent", agent, "--store", Shm::rootDirectory()});
   HwView hw(agent);
   {
-    // 1800 changes at 600 a second: killed while it writes.
-    Program first("mpls-agent", agentArgs(agent, {one, "--rate", "600"}));
+    // 1800 changes at 300 a second: killed while it writes.
+    Program first("mpls-agent", agentArgs(agent, {one, "--rate", "300"}));
     ASSERT_TRUE(eventually(
         [&] { return hw.published<Isem2>() > 0 && hw.published<Lem>() > 0; }));
     EXPECT_EQ(first.stop(SIGKILL).code, 128 + SIGKILL);
@@ -153,14 +153,12 @@ TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
       {"# ok\nmpls 1 5 adj=1\n", {}, ":2: table 'mpls': unknown table"},
       {"lem 7 5 adj=1\n",
        {"--units", "1,2"},
-       ":1: unit '7': not a unit this "
-       "agent drives (--units 1,2)"},
+       ":1: unit '7': not a unit this agent drives (--units 1,2)"},
       {"lem 1 1048576 adj=1\n", {}, ":1: label '1048576': above 1048575"},
       {"lem 1 5/256 adj=1\n", {}, ":1: qualifier '256': above 255"},
       {"lem 1 5 adj=1\nlem 1 5/0 adj=2\n",
        {},
-       ":2: key 'lem unit 1 label 5/0'"
-       ": duplicate of line 1"},
+       ":2: key 'lem unit 1 label 5/0': duplicate of line 1"},
       {"lem 1 5 adj=0\n", {}, ":1: adj '0': 0 is the null adjacency"},
       {"isem2 1 5 inlif=3 data=1\nisem2 2 6 inlif=3 data=2\n",
        {},
