@@ -21,9 +21,12 @@ namespace fs = std::filesystem;
 // (table, unit) -> labels, as a desired-state file names them.
 using Labels = std::map<std::pair<std::string, unsigned>, std::set<unsigned>>;
 
+std::string tempPrefix() {
+  return "agent-" + std::to_string(::getpid()) + "-";
+}
+
 std::string tempFile(const std::string &name) {
-  return ::testing::TempDir() + "agent-" + std::to_string(::getpid()) + "-" +
-         name;
+  return ::testing::TempDir() + tempPrefix() + name;
 }
 
 std::string writeFile(const std::string &name, const std::string &text) {
@@ -104,8 +107,39 @@ std::string treeDigest(const std::string &dir) {
   return out;
 }
 
-TEST(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
-  const std::string agent = freshAgent();
+// Each test's agents get fresh names; their store instances (the agent's
+// and its hardware writer's) and the test's files are removed when it ends.
+class AgentInstances : public ::testing::Test {
+protected:
+  std::string fresh() { return names_.emplace_back(freshAgent()); }
+  void TearDown() override {
+    std::error_code ec;
+    for (const auto &name : names_) {
+      fs::remove_all(Shm::rootDirectory() + "/" + name + ".0", ec);
+      fs::remove_all(Shm::rootDirectory() + "/" + name + "-hw.0", ec);
+    }
+    for (const auto &e : fs::directory_iterator(::testing::TempDir(), ec)) {
+      if (e.path().filename().string().starts_with(tempPrefix())) {
+        fs::remove(e.path(), ec);
+      }
+    }
+  }
+
+private:
+  std::vector<std::string> names_;
+};
+using AgentStory = AgentInstances;
+using AgentInput = AgentInstances;
+using AgentStore = AgentInstances;
+using AgentReload = AgentInstances;
+using AgentShow = AgentInstances;
+using AgentSummary = AgentInstances;
+using AgentStop = AgentInstances;
+using AgentGenerate = AgentInstances;
+using AgentConfirm = AgentInstances;
+
+TEST_F(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
+  const std::string agent = fresh();
   const std::string one = tempFile("one.conf"), two = tempFile("two.conf");
   ASSERT_EQ(agentRun(agent, {"--generate", "300", "--seed", "3", "--units",
                              "1,2,3", "--emit", one})
@@ -141,7 +175,7 @@ TEST(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
   hwWriter.stop(SIGTERM);
 }
 
-TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
+TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   struct Case {
     std::string text;              // the file ("" : no file written)
     std::vector<std::string> args; // before the file
@@ -171,7 +205,7 @@ TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   int n = 0;
   for (const Case &c : cases) {
     SCOPED_TRACE(c.message);
-    const std::string agent = freshAgent();
+    const std::string agent = fresh();
     const std::string name = "bad" + std::to_string(n++) + ".conf";
     std::string file = tempFile(name);
     fs::remove(file);
@@ -187,17 +221,17 @@ TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   }
   // The example in the repository is a valid file.
   const Exit example =
-      agentRun(freshAgent(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
-                              "--emit", "-"});
+      agentRun(fresh(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
+                         "--emit", "-"});
   EXPECT_EQ(example.code, 0) << example.err;
   EXPECT_TRUE(contains(example.out, "lem 2 1048575/0 adj=9")) << example.out;
   // A directory is no desired-state file either.
-  const Exit dir = agentRun(freshAgent(), {::testing::TempDir()});
+  const Exit dir = agentRun(fresh(), {::testing::TempDir()});
   EXPECT_EQ(dir.code, 2);
   EXPECT_TRUE(contains(dir.err, "cannot read: is a directory")) << dir.err;
 
   // A store that holds state stays byte for byte what it was.
-  Agent existing(freshAgent());
+  Agent existing(fresh());
   existing.lem->mountSlateConfig(1, 0);
   existing.write<Lem>(1, 100, 7);
   existing.stop();
@@ -209,8 +243,8 @@ TEST(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   EXPECT_EQ(treeDigest(existing.directory()), before);
 }
 
-TEST(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
-  const std::string agent = freshAgent();
+TEST_F(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
+  const std::string agent = fresh();
   const std::string file = writeFile("lock.conf", "lem 1 5 adj=1\n");
   Program hwWriter("mpls-hw",
                    {"--agent", agent, "--store", Shm::rootDirectory()});
@@ -226,8 +260,8 @@ TEST(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
   EXPECT_TRUE(contains(e.out, "summary: stopped by SIGTERM")) << e.out;
 }
 
-TEST(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
-  const std::string agent = freshAgent();
+TEST_F(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
+  const std::string agent = fresh();
   const std::string file = writeFile(
       "reload.conf", "isem2 1 100 inlif=5 data=7\nisem2 1 101 inlif=5 "
                      "data=7\nlem 1 100 adj=3\nlem 2 100/4 adj=3\n");
@@ -258,8 +292,8 @@ TEST(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
   EXPECT_EQ(hw.table<Isem2>(1).size(), 2u);
 }
 
-TEST(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
-  const std::string agent = freshAgent();
+TEST_F(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
+  const std::string agent = fresh();
   Program hwWriter("mpls-hw",
                    {"--agent", agent, "--store", Shm::rootDirectory()});
   // 4000 changes at 2000 a second.
@@ -297,8 +331,8 @@ TEST(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
   EXPECT_TRUE(contains(e.err, "mpls-agent: replay: ")) << e.err;
 }
 
-TEST(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
-  const std::string agent = freshAgent();
+TEST_F(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
+  const std::string agent = fresh();
   const std::string before =
       writeFile("before.conf", "isem2 1 100 inlif=1 data=5\n"
                                "isem2 1 101 inlif=1 data=5\n"
@@ -357,11 +391,11 @@ TEST(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
   EXPECT_TRUE(contains(old.out, "in the hardware, not desired: lem unit 2 "
                                 "label 9/0"))
       << old.out;
-  EXPECT_EQ(agentRun(freshAgent(), {"--verify", after}).code, 4);
+  EXPECT_EQ(agentRun(fresh(), {"--verify", after}).code, 4);
 }
 
-TEST(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
-  const std::string agent = freshAgent(); // no hardware writer
+TEST_F(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
+  const std::string agent = fresh(); // no hardware writer
   Program a("mpls-agent", agentArgs(agent, {"--generate", "10"}));
   ASSERT_TRUE(
       eventually([&] { return contains(a.errSoFar(), "replay written"); }));
@@ -373,11 +407,11 @@ TEST(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
       << e.out;
 }
 
-TEST(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
-  const auto emit = [](std::vector<std::string> args) {
+TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
+  const auto emit = [this](std::vector<std::string> args) {
     args.insert(args.end(),
                 {"--generate", "200", "--seed", "5", "--emit", "-"});
-    const Exit e = agentRun(freshAgent(), args);
+    const Exit e = agentRun(fresh(), args);
     EXPECT_EQ(e.code, 0) << e.err;
     std::map<std::string, std::string> set; // key -> what it points at
     std::istringstream in(e.out);
@@ -413,8 +447,8 @@ TEST(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
   EXPECT_LT(dropped, 120u);
 }
 
-TEST(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
-  const std::string agent = freshAgent();
+TEST_F(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
+  const std::string agent = fresh();
   const Exit e =
       agentRun(agent, {"--generate", "10", "--confirm-timeout", "2"});
   EXPECT_EQ(e.code, 1);
