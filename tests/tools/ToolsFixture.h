@@ -66,6 +66,11 @@ public:
     std::remove(errPath_.c_str());
   }
 
+  // Sends a signal and returns at once.
+  void signal(int sig) { ::kill(pid_, sig); }
+  // What the program has written to stderr so far.
+  std::string errSoFar() const { return slurp(errPath_); }
+
   // Sends `sig` (0: none) and waits for the end.
   Exit stop(int sig = 0) {
     if (sig != 0) {

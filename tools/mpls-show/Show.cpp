@@ -229,6 +229,15 @@ template <typename B> Json Show::tableSummary() {
             {"pendingLogRecords", nullptr},
             {"hw", nullptr},
             {"units", Json::array()}};
+  // The confirmed version is read before the logged one: both only grow,
+  // so the summary never shows more confirmed than logged.
+  if (auto versions = maybe<Asic::TableVersionSlate>(
+          hw_, Asic::TableVersionSlate::path(MicaMplsHw::kGroup))) {
+    Asic::TableVersionRecord r;
+    if (versions->tableVersion().findOrDrop(tableId.packed(), r)) {
+      t["confirmedVersion"] = r.version;
+    }
+  }
   if (auto log =
           maybe<LogSlate>(agent_, B::Constants::tableEntryLogSlatePath())) {
     auto &c = log->entryLogConfig();
@@ -238,13 +247,6 @@ template <typename B> Json Show::tableSummary() {
     read(
         c, false, [&] { n = 0; }, [&](const Log &) { ++n; });
     t["pendingLogRecords"] = n;
-  }
-  if (auto versions = maybe<Asic::TableVersionSlate>(
-          hw_, Asic::TableVersionSlate::path(MicaMplsHw::kGroup))) {
-    Asic::TableVersionRecord r;
-    if (versions->tableVersion().findOrDrop(tableId.packed(), r)) {
-      t["confirmedVersion"] = r.version;
-    }
   }
   if (auto follow = maybe<MicaMplsHw::FollowSlate>(
           hw_, MicaMplsHw::FollowSlate::path())) {

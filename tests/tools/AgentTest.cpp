@@ -1,0 +1,462 @@
+// mpls-agent as a real process beside a real mpls-hw: a killed agent's
+// successor leaves the hardware tables equal to its desired set, bad input
+// is refused with its place and leaves the store as it was, a second agent
+// on one store is refused, SIGHUP applies a changed file, mpls-show reads
+// the live store, and an agent without a hardware writer says so and gives
+// up.
+#include <nlohmann/json.hpp>
+#include <xxhash.h>
+
+#include <filesystem>
+#include <set>
+
+#include "ToolsFixture.h"
+
+namespace {
+
+using namespace ToolsTest;
+using Json = nlohmann::json;
+namespace fs = std::filesystem;
+
+// (table, unit) -> labels, as a desired-state file names them.
+using Labels = std::map<std::pair<std::string, unsigned>, std::set<unsigned>>;
+
+std::string tempPrefix() {
+  return "agent-" + std::to_string(::getpid()) + "-";
+}
+
+std::string tempFile(const std::string &name) {
+  return ::testing::TempDir() + tempPrefix() + name;
+}
+
+std::string writeFile(const std::string &name, const std::string &text) {
+  std::string path = tempFile(name);
+  std::ofstream(path, std::ios::trunc) << text;
+  return path;
+}
+
+Labels labelsOf(const std::string &path) {
+  Labels out;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream f(line);
+    std::string table, key;
+    unsigned unit = 0;
+    if (line.empty() || line[0] == '#' || !(f >> table >> unit >> key)) {
+      continue;
+    }
+    out[{table, unit}].insert(static_cast<unsigned>(std::stoul(key)));
+  }
+  return out;
+}
+
+// The hardware tables of units 1 to 3, in the same form.
+Labels hwLabels(HwView &hw) {
+  Labels out;
+  for (unsigned u = 1; u <= 3; ++u) {
+    for (const auto &[label, field] : hw.table<Isem2>(u)) {
+      out[{"isem2", u}].insert(label);
+    }
+    for (const auto &[label, field] : hw.table<Lem>(u)) {
+      out[{"lem", u}].insert(label);
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> agentArgs(const std::string &agent,
+                                   std::vector<std::string> more) {
+  more.insert(more.begin(),
+              {"--agent", agent, "--store", Shm::rootDirectory()});
+  return more;
+}
+
+Exit agentRun(const std::string &agent, std::vector<std::string> args) {
+  return run("mpls-agent", agentArgs(agent, std::move(args)));
+}
+
+bool contains(const std::string &text, const std::string &what) {
+  return text.find(what) != std::string::npos;
+}
+
+// Every entry's path, with a regular file's size and a hash of its bytes.
+std::string treeDigest(const std::string &dir) {
+  std::map<std::string, std::string> entries;
+  std::vector<char> buf(1 << 20);
+  for (const auto &e : fs::recursive_directory_iterator(dir)) {
+    std::string digest = "(not a file)";
+    if (e.is_regular_file()) {
+      XXH3_state_t *state = XXH3_createState();
+      XXH3_64bits_reset(state);
+      std::ifstream in(e.path(), std::ios::binary);
+      while (in.read(buf.data(), static_cast<std::streamsize>(buf.size())) ||
+             in.gcount() > 0) {
+        XXH3_64bits_update(state, buf.data(),
+                           static_cast<std::size_t>(in.gcount()));
+      }
+      digest =
+          fmt::format("{} {:016x}", e.file_size(), XXH3_64bits_digest(state));
+      XXH3_freeState(state);
+    }
+    entries[e.path().string()] = std::move(digest);
+  }
+  std::string out;
+  for (const auto &[path, digest] : entries) {
+    out.append(path).append(": ").append(digest).append("\n");
+  }
+  return out;
+}
+
+// Each test's agents get fresh names; their store instances (the agent's
+// and its hardware writer's) and the test's files are removed when it ends.
+class AgentInstances : public ::testing::Test {
+protected:
+  std::string fresh() { return names_.emplace_back(freshAgent()); }
+  void TearDown() override {
+    std::error_code ec;
+    for (const auto &name : names_) {
+      fs::remove_all(Shm::rootDirectory() + "/" + name + ".0", ec);
+      fs::remove_all(Shm::rootDirectory() + "/" + name + "-hw.0", ec);
+    }
+    for (const auto &e : fs::directory_iterator(::testing::TempDir(), ec)) {
+      if (e.path().filename().string().starts_with(tempPrefix())) {
+        fs::remove(e.path(), ec);
+      }
+    }
+  }
+
+private:
+  std::vector<std::string> names_;
+};
+using AgentStory = AgentInstances;
+using AgentInput = AgentInstances;
+using AgentStore = AgentInstances;
+using AgentReload = AgentInstances;
+using AgentShow = AgentInstances;
+using AgentSummary = AgentInstances;
+using AgentStop = AgentInstances;
+using AgentGenerate = AgentInstances;
+using AgentConfirm = AgentInstances;
+
+TEST_F(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
+  const std::string agent = fresh();
+  const std::string one = tempFile("one.conf"), two = tempFile("two.conf");
+  ASSERT_EQ(agentRun(agent, {"--generate", "300", "--seed", "3", "--units",
+                             "1,2,3", "--emit", one})
+                .code,
+            0);
+  ASSERT_EQ(agentRun(agent, {"--generate", "300", "--seed", "3", "--units",
+                             "1,2", "--churn", "10", "--emit", two})
+                .code,
+            0);
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  HwView hw(agent);
+  {
+    // 1800 changes at 300 a second: killed while it writes.
+    Program first("mpls-agent", agentArgs(agent, {one, "--rate", "300"}));
+    ASSERT_TRUE(eventually(
+        [&] { return hw.published<Isem2>() > 0 && hw.published<Lem>() > 0; }));
+    EXPECT_EQ(first.stop(SIGKILL).code, 128 + SIGKILL);
+  }
+  const Exit second = agentRun(agent, {two, "--json"});
+  ASSERT_EQ(second.code, 0) << second.err;
+  const Json sum = Json::parse(second.out);
+  EXPECT_EQ(sum["outcome"], "every change confirmed");
+  EXPECT_GT(sum["restore"]["entriesRestored"], 0);
+  EXPECT_GT(sum["restore"]["reconciled"], 0); // unit 3
+  EXPECT_EQ(sum["changes"]["failed"], 0);
+
+  Labels want = labelsOf(two);
+  EXPECT_EQ(hwLabels(hw), want);
+  const Exit verify = agentRun(agent, {"--verify", two});
+  EXPECT_EQ(verify.code, 0) << verify.out << verify.err;
+  EXPECT_TRUE(contains(verify.out, "equal the desired set")) << verify.out;
+  hwWriter.stop(SIGTERM);
+}
+
+TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
+  struct Case {
+    std::string text;              // the file ("" : no file written)
+    std::vector<std::string> args; // before the file
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {"lem 1 100\n", {}, ":1: adj: missing"},
+      {"lem 1\n", {}, ":1: too few fields"},
+      {"# ok\nmpls 1 5 adj=1\n", {}, ":2: table 'mpls': unknown table"},
+      {"lem 7 5 adj=1\n",
+       {"--units", "1,2"},
+       ":1: unit '7': not a unit this agent drives (--units 1,2)"},
+      {"lem 1 1048576 adj=1\n", {}, ":1: label '1048576': above 1048575"},
+      {"lem 1 5/256 adj=1\n", {}, ":1: qualifier '256': above 255"},
+      {"lem 1 5 adj=1\nlem 1 5/0 adj=2\n",
+       {},
+       ":2: key 'lem unit 1 label 5/0': duplicate of line 1"},
+      {"lem 1 5 adj=0\n", {}, ":1: adj '0': 0 is the null adjacency"},
+      {"isem2 1 5 inlif=3 data=1\nisem2 2 6 inlif=3 data=2\n",
+       {},
+       ":2: data '2': in-LIF 3 has data=1 at line 1"},
+      {"lem 1 5 adj=1 vrf=2\n", {}, ":1: field 'vrf=2': unknown"},
+      {"", {}, "cannot read: No such file or directory"},
+      {"lem 1 5 adj=1\n", {"--units", "1,x"}, "--units"},
+      {"lem 1 5 adj=1\n", {"--bogus"}, "--bogus"},
+  };
+  int n = 0;
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.message);
+    const std::string agent = fresh();
+    const std::string name = "bad" + std::to_string(n++) + ".conf";
+    std::string file = tempFile(name);
+    fs::remove(file);
+    if (!c.text.empty()) {
+      file = writeFile(name, c.text);
+    }
+    std::vector<std::string> args = c.args;
+    args.push_back(file);
+    const Exit e = agentRun(agent, args);
+    EXPECT_EQ(e.code, 2);
+    EXPECT_TRUE(contains(e.err, c.message)) << e.err;
+    EXPECT_FALSE(fs::exists(Shm::rootDirectory() + "/" + agent + ".0"));
+  }
+  // The example in the repository is a valid file.
+  const Exit example =
+      agentRun(fresh(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
+                         "--emit", "-"});
+  EXPECT_EQ(example.code, 0) << example.err;
+  EXPECT_TRUE(contains(example.out, "lem 2 1048575/0 adj=9")) << example.out;
+  // A directory is no desired-state file either.
+  const Exit dir = agentRun(fresh(), {::testing::TempDir()});
+  EXPECT_EQ(dir.code, 2);
+  EXPECT_TRUE(contains(dir.err, "cannot read: is a directory")) << dir.err;
+
+  // A store that holds state stays byte for byte what it was.
+  Agent existing(fresh());
+  existing.lem->mountSlateConfig(1, 0);
+  existing.write<Lem>(1, 100, 7);
+  existing.stop();
+  const std::string before = treeDigest(existing.directory());
+  const Exit e = agentRun(existing.name(),
+                          {writeFile("held.conf", "lem 1 5 adj=1\nlem 1\n")});
+  EXPECT_EQ(e.code, 2);
+  EXPECT_TRUE(contains(e.err, "held.conf:2: too few fields")) << e.err;
+  EXPECT_EQ(treeDigest(existing.directory()), before);
+}
+
+TEST_F(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
+  const std::string agent = fresh();
+  const std::string file = writeFile("lock.conf", "lem 1 5 adj=1\n");
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  Program first("mpls-agent", agentArgs(agent, {file, "--stay"}));
+  HwView hw(agent);
+  ASSERT_TRUE(eventually([&] { return hw.table<Lem>(1).size() == 1; }));
+  const Exit second = agentRun(agent, {file});
+  EXPECT_EQ(second.code, 3);
+  EXPECT_TRUE(contains(second.err, "held by another running agent"))
+      << second.err;
+  const Exit e = first.stop(SIGTERM);
+  EXPECT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.out, "summary: stopped by SIGTERM")) << e.out;
+}
+
+TEST_F(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
+  const std::string agent = fresh();
+  const std::string file = writeFile(
+      "reload.conf", "isem2 1 100 inlif=5 data=7\nisem2 1 101 inlif=5 "
+                     "data=7\nlem 1 100 adj=3\nlem 2 100/4 adj=3\n");
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  Program a("mpls-agent", agentArgs(agent, {file, "--stay"}));
+  HwView hw(agent);
+  ASSERT_TRUE(eventually([&] { return hwLabels(hw) == labelsOf(file); }));
+  const auto lemBefore = hw.table<Lem>(2);
+
+  // 101 goes, 102 comes, the LEM entry of unit 2 points at another FEC.
+  writeFile("reload.conf", "isem2 1 100 inlif=5 data=7\nisem2 1 102 inlif=6\n"
+                           "lem 1 100 adj=3\nlem 2 100/4 adj=9\n");
+  a.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] {
+    return hwLabels(hw) == labelsOf(file) && hw.table<Lem>(2) != lemBefore;
+  }));
+  EXPECT_EQ(agentRun(agent, {"--verify", file}).code, 0);
+
+  writeFile("reload.conf", "isem2 1 100 inlif=5\nlem 1\n");
+  a.signal(SIGHUP);
+  ASSERT_TRUE(
+      eventually([&] { return contains(a.errSoFar(), "not applied"); }));
+  const Exit e = a.stop(SIGTERM);
+  EXPECT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.err, "reload.conf:2: too few fields")) << e.err;
+  EXPECT_EQ(hw.table<Lem>(1).size(), 1u); // the previous set stayed
+  EXPECT_EQ(hw.table<Isem2>(1).size(), 2u);
+}
+
+TEST_F(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
+  const std::string agent = fresh();
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  // 4000 changes at 2000 a second.
+  Program a("mpls-agent",
+            agentArgs(agent, {"--generate", "1000", "--rate", "2000"}));
+  HwView hw(agent);
+  std::uint64_t lastConfirmed = 0;
+  int shown = 0;
+  // Until the hardware has all 2000 LEM changes (or a hang ends the wait).
+  eventually([&] {
+    const Exit s =
+        run("mpls-show", {"--agent", agent, "--store", Shm::rootDirectory(),
+                          "summary", "--json"});
+    if (s.code == 4 && shown == 0) {
+      return false; // the agent has not made its store yet
+    }
+    EXPECT_EQ(s.code, 0) << s.err;
+    const Json doc = Json::parse(s.out);
+    EXPECT_EQ(doc["corruptRecords"], 0);
+    const Json &isem2 = doc["tables"][0];
+    EXPECT_EQ(isem2["table"], "MplsIsem2");
+    if (isem2["confirmedVersion"].is_number()) {
+      const auto v = isem2["confirmedVersion"].get<std::uint64_t>();
+      EXPECT_GE(v, lastConfirmed); // never goes back
+      EXPECT_LE(v, isem2["loggedVersion"].get<std::uint64_t>());
+      lastConfirmed = v;
+    }
+    ++shown;
+    return hw.published<Lem>() >= 2000;
+  });
+  EXPECT_GT(shown, 0);
+  const Exit e = a.stop();
+  EXPECT_EQ(e.code, 0) << e.err;
+  // Not a terminal: progress comes as plain lines.
+  EXPECT_TRUE(contains(e.err, "mpls-agent: replay: ")) << e.err;
+}
+
+TEST_F(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
+  const std::string agent = fresh();
+  const std::string before =
+      writeFile("before.conf", "isem2 1 100 inlif=1 data=5\n"
+                               "isem2 1 101 inlif=1 data=5\n"
+                               "isem2 2 100 inlif=2\n"
+                               "lem 1 100 adj=1\n"
+                               "lem 1 101 adj=2\n"
+                               "lem 3 100 adj=3\n"
+                               "isem2 3 7 inlif=3\n");
+  const std::string after = writeFile("after.conf",
+                                      "isem2 1 100 inlif=1 data=5\n" // same
+                                      "isem2 1 102 inlif=1 data=5\n" // new
+                                      "isem2 2 100 inlif=4\n" // elsewhere
+                                      "lem 1 100 adj=1\n"     // same
+                                      "lem 1 101 adj=5\n"     // elsewhere
+                                      "lem 2 9 adj=5\n");     // new
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  ASSERT_EQ(agentRun(agent, {before}).code, 0);
+  const Exit e = agentRun(agent, {after, "--json"});
+  ASSERT_EQ(e.code, 0) << e.err;
+  const Json sum = Json::parse(e.out);
+  EXPECT_EQ(sum["units"], Json::array({1, 2}));
+  EXPECT_EQ(sum["restore"], (Json{{"entriesRestored", 5},
+                                  {"resourcesRestored", 6},
+                                  {"swept", 1},      // isem2 1 101
+                                  {"reconciled", 2}, // unit 3
+                                  {"resourcesReleased", 2}}));
+  const Json &c = sum["changes"];
+  EXPECT_EQ(c["writes"], 6);
+  EXPECT_EQ(c["unchanged"], 2);
+  EXPECT_EQ(c["confirmed"], 4);
+  EXPECT_EQ(c["failed"], 0);
+  EXPECT_EQ(sum["latencyMs"]["samples"], 4);
+  EXPECT_EQ(sum["resources"]["inLifs"]["inUse"], 2);
+  EXPECT_EQ(sum["resources"]["fecs"]["inUse"], 2);
+  std::map<std::string, int> entries;
+  for (const Json &row : sum["tables"]) {
+    entries[row["table"].get<std::string>() + " " + row["unit"].dump()] =
+        row["entries"].get<int>();
+  }
+  EXPECT_EQ(entries, (std::map<std::string, int>{{"MplsIsem2 1", 2},
+                                                 {"MplsIsem2 2", 1},
+                                                 {"MplsIsem2 3", 0},
+                                                 {"MplsLem 1", 2},
+                                                 {"MplsLem 2", 1},
+                                                 {"MplsLem 3", 0}}));
+
+  // The checker sees the old set as what it is: no longer in the hardware.
+  const Exit old = agentRun(agent, {"--verify", before});
+  EXPECT_EQ(old.code, 1);
+  EXPECT_TRUE(contains(old.out, "differ from the desired set: 7 difference"))
+      << old.out;
+  EXPECT_TRUE(contains(old.out, "missing in the hardware: isem2 unit 1 "
+                                "label 101/0"))
+      << old.out;
+  EXPECT_TRUE(contains(old.out, "in the hardware, not desired: lem unit 2 "
+                                "label 9/0"))
+      << old.out;
+  EXPECT_EQ(agentRun(fresh(), {"--verify", after}).code, 4);
+}
+
+TEST_F(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
+  const std::string agent = fresh(); // no hardware writer
+  Program a("mpls-agent", agentArgs(agent, {"--generate", "10"}));
+  ASSERT_TRUE(
+      eventually([&] { return contains(a.errSoFar(), "replay written"); }));
+  a.signal(SIGINT);
+  const Exit e = a.stop();
+  EXPECT_EQ(e.code, 1);
+  EXPECT_TRUE(
+      contains(e.out, "summary: stopped by SIGINT with 40 changes unconfirmed"))
+      << e.out;
+}
+
+TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
+  const auto emit = [this](std::vector<std::string> args) {
+    args.insert(args.end(),
+                {"--generate", "200", "--seed", "5", "--emit", "-"});
+    const Exit e = agentRun(fresh(), args);
+    EXPECT_EQ(e.code, 0) << e.err;
+    std::map<std::string, std::string> set; // key -> what it points at
+    std::istringstream in(e.out);
+    for (std::string line; std::getline(in, line);) {
+      if (line[0] != '#') {
+        const auto third =
+            line.find(' ', line.find(' ', line.find(' ') + 1) + 1);
+        set[line.substr(0, third)] = line.substr(third + 1);
+      }
+    }
+    return set;
+  };
+  const auto three = emit({"--units", "1,2,3"});
+  EXPECT_EQ(three.size(), 1200u);
+  EXPECT_EQ(emit({"--units", "1,2,3"}), three);
+  const auto two = emit({"--units", "1,2"});
+  EXPECT_EQ(two.size(), 800u);
+  for (const auto &[key, value] : two) {
+    EXPECT_EQ(three.at(key), value) << key;
+  }
+  const auto churned = emit({"--units", "1,2", "--churn", "10"});
+  std::size_t changed = 0, fresh = 0;
+  for (const auto &[key, value] : churned) {
+    const auto it = two.find(key);
+    fresh += it == two.end() ? 1 : 0;
+    changed += it != two.end() && it->second != value ? 1 : 0;
+  }
+  const std::size_t dropped = two.size() - (churned.size() - fresh);
+  EXPECT_EQ(fresh, 80u); // 10% more in each of 4 tables
+  EXPECT_GT(changed, 40u);
+  EXPECT_LT(changed, 120u);
+  EXPECT_GT(dropped, 40u);
+  EXPECT_LT(dropped, 120u);
+}
+
+TEST_F(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
+  const std::string agent = fresh();
+  const Exit e =
+      agentRun(agent, {"--generate", "10", "--confirm-timeout", "2"});
+  EXPECT_EQ(e.code, 1);
+  EXPECT_TRUE(contains(e.err, "waiting for the hardware writer (mpls-hw "
+                              "--agent " +
+                                  agent + "): 40 changes unconfirmed"))
+      << e.err;
+  EXPECT_TRUE(contains(e.err, "confirmed nothing for 2 s")) << e.err;
+}
+
+} // namespace
