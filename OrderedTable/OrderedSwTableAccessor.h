@@ -335,6 +335,9 @@ template <typename T> struct OrderedSwTableAccessor {
       if (outcome == Outcome::failWithKey) {
         OT_TRACE(1, "Failed to commit entry key: {}", key);
       }
+      if (!isEntryDelete && !isTableDelete && linkage) {
+        linkage->releaseUnused(wrapper);
+      }
       handle->entryStateIs(EntryState::failed);
       respond(handle);
     }

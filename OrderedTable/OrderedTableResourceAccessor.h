@@ -169,6 +169,19 @@ template <typename L> struct SwTableResourceAccessor {
     }
   }
 
+  // A write that failed lets go of the resource it asked for, unless a
+  // committed entry of the table uses it: the resource table keeps nothing
+  // for a change that did not happen, and a failed allocation is tried
+  // anew at the next request. (A pending write of the same resource asks
+  // again before it commits.)
+  static void releaseUnused(L &linkage, const Fwk::Ptr<Wrapper> &w) {
+    const ResourceKey key = B::resourceKey(w->entry());
+    if (isNull(key) || !w->resourcePtr() || linkage.entryUsageSm(key)) {
+      return;
+    }
+    linkage.resTblClient()->release(w->resourcePtr(), w->entryHandle());
+  }
+
   // After a restart: the entry's usage, without acknowledging anything.
   static void restoreEntry(L &linkage, const Fwk::Ptr<Wrapper> &w) {
     const ResourceKey key = B::resourceKey(w->entry());

@@ -240,6 +240,9 @@ public:
   void restoreEntry(const Fwk::Ptr<Wrapper> &w) {
     Accessor::restoreEntry(self(), w);
   }
+  void releaseUnused(const Fwk::Ptr<Wrapper> &w) {
+    Accessor::releaseUnused(self(), w);
+  }
   void handleResourceChangeAtInit() {
     Accessor::handleResourceChangeAtInit(self());
   }

@@ -45,6 +45,7 @@ public:
   std::size_t inUse() const override { return pool_.inUse(); }
   // Allocation of this key fails from now on.
   void failingKeyIs(const InLifEntryKey &key) { failing_.insert(key); }
+  void failingKeyDel(const InLifEntryKey &key) { failing_.erase(key); }
 
 private:
   Asic::IndexPool pool_;

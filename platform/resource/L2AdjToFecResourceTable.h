@@ -41,6 +41,9 @@ public:
   void failingKeyIs(const L2AdjToFecResourceTableEntryKey &key) {
     failing_.insert(key);
   }
+  void failingKeyDel(const L2AdjToFecResourceTableEntryKey &key) {
+    failing_.erase(key);
+  }
 
 private:
   Asic::IndexPool pool_;

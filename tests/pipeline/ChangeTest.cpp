@@ -160,9 +160,18 @@ TYPED_TEST(Change, AWriteWhoseResourceFailedIsDroppedUnlessTheHelperKeepsIt) {
   EXPECT_TRUE(tr.has(
       3, fmt::format("SwTable key: {}, resourceKey: {} has failed resolution!",
                      Key(1), F::resKey(9))));
+  // The failed write let go of its resource; once the allocation can
+  // succeed, the next write of it gets it.
+  EXPECT_EQ(env.res->entries(), 0u);
+  F::allocator(*env.res).failingKeyDel(F::resKey(9));
+  EXPECT_EQ(t.entryWrite(Key(1), F::entry(1, 9), nullptr)->entryState(),
+            EntryState::made);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_TRUE(env.logged(1));
 
+  F::allocator(*env.res).failingKeyIs(F::resKey(8));
   t.swTableHelperIs(Fwk::make<KeepingHelper<F>>());
-  auto kept = t.entryWrite(Key(2), F::entry(2, 9), nullptr);
+  auto kept = t.entryWrite(Key(2), F::entry(2, 8), nullptr);
   EXPECT_EQ(env.pass(), 1u);
   EXPECT_EQ(kept->entryState(), EntryState::logged);
   EXPECT_TRUE(env.logged(2));
