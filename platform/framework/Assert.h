@@ -6,8 +6,9 @@
 // reported to the caller.
 //
 //   FWK_ASSERT(count <= capacity);
-//   FWK_ASSERT_MSG(slate, "Config slate for unitId:{} is not created yet!", unit);
-//   FWK_ASSERT_TEXT(tableConfigSlateHas(unitId), "tableConfigSlateHas( unitId )",
+//   FWK_ASSERT_MSG(slate, "Config slate for unitId:{} is not created yet!",
+//   unit); FWK_ASSERT_TEXT(tableConfigSlateHas(unitId), "tableConfigSlateHas(
+//   unitId )",
 //                   "Config slate for unitId:{} is not created yet!", unitId);
 //
 // FWK_ASSERT_TEXT names the expression with an exact text, for the assertions
@@ -26,10 +27,9 @@ namespace Fwk {
 
 // Prints "assertion failed: <expr>[: <message>] (<file>:<line> in <function>)"
 // and aborts. Never returns.
-[[noreturn]] MICA_PLATFORM_API void assertionFailed(std::string_view expr,
-                                                    std::string_view message,
-                                                    const char *file, int line,
-                                                    const char *function) noexcept;
+[[noreturn]] MICA_PLATFORM_API void
+assertionFailed(std::string_view expr, std::string_view message,
+                const char *file, int line, const char *function) noexcept;
 
 namespace detail {
 template <typename... Args>

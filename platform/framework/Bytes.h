@@ -34,7 +34,8 @@ inline int compareBytes(const void *a, const void *b) noexcept {
   const auto *y = static_cast<const unsigned char *>(b);
   std::size_t i = 0;
   auto step = [&]<typename U>(U) -> int {
-    const U u = detail::loadBigEndian<U>(x + i), v = detail::loadBigEndian<U>(y + i);
+    const U u = detail::loadBigEndian<U>(x + i),
+            v = detail::loadBigEndian<U>(y + i);
     i += sizeof(U);
     return u == v ? 0 : (u < v ? -1 : 1);
   };

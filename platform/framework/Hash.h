@@ -4,7 +4,8 @@
 // mixed (exclusive or) with a 32-bit constant of the collection's own, so two
 // collections of the same keys do not share a bucket layout:
 //
-//   Fwk::HashMap<Key, Value> pending(0x7a3c19e5);   // seed: processHashSeed() ^ mix
+//   Fwk::HashMap<Key, Value> pending(0x7a3c19e5);   // seed: processHashSeed()
+//   ^ mix
 //
 // A key type provides `std::uint32_t hash(std::uint32_t seed) const`; integers,
 // strings and padding-free trivially copyable records are hashed here.

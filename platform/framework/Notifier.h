@@ -10,7 +10,8 @@
 //         if (auto *key = c.key<MplsIsem2EntryKey>()) seen.push_back(*key);
 //     }
 //   };
-//   table->observerIs(&watcher);   // ... and observerDel(&watcher) before it dies
+//   table->observerIs(&watcher);   // ... and observerDel(&watcher) before it
+//   dies
 //
 // Notifying costs one branch when nobody observes (hasObservers()), which is
 // also what lets bulk clears run at once instead of element by element.
@@ -28,6 +29,7 @@
 
 #include "platform/Export.h"
 #include "platform/framework/Object.h"
+#include "platform/framework/Slab.h"
 
 namespace Fwk {
 
@@ -102,7 +104,7 @@ private:
   void dispatch(const Change &change) const;
 
   // Entries are nulled, not erased, while a notification walks the list.
-  mutable std::vector<Observer *> observers_;
+  mutable std::vector<Observer *, Slab::Allocator<Observer *>> observers_;
   mutable std::uint32_t depth_ = 0;
   mutable std::uint32_t live_ = 0;
 };

@@ -110,11 +110,11 @@ public:
   Ptr(const Ptr &o) noexcept : Ptr(o.p_) {}
   Ptr(Ptr &&o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <typename U>
-    requires std::is_convertible_v<U *, T *>
-  Ptr(const Ptr<U> &o) noexcept : Ptr(o.ptr()) {} // NOLINT
+  requires std::is_convertible_v<U *, T *> Ptr(const Ptr<U> &o)
+  noexcept : Ptr(o.ptr()) {} // NOLINT
   template <typename U>
-    requires std::is_convertible_v<U *, T *>
-  Ptr(Ptr<U> &&o) noexcept : p_(o.release()) {} // NOLINT
+  requires std::is_convertible_v<U *, T *> Ptr(Ptr<U> &&o)
+  noexcept : p_(o.release()) {} // NOLINT
 
   ~Ptr() {
     if (p_) {
@@ -123,7 +123,8 @@ public:
   }
 
   // Copy and swap: safe on self-assignment.
-  Ptr &operator=(const Ptr &o) noexcept { // NOLINT(bugprone-unhandled-self-assignment)
+  Ptr &operator=(
+      const Ptr &o) noexcept { // NOLINT(bugprone-unhandled-self-assignment)
     Ptr(o).swap(*this);
     return *this;
   }

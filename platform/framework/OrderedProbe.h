@@ -35,6 +35,8 @@
 #include <memory>
 #include <utility>
 
+#include "platform/framework/Slab.h"
+
 namespace Fwk::detail {
 
 template <typename Slot, typename Ops> class OrderedProbeArray {
@@ -222,7 +224,7 @@ private:
       tail = next - homes;
     }
     const std::size_t len = homes + tail;
-    std::unique_ptr<Slot[]> a(new Slot[len]);
+    Slots a = makeSlots(len);
     next = 0;
     for (std::size_t i = 0; i < len_; ++i) {
       if (Ops::used(a_[i])) {
@@ -237,7 +239,28 @@ private:
     tail_ = tail;
   }
 
-  std::unique_ptr<Slot[]> a_;
+  // The array lives in the framework's slab (Slab.h); its deleter knows
+  // its length.
+  struct SlotsDeleter {
+    std::size_t len = 0;
+    void operator()(Slot *p) const noexcept {
+      std::destroy_n(p, len);
+      Slab::deallocate(p, len * sizeof(Slot));
+    }
+  };
+  using Slots = std::unique_ptr<Slot[], SlotsDeleter>;
+  static Slots makeSlots(std::size_t len) {
+    Slot *p = static_cast<Slot *>(Slab::allocate(len * sizeof(Slot)));
+    try {
+      std::uninitialized_value_construct_n(p, len);
+    } catch (...) {
+      Slab::deallocate(p, len * sizeof(Slot));
+      throw;
+    }
+    return Slots(p, SlotsDeleter{len});
+  }
+
+  Slots a_;
   std::size_t len_ = 0;
   unsigned bits_ = 0;
   std::size_t tail_ = 0;

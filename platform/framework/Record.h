@@ -5,7 +5,8 @@
 //   struct Key {
 //     std::uint32_t label = 0; std::uint8_t sub = 0; std::uint8_t pad[3] = {};
 //     bool operator==(const Key &o) const { return Fwk::bytesEqual(*this, o); }
-//     std::uint32_t hash(std::uint32_t seed) const { return Fwk::hashRecord(*this, seed); }
+//     std::uint32_t hash(std::uint32_t seed) const { return
+//     Fwk::hashRecord(*this, seed); }
 //   };
 #pragma once
 
@@ -18,8 +19,8 @@
 namespace Fwk {
 
 template <typename T>
-concept PlainRecord =
-    std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>;
+concept PlainRecord = std::is_trivially_copyable_v<T> &&
+    std::has_unique_object_representations_v<T>;
 
 template <PlainRecord T> bool bytesEqual(const T &a, const T &b) noexcept {
   return std::memcmp(&a, &b, sizeof(T)) == 0;

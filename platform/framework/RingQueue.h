@@ -3,7 +3,8 @@
 //   Fwk::RingQueue<Fwk::Ptr<Handle>> q;
 //   std::uint32_t n = q.enq(handle);     // 1 for the first element ever
 //   q.has(n); q.at(n); q.front(); q.back();
-//   Fwk::Ptr<Handle> h = q.deq();        // the oldest; the slot's reference moves out
+//   Fwk::Ptr<Handle> h = q.deq();        // the oldest; the slot's reference
+//   moves out
 //
 // Sequence numbers are compared in serial order: a comes before b when
 // (b - a) mod 2^32 lies in [1, 2^31 - 1]. They only move forward, also across
@@ -89,7 +90,10 @@ public:
   RingQueue() = default;
   RingQueue(const RingQueue &) = delete;
   RingQueue &operator=(const RingQueue &) = delete;
-  ~RingQueue() { clear(); freeArray(unlinkOnly()); }
+  ~RingQueue() {
+    clear();
+    freeArray(unlinkOnly());
+  }
 
   bool empty() const noexcept {
     return !tail_ || backNum() - frontSeq() == 0xffffffffu;

@@ -34,4 +34,23 @@ MICA_PLATFORM_API void deallocate(void *p, std::size_t size) noexcept;
 // Bytes taken from the heap for chunks so far (all threads).
 MICA_PLATFORM_API std::uint64_t chunkBytes() noexcept;
 
+// A standard allocator over the slab, for the small arrays of framework
+// collections (observer lists, hash tables of a few elements).
+template <typename T> struct Allocator {
+  using value_type = T;
+  static_assert(alignof(T) <= kGranule, "the slab aligns to 16 bytes");
+
+  Allocator() noexcept = default;
+  template <typename U> Allocator(const Allocator<U> &) noexcept {}
+  T *allocate(std::size_t n) {
+    return static_cast<T *>(Slab::allocate(n * sizeof(T)));
+  }
+  void deallocate(T *p, std::size_t n) noexcept {
+    Slab::deallocate(p, n * sizeof(T));
+  }
+  template <typename U> bool operator==(const Allocator<U> &) const noexcept {
+    return true;
+  }
+};
+
 } // namespace Fwk::Slab

@@ -47,7 +47,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -55,6 +54,7 @@
 #include "platform/asic/GroupResolver.h"
 #include "platform/asic/OrderedSwTable.h"
 #include "platform/asic/ResourceTableBase.h"
+#include "platform/framework/Errors.h"
 #include "platform/framework/HashMap.h"
 #include "platform/framework/Notifier.h"
 #include "platform/resource/ResourceHandle.h"
@@ -131,6 +131,9 @@ public:
   using Task = std::function<void()>;
   using Scheduler = std::function<void(Task)>;
 
+  // Client instances of one table (one per software table that uses it).
+  static constexpr std::size_t kMaxClients = 64;
+
   static constexpr Fwk::AttrId attrClientInstance{1, "clientInstance"};
   static constexpr Fwk::AttrId attrEntry{2, "entry"};
 
@@ -138,8 +141,9 @@ public:
   class ClientInstance : public Fwk::Object {
   public:
     ClientInstance(ResourceTable *table, std::string name,
-                   std::uint32_t instance)
-        : table_(table), name_(std::move(name)), instance_(instance) {}
+                   std::uint32_t instance, unsigned slot)
+        : table_(table), name_(std::move(name)), instance_(instance),
+          bit_(std::uint64_t{1} << slot) {}
     const std::string &name() const noexcept { return name_; }
     std::uint32_t instance() const noexcept { return instance_; }
     ResourceTable *table() const noexcept { return table_; }
@@ -188,9 +192,11 @@ public:
 
   private:
     ~ClientInstance() override = default;
+    friend class ResourceTable;
     ResourceTable *table_;
     std::string name_;
     std::uint32_t instance_;
+    std::uint64_t bit_; // this client's bit in a resource's holders
     std::uint64_t requests_ = 0;
     std::uint64_t releases_ = 0;
     std::uint64_t acks_ = 0;
@@ -274,7 +280,12 @@ public:
     if (auto *c = clients_.find(key)) {
       return *c;
     }
-    auto c = Fwk::make<ClientInstance>(this, name, instance);
+    if (clients_.size() >= kMaxClients) {
+      throw Fwk::Exception(fmt::format("{}: more than {} client instances",
+                                       name_->str(), kMaxClients));
+    }
+    auto c = Fwk::make<ClientInstance>(this, name, instance,
+                                       static_cast<unsigned>(clients_.size()));
     clients_.insert(key, c);
     notify(attrClientInstance, key);
     return c;
@@ -292,23 +303,25 @@ public:
     const auto *e = entries_.find(key);
     return e ? Fwk::Ptr<const ResourceHandle>(e->handle) : nullptr;
   }
-  std::size_t pendingAllocations() const noexcept { return pending_.size(); }
+  std::size_t pendingAllocations() const noexcept {
+    return pending_.size() - pendingHead_;
+  }
   const Allocator &allocator() const noexcept { return *allocator_; }
 
   // Runs the queued allocations now. Returns how many it ran.
   std::size_t resolvePending() {
     std::size_t n = 0;
     Fwk::Ptr<ResourceTable> self(this);
-    while (!pending_.empty()) {
-      const Key key = pending_.front();
-      pending_.pop_front();
+    // Allocations queued while this runs (by a hook, say) run too.
+    for (; pendingHead_ < pending_.size(); ++pendingHead_) {
+      const Key key = pending_[pendingHead_].key;
       auto *e = entries_.find(key);
       if (!e || e->handle->entryState() != 0) {
         continue; // released meanwhile, or resolved already
       }
       Fwk::Ptr<ResourceHandle> h = e->handle;
       Data data{};
-      if (allocator_->allocate(key, e->clientData, data)) {
+      if (allocator_->allocate(key, pending_[pendingHead_].clientData, data)) {
         e->allocated = true;
         h->dataIs(data);
         store(*h);
@@ -318,6 +331,8 @@ public:
       }
       ++n;
     }
+    pending_.clear();
+    pendingHead_ = 0;
     allocationScheduled_ = false;
     if (n) {
       for (const auto &hook : resolvedHooks_) {
@@ -356,7 +371,7 @@ public:
   std::size_t releaseUnclaimed() override {
     std::vector<Key> unclaimed;
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      if (it.value().holders.empty()) {
+      if (it.value().holders == 0) {
         unclaimed.push_back(it.key());
       }
     }
@@ -371,11 +386,17 @@ protected:
   void capacityIs(std::uint32_t c) noexcept { capacity_ = c; }
 
 private:
+  // A key in the table: its handle, the clients that hold it (one bit each)
+  // and whether its allocation was made.
   struct Holding {
     Fwk::Ptr<ResourceHandle> handle;
-    ClientData clientData{};
-    std::vector<const ClientInstance *> holders;
+    std::uint64_t holders = 0;
     bool allocated = false;
+  };
+  // An allocation to make, with what its first request carried.
+  struct Pending {
+    Key key;
+    ClientData clientData;
   };
 
   static std::string clientKey(const std::string &name,
@@ -397,22 +418,16 @@ private:
   Fwk::Ptr<const ResourceHandle> hold(const ClientInstance *client,
                                       const Key &key, const ClientData &cd) {
     if (auto *e = entries_.find(key)) {
-      for (const auto *h : e->holders) {
-        if (h == client) {
-          return e->handle;
-        }
-      }
-      e->holders.push_back(client);
+      e->holders |= client->bit_;
       return e->handle;
     }
     Holding e;
     e.handle = Fwk::make<ResourceHandle>(key);
-    e.clientData = cd;
-    e.holders.push_back(client);
+    e.holders = client->bit_;
     Fwk::Ptr<const ResourceHandle> out = e.handle;
     entries_.insert(key, std::move(e));
     notify(attrEntry, key);
-    pending_.push_back(key);
+    pending_.push_back(Pending{key, cd});
     scheduleAllocation();
     return out;
   }
@@ -422,14 +437,8 @@ private:
     if (!e) {
       return;
     }
-    auto &hs = e->holders;
-    for (auto it = hs.begin(); it != hs.end(); ++it) {
-      if (*it == client) {
-        hs.erase(it);
-        break;
-      }
-    }
-    if (hs.empty()) {
+    e->holders &= ~client->bit_;
+    if (e->holders == 0) {
       free(key);
     }
   }
@@ -469,7 +478,8 @@ private:
   std::vector<Fwk::Ptr<GroupResolver>> resolvers_;
   Fwk::HashMap<std::string, Fwk::Ptr<ClientInstance>> clients_{0x2d7f4e11u};
   Fwk::HashMap<Key, Holding> entries_{0x4c8e1b53u};
-  std::deque<Key> pending_;
+  std::vector<Pending> pending_; // [pendingHead_, end) still to run
+  std::size_t pendingHead_ = 0;
   bool allocationScheduled_ = false;
   Fwk::Ptr<Slate> slate_;
   std::size_t restored_ = 0;

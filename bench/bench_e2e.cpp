@@ -1,0 +1,287 @@
+// The whole change path, end to end, as an agent drives it: a write (or a
+// remove) with a response handler, a resolver pass per batch (which
+// resolves the resource, commits and logs), the hardware's progress
+// (tableStatusVersion with the newest logged version) per batch, and the
+// handler that counts what finished. For both tables, in three phases:
+//
+//   load      every key new, each with a resource of its own
+//   rewrite   every key moved onto one of 4,096 shared resources
+//   remove    every key removed
+//
+// at 1,024, 16,384 and 65,536 keys per unit, on 1 and 4 units, with 1, 100
+// and 1,000 changes per resolver pass. Each row prints changes per second,
+// nanoseconds per change, the roofline of the same run (a plain copy of the
+// bytes the change writes to the store, its configuration record and its
+// change-log record, into arrays) and the heap allocations per change
+// (counted by this program's operator new).
+//
+//   bench_e2e [--quick]      --quick: 65,536 keys, batches of 1,000 only
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "MicaMpls/MplsIsem2Interface.h"
+#include "MicaMpls/MplsLemInterface.h"
+#include "platform/asic/OrderedTableInterface.h"
+
+namespace {
+std::atomic<std::uint64_t> gAllocations{0};
+} // namespace
+
+// Not inlined: the compiler would otherwise pair these calls with the
+// standard library's and warn about malloc/free behind new/delete.
+__attribute__((noinline)) void *operator new(std::size_t n) {
+  gAllocations.fetch_add(1, std::memory_order_relaxed);
+  if (void *p = std::malloc(n ? n : 1)) {
+    return p;
+  }
+  throw std::bad_alloc();
+}
+__attribute__((noinline)) void *operator new[](std::size_t n) {
+  return ::operator new(n);
+}
+__attribute__((noinline)) void operator delete(void *p) noexcept {
+  std::free(p);
+}
+__attribute__((noinline)) void operator delete[](void *p) noexcept {
+  std::free(p);
+}
+__attribute__((noinline)) void operator delete(void *p, std::size_t) noexcept {
+  std::free(p);
+}
+__attribute__((noinline)) void operator delete[](void *p,
+                                                 std::size_t) noexcept {
+  std::free(p);
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::uint32_t kShared = 4096;
+
+struct Isem2 {
+  using B = MicaMpls::MplsIsem2Binding;
+  using Intf = MicaMpls::MplsIsem2Interface;
+  static constexpr const char *kName = "ISEM2";
+  static B::Entry entry(std::uint32_t label, std::uint32_t resource) {
+    B::Entry e;
+    e.key = B::Key(label);
+    e.inLifKey.lifType = 1;
+    e.inLifKey.ownerCookie = resource;
+    e.inLifClientData.counterId = resource;
+    return e;
+  }
+};
+
+struct Lem {
+  using B = MicaMpls::MplsLemBinding;
+  using Intf = MicaMpls::MplsLemInterface;
+  static constexpr const char *kName = "LEM";
+  static B::Entry entry(std::uint32_t label, std::uint32_t resource) {
+    B::Entry e;
+    e.key = B::Key(label);
+    e.l2AdjId = resource;
+    return e;
+  }
+};
+
+struct Row {
+  const char *table;
+  const char *phase;
+  std::uint32_t keys;
+  std::uint32_t units;
+  std::uint32_t batch;
+  double seconds;
+  std::uint64_t changes;
+  double rooflineNs;
+  std::uint64_t allocations;
+};
+
+// The bytes a change writes to the store, copied into arrays of the same
+// size: the configuration record and the change-log record.
+template <typename F> double rooflineNs(std::uint64_t changes) {
+  using Config = Asic::ConfigSlateEntry<typename F::B>;
+  using Log = Asic::LogSlateEntry<typename F::B>;
+  std::vector<Config> configs(changes);
+  std::vector<Log> logs(changes);
+  Config c{};
+  Log l{};
+  double best = 1e30;
+  for (int round = 0; round < 3; ++round) {
+    const auto t0 = Clock::now();
+    for (std::uint64_t i = 0; i < changes; ++i) {
+      c.logVersion = i;
+      l.logVersion = i;
+      std::memcpy(&configs[i], &c, sizeof c);
+      std::memcpy(&logs[i], &l, sizeof l);
+    }
+    asm volatile("" : : "r"(configs.data()), "r"(logs.data()) : "memory");
+    best = std::min(best,
+                    std::chrono::duration<double>(Clock::now() - t0).count());
+  }
+  return best * 1e9 / static_cast<double>(changes);
+}
+
+template <typename F> struct Agent {
+  Agent(const std::string &name, std::uint32_t units, std::uint32_t keys) {
+    stateDb = StateDb::entityManagerIs(name, 0);
+    otIntf = Fwk::make<Asic::OrderedTableInterface>(stateDb);
+    group = otIntf->makeGroupIntf(0x0a08, "MicaMpls");
+    resources = Fwk::make<typename F::B::ResourceTable>(
+        Asic::CanonicalTableName::canonicalTableNameIs(
+            Asic::CanonicalTableName::resourceTable, F::B::kResourceNamespace,
+            F::B::kResourceName),
+        units * keys + kShared + 1);
+    resources->storeIs(Shm::entityManager(name, 0));
+    group->namedTableIs(resources);
+    intf = F::Intf::getIntf(otIntf);
+    for (Asic::UnitId u = 1; u <= units; ++u) {
+      tables.push_back(intf->makeSwTable(u, nullptr, false));
+    }
+    otIntf->finishInitialReplay();
+  }
+  ~Agent() {
+    intf->onDelete();
+    intf = nullptr;
+    tables.clear();
+    resources = nullptr;
+    group = nullptr;
+    otIntf = nullptr;
+    const std::string dir = Shm::entityManager(stateDb->name(), 0)->directory();
+    Shm::entityManager(stateDb->name(), 0)->close();
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+  }
+
+  // A resolver pass, then the hardware confirms everything logged.
+  void passAndConfirm() {
+    group->groupResolver()->runPass();
+    const Asic::LogVersion v = intf->entryLog()->tableVersion();
+    for (const auto &t : tables) {
+      t->tableStatusVersion(v);
+    }
+  }
+
+  Fwk::Ptr<StateDb::EntityManager> stateDb;
+  Fwk::Ptr<Asic::OrderedTableInterface> otIntf;
+  Fwk::Ptr<Asic::GroupInterface> group;
+  Fwk::Ptr<typename F::B::ResourceTable> resources;
+  Fwk::Ptr<typename F::Intf> intf;
+  std::vector<Fwk::Ptr<typename F::B::SwTable>> tables;
+};
+
+template <typename F>
+void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
+         std::uint32_t batch) {
+  static int n = 0;
+  Agent<F> a("bench-e2e-" + std::to_string(::getpid()) + "-" +
+                 std::to_string(n++),
+             units, keys);
+  std::uint64_t finished = 0;
+  const Asic::OrderedSwTable::ResponseHandler counter =
+      [&finished](const Fwk::Ptr<const Asic::OrderedSwTable::EntryHandle> &h) {
+        finished += h->entryState() == Asic::EntryState::finished;
+      };
+  const std::uint64_t changes = std::uint64_t{keys} * units;
+  const double roof = rooflineNs<F>(changes);
+  for (int phase = 0; phase < 3; ++phase) {
+    finished = 0;
+    std::uint32_t queued = 0;
+    const std::uint64_t allocs0 = gAllocations.load();
+    const auto t0 = Clock::now();
+    for (std::uint32_t k = 0; k < keys; ++k) {
+      for (std::uint32_t u = 0; u < units; ++u) {
+        auto &t = *a.tables[u];
+        const typename F::B::Key key(k);
+        if (phase == 0) {
+          t.entryWriteWithResponseHandler(
+              key, F::entry(k, 1 + kShared + u * keys + k), nullptr, counter);
+        } else if (phase == 1) {
+          t.entryWriteWithResponseHandler(
+              key, F::entry(k, 1 + (k * 7 + u) % kShared), nullptr, counter);
+        } else {
+          t.entryRemoveWithResponseHandler(key, nullptr, counter);
+        }
+        if (++queued == batch) {
+          a.passAndConfirm();
+          queued = 0;
+        }
+      }
+    }
+    a.passAndConfirm();
+    const double seconds =
+        std::chrono::duration<double>(Clock::now() - t0).count();
+    const std::uint64_t allocs = gAllocations.load() - allocs0;
+    if (finished != changes) {
+      std::fprintf(stderr, "bench_e2e: %s %s: %lu of %lu changes finished\n",
+                   F::kName,
+                   phase == 0   ? "load"
+                   : phase == 1 ? "rewrite"
+                                : "remove",
+                   static_cast<unsigned long>(finished),
+                   static_cast<unsigned long>(changes));
+      std::exit(1);
+    }
+    rows.push_back(Row{F::kName,
+                       phase == 0   ? "load"
+                       : phase == 1 ? "rewrite"
+                                    : "remove",
+                       keys, units, batch, seconds, changes, roof, allocs});
+  }
+}
+
+void print(const Row &r) {
+  const double ns = r.seconds * 1e9 / static_cast<double>(r.changes);
+  std::printf("%-6s %-8s %7u %5u %6u %12.0f %9.0f %10.1f %9.2f\n", r.table,
+              r.phase, r.keys, r.units, r.batch,
+              static_cast<double>(r.changes) / r.seconds, ns, r.rooflineNs,
+              static_cast<double>(r.allocations) /
+                  static_cast<double>(r.changes));
+  std::fflush(stdout);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  const bool quick = argc > 1 && std::string(argv[1]) == "--quick";
+  if (argc > 1 && !quick) {
+    std::fprintf(stderr, "usage: bench_e2e [--quick]\n");
+    return 2;
+  }
+  std::printf("%-6s %-8s %7s %5s %6s %12s %9s %10s %9s\n", "table", "phase",
+              "keys", "units", "batch", "changes/s", "ns/change", "roofline",
+              "allocs");
+  std::vector<Row> rows;
+  const std::vector<std::uint32_t> sizes =
+      quick ? std::vector<std::uint32_t>{65536}
+            : std::vector<std::uint32_t>{1024, 16384, 65536};
+  const std::vector<std::uint32_t> batches =
+      quick ? std::vector<std::uint32_t>{1000}
+            : std::vector<std::uint32_t>{1, 100, 1000};
+  for (int family = 0; family < 2; ++family) {
+    for (std::uint32_t units : {1u, 4u}) {
+      for (std::uint32_t keys : sizes) {
+        for (std::uint32_t batch : batches) {
+          const std::size_t before = rows.size();
+          if (family == 0) {
+            run<Lem>(rows, keys, units, batch);
+          } else {
+            run<Isem2>(rows, keys, units, batch);
+          }
+          for (std::size_t i = before; i < rows.size(); ++i) {
+            print(rows[i]);
+          }
+        }
+      }
+    }
+  }
+  return 0;
+}
