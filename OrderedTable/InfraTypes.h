@@ -140,7 +140,7 @@ public:
   using Table = typename B::SwTable;
   using Wrapper = typename B::EntryWrapper;
 
-  Table *swTable() const noexcept { return swTable_.ptr(); }
+  Table *swTable() const noexcept { return swTable_; }
   const Fwk::Ptr<Wrapper> &entryWrapper() const noexcept { return wrapper_; }
 
   bool isResolved() override {
@@ -153,7 +153,7 @@ public:
   }
 
   // The resolver keeps the changes of one table and key in order.
-  const void *orderTable() const noexcept override { return swTable_.ptr(); }
+  const void *orderTable() const noexcept override { return swTable_; }
   std::uint64_t orderKey() const noexcept override {
     const auto &key = wrapper_->key();
     if constexpr (requires { key.packed(); }) {
@@ -172,8 +172,9 @@ protected:
   ~TableResolverEntry() override = default;
 
 private:
-  // A queued change keeps its table alive until it has committed.
-  Fwk::Ptr<Table> swTable_;
+  // Not counted: the table holds the resolver, and a table that goes away
+  // takes its queued changes out of the resolver (resolverQueueDelAll).
+  Table *swTable_;
   Fwk::Ptr<Wrapper> wrapper_;
 };
 

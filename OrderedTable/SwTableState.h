@@ -421,6 +421,11 @@ protected:
   // base is destroyed. Nobody can observe a table that is being destroyed,
   // so nothing is announced.
   ~OrderedSwTableState() override {
+    // Queued changes name their table by its address (the family class
+    // adds no base, so it is this one's).
+    if (groupResolver_) {
+      groupResolver_->resolverQueueDelAll(this);
+    }
     handleLog_.clear();
     marked_.clear();
     transientVersion_.clear();

@@ -131,6 +131,38 @@ GroupResolver::resolverQueue(std::size_t position) const {
   return all[position];
 }
 
+void GroupResolver::resolverQueueDelAll(const void *table) {
+  const std::uint64_t t = reinterpret_cast<std::uintptr_t>(table);
+  auto ofTable = [t](const Fwk::Ptr<ResolverEntry> &e) { return e && tableOf(*e) == t; };
+  // Only what the running pass has not reached yet is taken out of offer_.
+  offer_.erase(std::remove_if(offer_.begin() + static_cast<std::ptrdiff_t>(offerHead_),
+                              offer_.end(), ofTable),
+               offer_.end());
+  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), ofTable),
+                 waiting_.end());
+  std::vector<LaneKey> gone;
+  for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
+    if (it.key().table == t) {
+      gone.push_back(it.key());
+    }
+  }
+  for (const LaneKey &k : gone) {
+    Lane lane;
+    lanes_.take(k, lane);
+    // Unlinked one by one: a long lane must not unwind recursively.
+    for (Fwk::Ptr<ResolverEntry> e = std::move(lane.head); e;) {
+      --queued_;
+      e = std::move(e->laneNext_);
+    }
+  }
+  if (TableOrder *order = tables_.find(t)) {
+    // Its remove-alls; its other changes were counted with their lanes.
+    queued_ -= order->barriers.size();
+    tables_.erase(t);
+  }
+  notify(attrResolverQueue, queued_);
+}
+
 void GroupResolver::updateGenId() {
   ++genId_;
   notify(attrGenId);

@@ -79,6 +79,9 @@ public:
   explicit GroupResolver(Scheduler schedule = nullptr);
 
   void resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry);
+  // Takes every queued change of a table out of the queue (the table is
+  // going away); they are never offered. Safe during a pass. O(queued).
+  void resolverQueueDelAll(const void *table);
   // The number of queued (not yet committed) changes, in O(1).
   std::size_t resolverQueueSize() const noexcept { return queued_; }
   // The queued change at a position in queue order (0 is the oldest), or

@@ -127,6 +127,7 @@ State readStore(Slate &s, std::uint64_t seed) {
                               std::atomic<std::uint64_t> *done) {
   auto em = Shm::entityManager(agent, 0);
   auto s = mount<Slate>(em, "slate", crashInfo());
+  done[1].store(1, std::memory_order_release); // mounted
   for (std::uint64_t i = start;; ++i) {
     applyToStore(*s, opAt(seed, i), i);
     done->store(i + 1, std::memory_order_release);
@@ -153,21 +154,31 @@ TEST(ShmProcess, WriterKilledAtRandomInstantsLosesNothingAndTearsNothing) {
   void *shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(shared, MAP_FAILED);
-  auto *done = new (shared) std::atomic<std::uint64_t>(0);
+  // done[0]: the changes done; done[1]: the writer has mounted.
+  auto *done = new (shared) std::atomic<std::uint64_t>[2]{0, 0};
   for (std::uint64_t round = 0; round < rounds; ++round) {
     SCOPED_TRACE(testing::Message()
                  << "round " << round << ", change " << next);
     done->store(next);
+    done[1].store(0);
     const pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
       crashWriter(agent, seed, next, done);
     }
     // Kill at a random instant: a quarter of the time very early (during
-    // start-up and the mount scan), otherwise within 15 ms.
-    const auto delay =
-        std::chrono::microseconds(rng() % 4 == 0 ? rng() % 400 : rng() % 15000);
-    std::this_thread::sleep_for(delay);
+    // start-up and the mount scan), otherwise within 15 ms of the mount (a
+    // loaded machine can take longer than that to start the writer).
+    if (rng() % 4 == 0) {
+      std::this_thread::sleep_for(std::chrono::microseconds(rng() % 400));
+    } else {
+      const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+      while (done[1].load(std::memory_order_acquire) == 0 &&
+             std::chrono::steady_clock::now() < giveUp) {
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(rng() % 15000));
+    }
     ::kill(pid, SIGKILL);
     EXPECT_EQ(waitExit(pid), 128 + SIGKILL);
 
