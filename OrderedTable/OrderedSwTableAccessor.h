@@ -291,8 +291,10 @@ template <typename T> struct OrderedSwTableAccessor {
   static void commitEntry(T &t, const Fwk::Ptr<ResolverEntry> &base,
                           Linkage *linkage) {
     Fwk::Ptr<T> keep(&t); // a handler may drop the last reference
-    auto r = Fwk::ptrCast<Resolver>(base);
-    FWK_ASSERT(r);
+    // The table's own resolver entries are the only ones that call back
+    // here (TableResolverEntry::commitEntry): no dynamic check needed.
+    FWK_ASSERT(base);
+    const Fwk::Ptr<Resolver> r(static_cast<Resolver *>(base.ptr()));
     const Dependency &dep = r->dependencyHandle();
     const Fwk::Ptr<Wrapper> wrapper = r->entryWrapper();
     const bool isEntryDelete = r->isEntryDeleted();
@@ -301,8 +303,9 @@ template <typename T> struct OrderedSwTableAccessor {
              wrapper->entry(), isEntryDelete, isTableDelete);
     FWK_ASSERT_NAMED(!(isEntryDelete && isTableDelete),
                      "!( isEntryDelete && isTableDelete )");
-    Fwk::Ptr<EntryHandle> handle =
-        Fwk::ptrCast<EntryHandle>(wrapper->entryHandle());
+    // The wrapper's handle was made by this table (entryHandleFactory).
+    Fwk::Ptr<EntryHandle> handle(
+        static_cast<EntryHandle *>(wrapper->entryHandle().ptr()));
     FWK_ASSERT_NAMED(handle, "entryHandle != NULL");
     const EntryVersion entryConfVersion = handle->version();
     if (!isTableDelete) {

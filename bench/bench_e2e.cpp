@@ -15,7 +15,8 @@
 // change-log record, into arrays) and the heap allocations per change
 // (counted by this program's operator new).
 //
-//   bench_e2e [--quick]      --quick: 65,536 keys, batches of 1,000 only
+//   bench_e2e [--quick] [--table lem|isem2] [--keys N]
+//     --quick: 65,536 keys, batches of 1,000 only
 #include <unistd.h>
 
 #include <atomic>
@@ -251,22 +252,36 @@ void print(const Row &r) {
 } // namespace
 
 int main(int argc, char **argv) {
-  const bool quick = argc > 1 && std::string(argv[1]) == "--quick";
-  if (argc > 1 && !quick) {
-    std::fprintf(stderr, "usage: bench_e2e [--quick]\n");
-    return 2;
+  bool quick = false;
+  std::string only;          // "lem" or "isem2": one table only
+  std::uint32_t onlyKeys = 0; // one size only
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--quick") {
+      quick = true;
+    } else if (a == "--table" && i + 1 < argc) {
+      only = argv[++i];
+    } else if (a == "--keys" && i + 1 < argc) {
+      onlyKeys = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 0));
+    } else {
+      std::fprintf(stderr, "usage: bench_e2e [--quick] [--table lem|isem2] [--keys N]\n");
+      return 2;
+    }
   }
-  std::printf("%-6s %-8s %7s %5s %6s %12s %9s %10s %9s\n", "table", "phase",
-              "keys", "units", "batch", "changes/s", "ns/change", "roofline",
-              "allocs");
+  std::printf("%-6s %-8s %7s %5s %6s %12s %9s %10s %9s\n", "table", "phase", "keys",
+              "units", "batch", "changes/s", "ns/change", "roofline", "allocs");
   std::vector<Row> rows;
-  const std::vector<std::uint32_t> sizes =
-      quick ? std::vector<std::uint32_t>{65536}
-            : std::vector<std::uint32_t>{1024, 16384, 65536};
+  std::vector<std::uint32_t> sizes =
+      quick ? std::vector<std::uint32_t>{65536} : std::vector<std::uint32_t>{1024, 16384, 65536};
+  if (onlyKeys) {
+    sizes = {onlyKeys};
+  }
   const std::vector<std::uint32_t> batches =
-      quick ? std::vector<std::uint32_t>{1000}
-            : std::vector<std::uint32_t>{1, 100, 1000};
+      quick ? std::vector<std::uint32_t>{1000} : std::vector<std::uint32_t>{1, 100, 1000};
   for (int family = 0; family < 2; ++family) {
+    if (!only.empty() && only != (family == 0 ? "lem" : "isem2")) {
+      continue;
+    }
     for (std::uint32_t units : {1u, 4u}) {
       for (std::uint32_t keys : sizes) {
         for (std::uint32_t batch : batches) {
