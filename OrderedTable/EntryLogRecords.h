@@ -26,6 +26,7 @@
 #include "OrderedTable/TableBinding.h"
 #include "platform/asic/Types.h"
 #include "platform/framework/Record.h"
+#include "platform/shm/OneCollectionEntity.h"
 #include "platform/shm/Store.h"
 
 namespace Asic {
@@ -119,27 +120,8 @@ template <typename B> struct LogSlateRecordTraits {
   static constexpr std::uint32_t kRecordVersion = 1;
 };
 
-// A shared-memory entity that holds one collection, named by `Names`
-// (kTypeName, kCollection, kCapacity).
-template <typename Traits, typename Names>
-class OneCollectionEntity : public Shm::Entity {
-public:
-  using Record = typename Traits::Record;
-  using Collection = Shm::Collection<Traits>;
-  static constexpr const char *kTypeName = Names::kTypeName;
-  static constexpr const char *kCollection = Names::kCollection;
-  static constexpr std::uint32_t kCapacity = Names::kCapacity;
-
-  static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).template collection<Traits>(
-        kCollection);
-  }
-  explicit OneCollectionEntity(Shm::EntityInit &init)
-      : Shm::Entity(init), collection_(init, kCollection) {}
-
-protected:
-  Collection collection_;
-};
+// Entities of one collection (the common shape lives with the store).
+using Shm::OneCollectionEntity;
 
 template <typename B> struct ConfigSlateNames {
   static constexpr const char *kTypeName = B::kConfigSlateType;

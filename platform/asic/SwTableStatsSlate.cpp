@@ -21,16 +21,6 @@ std::string SwTableStatsSlate::path(const std::string &groupName) {
          "/swTableStats";
 }
 
-Shm::EntityLayout SwTableStatsSlate::layout() {
-  return Shm::EntityLayout(kTypeName).collection<SwTableStatsRecordTraits>(
-      kCollection);
-}
-
-SwTableStatsSlate::SwTableStatsSlate(Shm::EntityInit &init)
-    : Shm::Entity(init), swTableStats_(init, kCollection) {}
-
-SwTableStatsSlate::~SwTableStatsSlate() = default;
-
 void SwTableStatsSlate::swTableStatsIs(SwTableId tableId, UnitId unitId,
                                        const SwTableStats &s,
                                        bool pendingHwWrites) {
@@ -54,24 +44,13 @@ void SwTableStatsSlate::swTableStatsIs(SwTableId tableId, UnitId unitId,
     r.lastCommitTimeNs = nanosSinceEpoch(s.lastCommitTime());
   }
   r.publishedTimeNs = nanosSinceEpoch(SwTableStats::Clock::now());
-  swTableStats_.insert(r);
+  collection_.insert(r);
 }
 
 Fwk::Ptr<SwTableStatsSlate>
 mountSwTableStatsSlate(const Fwk::Ptr<Shm::EntityManager> &em,
                        const std::string &groupName) {
-  const std::string p = SwTableStatsSlate::path(groupName);
-  const bool reader = em->access() == Shm::Access::read;
-  Shm::MountInfo info(reader ? Shm::MountInfo::kReaderMount
-                             : Shm::MountInfo::kWriterMount);
-  if (!reader) {
-    info.collectionInfoIs(SwTableStatsSlate::kCollection,
-                          SwTableStatsSlate::kCapacity);
-  }
-  auto group = em->mountGroup();
-  group->doMount(p, SwTableStatsSlate::kTypeName, info);
-  group->doClose();
-  return Fwk::ptrCast<SwTableStatsSlate>(em->entity(p));
+  return Shm::mountOne<SwTableStatsSlate>(em, SwTableStatsSlate::path(groupName));
 }
 
 } // namespace Asic

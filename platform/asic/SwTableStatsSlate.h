@@ -3,10 +3,10 @@
 // asking the agent: one record per table type and unit.
 //
 //   // agent (writer of its instance), now and then and before it exits:
-//   auto slate = Asic::mountSwTableStatsSlate(Shm::entityManager("mpls-agent",
-//   0), "MicaMpls"); slate->swTableStatsIs(table->swTableId(), table->unitId(),
-//   *table->stats(),
-//                         table->hasPendingHwWrites());
+//   auto slate = Asic::mountSwTableStatsSlate(
+//       Shm::entityManager("mpls-agent", 0), "MicaMpls");
+//   slate->swTableStatsIs(table->swTableId(), table->unitId(),
+//                         *table->stats(), table->hasPendingHwWrites());
 //   // inspector (read access):
 //   auto ro = Asic::mountSwTableStatsSlate(
 //       Shm::entityManager("mpls-agent", 0, Shm::Access::read), "MicaMpls");
@@ -21,7 +21,7 @@
 
 #include "platform/Export.h"
 #include "platform/asic/OrderedSwTable.h"
-#include "platform/shm/Store.h"
+#include "platform/shm/OneCollectionEntity.h"
 
 namespace Asic {
 
@@ -68,27 +68,25 @@ struct SwTableStatsRecordTraits {
   static constexpr std::uint32_t kRecordVersion = 1;
 };
 
-class MICA_PLATFORM_API SwTableStatsSlate : public Shm::Entity {
-public:
-  using Collection = Shm::Collection<SwTableStatsRecordTraits>;
+struct SwTableStatsSlateNames {
   static constexpr const char *kTypeName = "Asic::SwTableStatsSlate";
   static constexpr const char *kCollection = "swTableStats";
   static constexpr std::uint32_t kCapacity = 1024;
+};
+
+class MICA_PLATFORM_API SwTableStatsSlate
+    : public Shm::OneCollectionEntity<SwTableStatsRecordTraits, SwTableStatsSlateNames> {
+public:
+  using OneCollectionEntity::OneCollectionEntity;
 
   // Where a group's table counters live in an agent's instance.
   static std::string path(const std::string &groupName);
-  static Shm::EntityLayout layout();
-  explicit SwTableStatsSlate(Shm::EntityInit &init);
 
-  Collection &swTableStats() noexcept { return swTableStats_; }
-  const Collection &swTableStats() const noexcept { return swTableStats_; }
+  Collection &swTableStats() noexcept { return collection_; }
+  const Collection &swTableStats() const noexcept { return collection_; }
   // Publishes one table's counters (writer).
-  void swTableStatsIs(SwTableId tableId, UnitId unitId,
-                      const SwTableStats &stats, bool pendingHwWrites);
-
-private:
-  ~SwTableStatsSlate() override;
-  Collection swTableStats_;
+  void swTableStatsIs(SwTableId tableId, UnitId unitId, const SwTableStats &stats,
+                      bool pendingHwWrites);
 };
 
 // Mounts a group's table counters in an instance, with the handle's access.

@@ -19,7 +19,7 @@
 
 #include "platform/Export.h"
 #include "platform/asic/Types.h"
-#include "platform/shm/Store.h"
+#include "platform/shm/OneCollectionEntity.h"
 
 namespace Asic {
 
@@ -37,26 +37,24 @@ struct TableVersionRecordTraits {
   static constexpr std::uint32_t kRecordVersion = 1;
 };
 
-class MICA_PLATFORM_API TableVersionSlate : public Shm::Entity {
-public:
-  using Collection = Shm::Collection<TableVersionRecordTraits>;
+struct TableVersionSlateNames {
   static constexpr const char *kTypeName = "Asic::TableVersionSlate";
   static constexpr const char *kCollection = "tableVersion";
   static constexpr std::uint32_t kCapacity = 256;
+};
+
+class MICA_PLATFORM_API TableVersionSlate
+    : public Shm::OneCollectionEntity<TableVersionRecordTraits, TableVersionSlateNames> {
+public:
+  using OneCollectionEntity::OneCollectionEntity;
 
   // Where a group's table versions live in an instance.
   static std::string path(const std::string &groupName);
-  static Shm::EntityLayout layout();
-  explicit TableVersionSlate(Shm::EntityInit &init);
 
-  Collection &tableVersion() noexcept { return tableVersion_; }
-  const Collection &tableVersion() const noexcept { return tableVersion_; }
+  Collection &tableVersion() noexcept { return collection_; }
+  const Collection &tableVersion() const noexcept { return collection_; }
   // Records the version the hardware has taken of a table type (writer).
   void tableVersionIs(SwTableId tableId, LogVersion version);
-
-private:
-  ~TableVersionSlate() override;
-  Collection tableVersion_;
 };
 
 // Mounts a group's table versions in an instance, with the handle's access.

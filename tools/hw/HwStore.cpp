@@ -55,12 +55,7 @@ HwStore::HwStore(const std::string &agentName, std::uint32_t capacity)
       capacity_(capacity) {
   ensureEntityType<FollowSlate>();
   versions_ = Asic::mountTableVersionSlate(em_, kGroup);
-  Shm::MountInfo info;
-  info.collectionInfoIs(FollowSlate::kCollection, FollowSlate::kCapacity);
-  auto group = em_->mountGroup();
-  group->doMount(FollowSlate::path(), FollowSlate::kTypeName, info);
-  group->doClose();
-  follow_ = Fwk::ptrCast<FollowSlate>(em_->entity(FollowSlate::path()));
+  follow_ = Shm::mountOne<FollowSlate>(em_, FollowSlate::path());
   // Lost versions or follow records read as absent, which makes every
   // follower rebuild its tables: nothing else needs the flags.
   versions_->tableVersion().control().clearWiped();

@@ -117,9 +117,9 @@ template <typename B> struct HwEntryTraits {
 // One unit's simulated hardware table of a table type.
 template <typename B>
 class HwTable
-    : public Asic::OneCollectionEntity<HwEntryTraits<B>, HwTableNames<B>> {
+    : public Shm::OneCollectionEntity<HwEntryTraits<B>, HwTableNames<B>> {
 public:
-  using Base = Asic::OneCollectionEntity<HwEntryTraits<B>, HwTableNames<B>>;
+  using Base = Shm::OneCollectionEntity<HwEntryTraits<B>, HwTableNames<B>>;
   using Base::Base;
   using Collection = typename Base::Collection;
 
@@ -169,7 +169,7 @@ struct FollowSlateNames {
 };
 
 class FollowSlate
-    : public Asic::OneCollectionEntity<FollowRecordTraits, FollowSlateNames> {
+    : public Shm::OneCollectionEntity<FollowRecordTraits, FollowSlateNames> {
 public:
   using OneCollectionEntity::OneCollectionEntity;
   Collection &follow() noexcept { return collection_; }
@@ -220,12 +220,7 @@ public:
     if (auto e = Fwk::ptrCast<HwTable<B>>(em_->entity(path))) {
       return e;
     }
-    Shm::MountInfo info;
-    info.collectionInfoIs(HwTable<B>::kCollection, capacity_);
-    auto group = em_->mountGroup();
-    group->doMount(path, HwTable<B>::kTypeName, info);
-    group->doClose();
-    auto table = Fwk::ptrCast<HwTable<B>>(em_->entity(path));
+    auto table = Shm::mountOne<HwTable<B>>(em_, path, capacity_);
     auto &control = table->hwEntries().control();
     if (wiped) {
       *wiped = control.wiped();
