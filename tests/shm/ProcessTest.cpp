@@ -161,7 +161,7 @@ TEST(ShmProcess, WriterKilledAtRandomInstantsLosesNothingAndTearsNothing) {
                  << "round " << round << ", change " << next);
     done->store(next);
     done[1].store(0);
-    const pid_t pid = ::fork();
+    const pid_t pid = TestSupport::forkTied();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
       crashWriter(agent, seed, next, done);
