@@ -68,10 +68,12 @@
 // Corruption: a record whose seal, checksum or key is wrong raises
 // CorruptionError naming file, collection and slot. The caller passes its
 // what() to doCorruptionDetected(), which reports it to the Reporter, counts
-// it (corruptionCount()) and drops the record: the writer frees the slot and
-// forgets the key; a reader remembers the slot and seal and treats it as
-// absent until the writer reuses the slot. Corruption found by the mount scan
-// is reported, counted and dropped directly.
+// it (corruptionCount()) and drops the record by its slot, whatever its bytes
+// say (its key may be the damaged part): the writer frees the slot and
+// forgets the index entry that points at it; a reader remembers the slot and
+// seal and treats it as absent until the writer reuses the slot. So a scan
+// that is retried after each drop meets every bad record once. Corruption
+// found by the mount scan is reported, counted and dropped directly.
 //
 // NOT thread-safe: one thread uses a collection at a time. Readers in other
 // processes are always safe.
@@ -609,18 +611,7 @@ public:
       if (site_.file->closed.load(std::memory_order_relaxed)) {
         break; // a closed handle changes nothing
       }
-      const auto pos = locate(p.key);
-      if (!pos.found || index_.at(pos.pos).slot != p.slot ||
-          sealAt(slotAt(p.slot)) != p.seal) {
-        continue; // already dropped or changed since
-      }
-      freeRoom();
-      const std::uint64_t seq = beginChange();
-      detail::unpublish(slotAt(p.slot));
-      endChange(seq);
-      free_.push_back(p.slot);
-      flagged_ -= index_.at(pos.pos).flags & kFlagged ? 1 : 0;
-      index_.eraseAt(pos.pos);
+      dropSlot(p.slot, p.seal, p.key);
     }
     pending_.clear();
   }
@@ -686,6 +677,40 @@ private:
   void maybeShrink() {
     if (index_.size() == 0 && index_.slots() > 4096) {
       index_.clear();
+    }
+  }
+
+  // Writer: frees `slot` if it still holds `seal`, and forgets the index
+  // entry that points at it. `key` is what the slot was read under: the
+  // index's key (found at once) or the record's own bytes, which may be the
+  // damaged part; then the entry is found by a walk of the index, which is
+  // rare enough to be cheap. A sealed slot that no entry points at is one
+  // the free list already holds (its seal was damaged while it was free):
+  // it is only cleared.
+  void dropSlot(std::uint32_t slot, std::uint64_t seal, const Key &key) {
+    if (slot >= hw_ || sealAt(slotAt(slot)) != seal) {
+      return; // already dropped or changed since
+    }
+    std::size_t pos = Array::npos;
+    if (const auto p = locate(key); p.found && index_.at(p.pos).slot == slot) {
+      pos = p.pos;
+    } else {
+      for (std::size_t q = index_.nextUsed(0); q != Array::npos;
+           q = index_.nextUsed(q + 1)) {
+        if (index_.at(q).slot == slot) {
+          pos = q;
+          break;
+        }
+      }
+    }
+    freeRoom();
+    const std::uint64_t seq = beginChange();
+    detail::unpublish(slotAt(slot));
+    endChange(seq);
+    if (pos != Array::npos) {
+      free_.push_back(slot);
+      flagged_ -= index_.at(pos).flags & kFlagged ? 1 : 0;
+      index_.eraseAt(pos);
     }
   }
 

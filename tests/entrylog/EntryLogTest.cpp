@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <stdexcept>
 
 #include "EntryLogFixture.h"
 #include "platform/agentlog/AgentLog.h"
@@ -432,6 +433,34 @@ TYPED_TEST(EntryLog, ACorruptRecordReadsAsAbsent) {
   EXPECT_TRUE(log.entryHas(typename F::Key(2), 1));
   EXPECT_EQ(log.entrys(1), 1u);
   EXPECT_EQ(log.entryDel(typename F::Key(1), nullptr, 1), 0u);
+
+  // A damaged key byte: a walk meets the record under a key that is not the
+  // one it is indexed under. It is dropped by its slot, once, and the walk
+  // ends, when the unit is mounted again in the same process, and when a
+  // new entry log is made over the open store (its change-log record).
+  struct Reports : Shm::Reporter {
+    Reports() { Shm::reporterIs(this); }
+    ~Reports() override { Shm::reporterIs(nullptr); }
+    void corruption(const std::string &) override {
+      if (++count > 2) {
+        throw std::runtime_error("one corruption reported again and again");
+      }
+    }
+    int count = 0;
+  } reports;
+  auto damage = [](const void *record, std::size_t at) {
+    const_cast<unsigned char *>(
+        static_cast<const unsigned char *>(record))[at] ^= 0x5a;
+  };
+  damage(coll.findRef(typename F::Key(2)), sizeof(typename F::RsrcKeys));
+  EXPECT_NO_THROW(log.mountSlateConfig(1, 1));
+  EXPECT_EQ(log.entrys(1), 0u);
+  auto &changes = log.tableEntryLog()->entryLogConfig();
+  damage(changes.findRef(2), 0);
+  EXPECT_NO_THROW(env.log = F::make(env.stateDb, env.group));
+  EXPECT_EQ(reports.count, 2);
+  EXPECT_EQ(changes.count(), 1u);
+  EXPECT_EQ(coll.corruptionCount(), 2u);
 }
 
 TYPED_TEST(EntryLog, TracesItsMilestonesWithTheirTexts) {

@@ -1,7 +1,9 @@
 // Damaged bytes: every kind is reported, counted and read as absent, by the
 // writer's mount, by the writer's reads and by readers, and nothing crashes.
 #include <fstream>
+#include <functional>
 #include <random>
+#include <stdexcept>
 
 #include "ShmTestTypes.h"
 #include "platform/shm/Format.h"
@@ -125,6 +127,34 @@ TEST(ShmCorruption, WriterReadsThrowAndTheCallerDropsTheRecord) {
   big.insert(bigRecord(2, 7));
   ASSERT_TRUE(big.find(key, r));
   EXPECT_EQ(r.value, 7u);
+
+  // A damaged key: the writer's scans in slot order read the record's own
+  // key, not the one it is indexed under. The drop finds the record by its
+  // slot all the same, once, and the scan retried after it completes.
+  const std::vector<std::pair<std::uint32_t, std::function<void()>>> scans = {
+      {6, [&] { big.forEachInPlace([](const BigRecord &) {}); }},
+      {7, [&] { big.forEachUnordered([](const BigRecord &) {}); }},
+      {1, [&] { big.countByScan(); }},
+  };
+  for (const auto &[label, scan] : scans) {
+    const BigKey k{label, label % 4};
+    const_cast<BigRecord *>(big.findRef(k))->key.label ^= 0x100;
+    int thrown = 0;
+    for (int pass = 0; pass < 3; ++pass) {
+      try {
+        scan();
+        break;
+      } catch (const Shm::CorruptionError &e) {
+        ++thrown;
+        big.doCorruptionDetected(e.what());
+      }
+    }
+    EXPECT_EQ(thrown, 1) << label;
+    EXPECT_FALSE(big.contains(k)) << label;
+  }
+  EXPECT_EQ(big.count(), 4u);
+  EXPECT_EQ(big.countByScan(), 4u);
+  EXPECT_EQ(big.corruptionCount(), 5u);
   em->close();
 }
 
