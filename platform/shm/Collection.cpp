@@ -8,10 +8,13 @@ namespace Shm {
 
 void CollectionControl::clearWiped() {
   requireWriter();
+  detail::beforeStore(detail::WriteStep::control);
   detail::wordAt(block_->wiped).store(0, std::memory_order_release);
 }
 
 namespace detail {
+
+void (*writeStepHook)(WriteStep) = nullptr;
 
 CollectionCore::CollectionCore(const CollectionSite &site) : site_(site) {
   control_.block_ = site_.control;

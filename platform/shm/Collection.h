@@ -145,6 +145,7 @@ public:
   // REQUIRES: writer.
   void auxiliaryIs(std::uint64_t v) {
     requireWriter();
+    detail::beforeStore(detail::WriteStep::control);
     detail::wordAt(block_->auxiliary).store(v, std::memory_order_release);
   }
 
@@ -239,6 +240,7 @@ protected:
   [[noreturn]] void throwCorrupt(std::uint32_t slot,
                                  const std::string &detail) const;
   [[noreturn]] void throwFull(const void *key, std::size_t keySize) const;
+  [[noreturn]] void throwExhausted() const;
   std::string describe(std::uint32_t slot, const std::string &detail) const;
   // Reports and counts one corruption the caller deals with itself.
   void reportCorruption(const std::string &message);
