@@ -33,6 +33,9 @@
 //   insert                             insert or replace; a new key when
 //                                      count() == capacity() throws
 //                                      CollectionFullError and changes nothing
+//                                      (and so does any insert, with
+//                                      Shm::Error, once the sequence numbers
+//                                      of the collection are used up)
 //   erase                              true when the key was there
 //   firstKey, nextKey, lowerBoundKey   the order; nextKey(k) and
 //                                      lowerBoundKey(k) work whether or not k
@@ -135,6 +138,7 @@ public:
   // REQUIRES: writer.
   void scratchpadIs(std::uint64_t v) {
     requireWriter();
+    detail::beforeStore(detail::WriteStep::control);
     detail::wordAt(block_->scratchpad).store(v, std::memory_order_release);
   }
 
@@ -278,13 +282,18 @@ protected:
     }
   }
 
-  // Writer mount: the high-water mark, clamped (and reported) when it is
-  // beyond the slots; prefaults the used part of the mapping.
+  // Writer mount: the high-water mark, bounded by slotsInFile() (and
+  // reported when it is beyond them by more than a crash leaves); prefaults
+  // that part of the mapping.
   std::uint32_t mountBegin();
   // Writer mount, per slot: frees a slot whose record was dropped or lost a
   // duplicate.
   void mountDrop(std::uint32_t slot, const std::string &detail);
   void mountFree(std::uint32_t slot);
+  // Writer mount, last: lowers the mark to just past the last slot that
+  // holds a record, and continues the sequence numbers after the largest
+  // seal (`maxSeq`) and the commit word, when that word is plausible (it is
+  // reported and ignored otherwise).
   void mountFinish(std::uint32_t hw, std::uint64_t maxSeq);
 
   // Writer: one change, around the stores of SlotWriter.h.
@@ -300,8 +309,16 @@ protected:
   // Reader: whether (slot, seal) was dropped by doCorruptionDetected.
   bool droppedByReader(std::uint32_t slot, std::uint64_t seal) const;
   void dropByReader(std::uint32_t slot, std::uint64_t seal);
-  std::uint32_t readerHighWater() const noexcept {
-    return highWater(*site_.control, site_.desc.slotCount);
+  // The slots of the collection that lie in the file as it is now: within
+  // its size (which damage may have cut since the mount) and starting before
+  // the end of its last written page (a page never written holds no seal,
+  // and touching it would make a sparse file allocate it). Costs an fstat
+  // and a few lseeks: for mounts and scans, not per record.
+  std::uint32_t slotsInFile() const;
+  // The slots a scan visits: the writer's own mark, or the file's mark
+  // bounded by slotsInFile().
+  std::uint32_t scanEnd() const {
+    return site_.writer ? hw_ : highWater(*site_.control, slotsInFile());
   }
   std::uint64_t commitWord() const noexcept {
     return loadWord(site_.control->commitSeq, std::memory_order_acquire);
@@ -433,6 +450,9 @@ public:
   // key when count() == capacity().
   void insert(const Record &r) {
     requireWriter();
+    if (nextSeq_ > format::kSeqMask) [[unlikely]] {
+      throwExhausted();
+    }
     const Key key = Traits::keyOf(r);
     const std::uint64_t h = hashBytes(&key, sizeof(Key));
     prefetchDestination();
@@ -543,7 +563,7 @@ public:
     Record rec;
     const std::uint64_t c0 = commitWord(); // R4
     bool complete = true;
-    const std::uint32_t hw = readerHighWater();
+    const std::uint32_t hw = scanEnd();
     for (std::uint32_t i = 0; i < hw; ++i) {
       std::uint64_t seal = 0;
       const detail::SlotRead got =
@@ -596,8 +616,9 @@ public:
   // The live slots found by one scan. Reader or writer; O(slots used).
   std::size_t countByScan() const {
     std::size_t n = 0;
-    scanConsistently([&] { n = 0; }, [&](std::uint32_t, std::uint64_t,
-                                         const Record &) { ++n; });
+    scanConsistently(
+        [&](std::uint32_t) { n = 0; },
+        [&](std::uint32_t, std::uint64_t, const Record &) { ++n; });
     return n;
   }
 
@@ -813,17 +834,18 @@ private:
     mountFinish(hw, maxSeq);
   }
 
-  // Reader scans. `reset()` runs before each attempt, `visit(slot, seal,
-  // record)` for each live record. Throws CorruptionError at a bad record.
+  // Reader scans. `reset(slots)` runs before each attempt, with the number
+  // of slots it visits; `visit(slot, seal, record)` for each live record.
+  // Throws CorruptionError at a bad record.
   template <typename Reset, typename Visit>
   void scanConsistently(Reset &&reset, Visit &&visit) const {
     Record rec;
     bool consistent = false;
     for (unsigned attempt = 0; attempt < kScanTries && !consistent; ++attempt) {
-      reset();
       const std::uint64_t c0 = commitWord(); // R4
       bool complete = true;
-      const std::uint32_t hw = readerHighWater();
+      const std::uint32_t hw = scanEnd();
+      reset(hw);
       for (std::uint32_t i = 0; i < hw; ++i) {
         std::uint64_t seal = 0;
         switch (detail::readSlot(slotAt(i), &rec, sizeof rec, seal)) {
@@ -859,7 +881,7 @@ private:
     bool found = false;
     std::uint64_t best = 0;
     scanConsistently(
-        [&] {
+        [&](std::uint32_t) {
           found = false;
           best = 0;
         },
@@ -883,11 +905,11 @@ private:
     std::vector<Item> items;
     std::vector<Record> recs;
     scanConsistently(
-        [&] {
+        [&](std::uint32_t slots) {
           items.clear();
           recs.clear();
-          items.reserve(readerHighWater());
-          recs.reserve(readerHighWater());
+          items.reserve(slots);
+          recs.reserve(slots);
         },
         [&](std::uint32_t, std::uint64_t seal, const Record &r) {
           const Key k = Traits::keyOf(r);
