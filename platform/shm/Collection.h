@@ -7,10 +7,11 @@
 //     using Key = MplsIsem2EntryKey;
 //     using Record = MplsIsem2ConfigSlateEntry;
 //     static Key keyOf(const Record &r) { return r.key; }
-//     static bool flagged(const Record &r) { return r.markedDeleted; } //
-//     optional static constexpr const char *kRecordName =
-//     "MicaMpls::MplsIsem2ConfigSlateEntry"; static constexpr std::uint32_t
-//     kRecordVersion = 1;
+//     // Optional: the collection counts the records it flags.
+//     static bool flagged(const Record &r) { return r.markedDeleted; }
+//     static constexpr const char *kRecordName =
+//         "MicaMpls::MplsIsem2ConfigSlateEntry";
+//     static constexpr std::uint32_t kRecordVersion = 1;
 //   };
 //
 //   auto &c = slate->swTableEntries();
