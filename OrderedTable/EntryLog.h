@@ -18,37 +18,43 @@
 // Crash safety. Each record is published atomically by the store. A change
 // reserves its version in the change log's scratchpad first, then writes its
 // records, then marks itself complete in the change log's auxiliary word.
-// An agent killed at any point restarts with a table version at least as
-// high as every version used, so no two records ever share a log version.
-// A change cut off between its records is completed when its unit is
-// mounted (completeLastChange): a write or deletion of one entry writes the
-// configuration record before the change-log record, a table deletion the
-// change-log record before it marks the unit's records, so the first record
-// always says what the change was. A change cut off before its first record
-// leaves only a version that nobody uses. A clean-up deletes the
-// configuration records of a change before its change-log record, so one
-// cut off is redone by the next. Mounting also takes the highest version
-// found in the change log and in each unit's records into account, so a
-// damaged scratchpad cannot make a version be handed out twice either.
+// When it is made, the entry log continues after the largest version on
+// file: the scratchpad's, the change log's, and those in the configuration
+// table of every unit on file, mounted yet or not. So an agent killed at any
+// point, a damaged scratchpad, or units mounted at different times never
+// make a version be handed out that a record already holds. A change cut off
+// between its records is completed then too, before any other change can
+// start and whichever unit is mounted first (completeLastChange): a write or
+// deletion of one entry writes the configuration record before the
+// change-log record, a table deletion the change-log record before it marks
+// the unit's records, so the first record always says what the change was.
+// A change cut off before its first record leaves only a version that
+// nobody uses. A clean-up deletes the configuration records of a change
+// before its change-log record, so one cut off is redone by the next.
 //
 // Failures. A lookup that meets corrupt shared memory hands the error to the
 // collection's corruption handling, which drops the record; the record then
 // counts as absent. A write of a new key into a full configuration table, or
 // any change into a full change log, throws Shm::CollectionFullError with
 // nothing written and no version used; the commit turns it into a failed
-// change.
+// change. A change that finds the versions used up (only a damaged
+// scratchpad gets there) throws Shm::Error, with nothing written.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "OrderedTable/EntryLogRecords.h"
 #include "OrderedTable/TableBinding.h"
 #include "platform/agentlog/AgentLog.h"
+#include "platform/asic/Constants.h"
 #include "platform/asic/EntryLogBase.h"
 #include "platform/asic/OrderedSwTable.h"
 #include "platform/framework/Assert.h"
@@ -144,6 +150,7 @@ public:
   void mountSlateChangeLog() {
     EL_TRACE(8, "");
     const std::string path = B::Constants::tableEntryLogSlatePath();
+    bool wiped = false;
     auto slate = checkAndwriteMountSlate<EntryLogSlateT>(
         entityManager(), EntryLogSlateT::kTypeName, path, agentName(),
         [](Shm::MountInfo &info) {
@@ -153,22 +160,14 @@ public:
         [](Fwk::Ptr<EntryLogSlateT> &s) -> Shm::CollectionControl & {
           return s->entryLogConfig().control();
         },
-        [this] { raiseWiped("entryLog"); });
+        [this, &wiped] {
+          wiped = true;
+          raiseWiped("entryLog");
+        });
     FWK_ASSERT_NAMED(slate, "tableEntryLog");
     tableEntryLog_ = slate;
     notify(attrTableEntryLog);
-    // Version allocation continues where the previous agent stopped.
-    const LogVersion stored = slate->entryLogConfig().control().scratchpad();
-    LogVersion version = stored;
-    forEachRecord(
-        slate->entryLogConfig(), [&] { version = stored; },
-        [&](const LogRecord &r) { version = std::max(version, r.logVersion); });
-    tableVersionIs(version);
-    // The last version handed out belongs to the change the previous agent
-    // made last; when it is not marked complete, the units' mounts complete
-    // it (completeLastChange).
-    const LogVersion complete = slate->entryLogConfig().control().auxiliary();
-    lastChange_ = complete < version ? version : 0;
+    restoreTableVersion(wiped);
     EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path,
              tableVersion());
   }
@@ -192,34 +191,22 @@ public:
     tableConfigSlateIs(unitId, cfgSlate);
     EL_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
 
-    // One walk serves three ends: it drops confirmed deletions, it makes sure
-    // no version this unit holds can be handed out again, and it finds the
-    // record of the last change if that is this unit's.
+    // The versions this unit holds, and the change it may have been cut in,
+    // were taken into account when the entry log was made.
+    if (logVersion == 0) {
+      return;
+    }
     std::vector<Key> confirmed;
-    LogVersion highest = 0;
-    std::optional<ConfigEntry> last;
     forEachRecord(
-        cfgSlate->swTableEntries(),
-        [&] {
-          confirmed.clear();
-          highest = 0;
-          last.reset();
-        },
+        cfgSlate->swTableEntries(), [&] { confirmed.clear(); },
         [&](const ConfigEntry &r) {
-          highest = std::max(highest, r.logVersion);
-          if (logVersion != 0 && r.isDeleted && r.logVersion <= logVersion) {
+          if (r.isDeleted && r.logVersion <= logVersion) {
             confirmed.push_back(r.logEntry.key);
-          } else if (r.logVersion == lastChange_) {
-            last = r;
           }
         });
     for (const Key &key : confirmed) {
       cfgSlate->swTableEntriesDel(key);
     }
-    if (highest > tableVersion()) {
-      reserveVersion(highest);
-    }
-    completeLastChange(unitId, *cfgSlate, last);
   }
 
   // ---- The map of configuration tables ----
@@ -315,7 +302,7 @@ public:
       }
     }
     refuseIfLogFull();
-    const LogVersion v = reserveVersion(tableVersion() + 1);
+    const LogVersion v = reserveNextVersion();
     ConfigEntry record{};
     record.rsrcKeys = rsrcKeys;
     record.logEntry = logEntry;
@@ -347,7 +334,7 @@ public:
       return 0;
     }
     refuseIfLogFull();
-    const LogVersion v = reserveVersion(tableVersion() + 1);
+    const LogVersion v = reserveNextVersion();
     stored.logVersion = v;
     stored.isDeleted = true;
     slate.swTableEntriesIs(stored);
@@ -362,7 +349,7 @@ public:
     EL_TRACE(8, " neededEntry:{}, unitId: {}", neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
     refuseIfLogFull();
-    const LogVersion v = reserveVersion(tableVersion() + 1);
+    const LogVersion v = reserveNextVersion();
     // The change-log record comes first: it names every record the deletion
     // marks, so a restart can finish the marking (completeLastChange).
     logChange(v, LogEntry{}, unitId, LogRecord::kTableDelete, neededEntry);
@@ -477,10 +464,18 @@ private:
     tableEntryLog_->entryLogConfig().prefetch(tableVersion() + 1);
   }
 
-  // Reserves versions up to `v` in the scratchpad before anything uses them.
-  LogVersion reserveVersion(LogVersion v) {
+  // Reserves the next version in the scratchpad before anything uses it.
+  // No agent counts up to the end of 64 bits; damage can put the scratchpad
+  // there, and then the change fails rather than wrap to version 0, which
+  // stands for none.
+  LogVersion reserveNextVersion() {
+    if (tableVersion() == std::numeric_limits<LogVersion>::max()) [[unlikely]] {
+      throw Shm::Error(
+          fmt::format("{}: the log versions are used up", B::kEntryLogClass));
+    }
+    const LogVersion v = tableVersion() + 1;
     tableEntryLog_->entryLogConfig().control().scratchpadIs(v);
-    tableVersionInc(v - tableVersion());
+    tableVersionInc(1);
     return v;
   }
   // Takes back the reservation of `v`, which no record carries.
@@ -538,14 +533,15 @@ private:
   }
 
   // Visits every record of a collection (read only) in one sequential pass
-  // over its slots, in no particular order. A corrupt record is dropped and
-  // the pass starts over, so `restart` runs before every pass.
+  // over its slots, in no particular order. A corrupt record is dropped (by
+  // its slot, so once) and the pass starts over, so `restart` runs before
+  // every pass.
   template <typename Coll, typename R, typename F>
   static void forEachRecord(Coll &coll, R &&restart, F &&f) {
     for (;;) {
       restart();
       try {
-        coll.forEachUnordered(f);
+        coll.forEachInPlace(f);
         return;
       } catch (const Shm::CorruptionError &e) {
         coll.doCorruptionDetected(e.what());
@@ -578,37 +574,138 @@ private:
     });
   }
 
+  // Sets the table version after every version on file: the scratchpad,
+  // the change log, and the configuration table of every unit on file,
+  // mounted yet or not (a unit mounted later must not hold a version handed
+  // out before its mount). Then completes the change that holds the largest
+  // version if a crash cut it, unless the change log was lost.
+  void restoreTableVersion(bool logWiped) {
+    auto &log = tableEntryLog_->entryLogConfig();
+    const LogVersion stored = log.control().scratchpad();
+    LogVersion version = stored;
+    forEachRecord(
+        log, [&] { version = stored; },
+        [&](const LogRecord &r) { version = std::max(version, r.logVersion); });
+    std::vector<UnitId> units;
+    std::optional<std::pair<UnitId, ConfigEntry>> newest;
+    forEachUnitOnFile([&](UnitId unit, ConfigCollection &coll) {
+      units.push_back(unit);
+      std::optional<ConfigEntry> best;
+      forEachRecord(
+          coll, [&] { best.reset(); },
+          [&](const ConfigEntry &r) {
+            if (!best || r.logVersion > best->logVersion) {
+              best = r;
+            }
+          });
+      if (best && (!newest || best->logVersion > newest->second.logVersion)) {
+        newest.emplace(unit, *best);
+      }
+    });
+    if (newest) {
+      version = std::max(version, newest->second.logVersion);
+    }
+    tableVersionIs(version);
+    if (!logWiped && version > log.control().auxiliary()) {
+      completeLastChange(version, newest, units);
+    }
+  }
+
+  using ConfigCollection = typename ConfigSlateT::Collection;
+
+  // The path and unit of every configuration table on file.
+  std::vector<std::pair<std::string, UnitId>> unitsOnFile() const {
+    const std::string any = B::Constants::configSlatePath(0);
+    std::vector<std::pair<std::string, UnitId>> out;
+    for (std::string &path : agentShmEntityManager(*entityManager())
+                                 ->entityPaths(any.substr(0, any.rfind('/')))) {
+      const auto unit = Constants::getUnitIdFromConfigPath(path);
+      if (unit && B::Constants::configSlatePath(*unit) == path) {
+        out.emplace_back(std::move(path), *unit);
+      }
+    }
+    return out;
+  }
+
+  // Calls f(unit, records) for every unit's configuration table on file:
+  // through its mount when it is mounted, else through a read-only mount
+  // that ends with f. A file that cannot be read as one (damaged or of
+  // another layout) is skipped: its unit's mount recreates it empty.
+  template <typename F> void forEachUnitOnFile(F &&f) const {
+    auto shm = agentShmEntityManager(*entityManager());
+    for (const auto &[path, unit] : unitsOnFile()) {
+      if (auto mounted = Fwk::ptrCast<ConfigSlateT>(shm->entity(path))) {
+        f(unit, mounted->swTableEntries());
+        continue;
+      }
+      auto group = shm->mountGroup();
+      try {
+        group->doMount(path, ConfigSlateT::kTypeName,
+                       Shm::MountInfo(Shm::MountInfo::kReaderMount));
+      } catch (const Shm::CorruptionError &) {
+        continue;
+      } catch (const Shm::LayoutError &) {
+        continue;
+      } catch (const Shm::NotFoundError &) {
+        continue; // removed since it was listed
+      }
+      const UnmountAtEnd end{group};
+      f(unit, Fwk::ptrCast<ConfigSlateT>(shm->entity(path))->swTableEntries());
+    }
+  }
+  struct UnmountAtEnd {
+    Fwk::Ptr<Shm::MountGroup> group;
+    ~UnmountAtEnd() { group->doUnmount(); }
+  };
+
   // A change is written in two collections, so a crash can cut it in half;
   // the change log's auxiliary word holds the version of the last change
-  // that was written whole. A write or a deletion of one entry writes its
-  // configuration record first, and a restart that finds that record
-  // without its change-log record writes the latter. A table deletion
-  // writes its change-log record first, and a restart that finds it marks
-  // whatever is left. Only the last change can be cut off, and it is
-  // completed only before the next one starts. `last` is the unit's record
-  // that carries the version of the last change, if any.
-  void completeLastChange(UnitId unitId, ConfigSlateT &slate,
-                          const std::optional<ConfigEntry> &last) {
-    const LogVersion v = lastChange_;
-    if (v == 0 || v != tableVersion()) {
-      return;
-    }
+  // that was written whole. The change of `v`, the largest version on file,
+  // was not, and it is completed when the entry log is made: later, another
+  // unit's change could come first, and a restart before this unit's mount
+  // would find that one complete and this one forgotten. A write or a
+  // deletion of one entry writes its configuration record first (`newest`,
+  // when it carries v): the change-log record is written. A table deletion
+  // writes its change-log record first: the unit's records are marked.
+  void completeLastChange(
+      LogVersion v, const std::optional<std::pair<UnitId, ConfigEntry>> &newest,
+      const std::vector<UnitId> &units) {
     LogRecord logged;
     if (tableEntryLog_->entryLogConfig().findOrDrop(v, logged)) {
-      if (logged.isTableDelete() && logged.unitId == unitId) {
+      if (logged.isTableDelete() &&
+          std::find(units.begin(), units.end(), logged.unitId) != units.end()) {
         EL_TRACE(
             2, " completing table delete {} of unitId {} cut off by a restart",
-            v, unitId);
-        markTableDeleted(slate, v);
-        changeComplete(v);
+            v, logged.unitId);
+        markTableDeletedOnFile(logged.unitId, v);
       }
-    } else if (last) {
+    } else if (newest && newest->second.logVersion == v) {
+      const ConfigEntry &last = newest->second;
       EL_TRACE(2, " completing change {} of key {} cut off by a restart", v,
-               last->logEntry.key);
-      logChange(v, last->logEntry, unitId,
-                last->isDeleted ? LogRecord::kEntryDelete : 0, nullptr);
-      changeComplete(v);
+               last.logEntry.key);
+      logChange(v, last.logEntry, newest->first,
+                last.isDeleted ? LogRecord::kEntryDelete : 0, nullptr);
     }
+    changeComplete(v);
+  }
+
+  // markTableDeleted on a unit that need not be mounted yet: through a
+  // writer mount of its own, which ends here (the unit's own mount comes
+  // later, as usual).
+  void markTableDeletedOnFile(UnitId unitId, LogVersion v) {
+    auto shm = agentShmEntityManager(*entityManager());
+    const std::string path = B::Constants::configSlatePath(unitId);
+    auto mounted = Fwk::ptrCast<ConfigSlateT>(shm->entity(path));
+    if (mounted && mounted->access() == Shm::Access::write) {
+      markTableDeleted(*mounted, v);
+      return;
+    }
+    auto group = shm->mountGroup();
+    Shm::MountInfo info;
+    info.collectionInfoIs(ConfigSlateT::kCollection, ConfigSlateT::kCapacity);
+    group->doMount(path, ConfigSlateT::kTypeName, info);
+    const UnmountAtEnd end{group};
+    markTableDeleted(*Fwk::ptrCast<ConfigSlateT>(shm->entity(path)), v);
   }
 
   // Marks change v written whole.
@@ -644,7 +741,6 @@ private:
   Fwk::Ptr<EntryLogSlateT> tableEntryLog_;
   Fwk::HashMap<UnitId, Fwk::Ptr<ConfigSlateT>> tableConfigSlate_{0x27b70a85u};
   LogVersion cleanupVersion_ = 0;
-  LogVersion lastChange_ = 0; // the version of the last change before a start
 };
 
 #undef EL_TRACE

@@ -1,17 +1,24 @@
 #include "platform/shm/Collection.h"
 
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fmt/format.h>
+
+#include <cerrno>
 
 namespace Shm {
 
 void CollectionControl::clearWiped() {
   requireWriter();
+  detail::beforeStore(detail::WriteStep::control);
   detail::wordAt(block_->wiped).store(0, std::memory_order_release);
 }
 
 namespace detail {
+
+void (*writeStepHook)(WriteStep) = nullptr;
 
 CollectionCore::CollectionCore(const CollectionSite &site) : site_(site) {
   control_.block_ = site_.control;
@@ -50,6 +57,13 @@ void CollectionCore::throwFull(const void *key, std::size_t keySize) const {
       name(), site_.file->entityPath, capacity(), hex));
 }
 
+void CollectionCore::throwExhausted() const {
+  throw Error(fmt::format(
+      "collection {} of {}: its sequence numbers are used up (a seal holds "
+      "the largest one); nothing written",
+      name(), site_.file->filePath));
+}
+
 void CollectionCore::reportCorruption(const std::string &message) {
   ++corruptions_;
   reporter().corruption(message);
@@ -75,17 +89,70 @@ void CollectionCore::growFree() {
   free_.reserve(std::max<std::size_t>(64, free_.capacity() * 2));
 }
 
+std::uint32_t CollectionCore::slotsInFile() const {
+  const format::CollectionDesc &d = site_.desc;
+  const int fd = site_.file->fd;
+  struct stat st {};
+  std::uint64_t end = d.slotsOffset + d.slotsBytes;
+  end = std::min<std::uint64_t>(end, site_.file->size);
+  if (::fstat(fd, &st) == 0) {
+    end = std::min<std::uint64_t>(end, static_cast<std::uint64_t>(st.st_size));
+  }
+  if (end <= d.slotsOffset) {
+    return 0;
+  }
+  // Whole slots only: a slot cut by the end of the file is not touched.
+  std::uint64_t slots = (end - d.slotsOffset) / d.slotSize;
+  // The end of the last extent of data in [slotsOffset, end). Every slot
+  // that holds a seal had its header and record written, so they lie before
+  // that end (only the few padding bytes after a record may not). Where the
+  // file system cannot tell (or the extents are too many to follow), the
+  // size alone bounds the scan.
+  constexpr int kMaxExtents = 64;
+  std::uint64_t dataEnd = d.slotsOffset;
+  off_t at = static_cast<off_t>(d.slotsOffset);
+  for (int n = 0;; ++n) {
+    const off_t data = ::lseek(fd, at, SEEK_DATA);
+    if (data < 0) {
+      if (errno != ENXIO) {
+        return static_cast<std::uint32_t>(slots); // no extent information
+      }
+      break; // no data from `at` on
+    }
+    if (static_cast<std::uint64_t>(data) >= end) {
+      break;
+    }
+    const off_t hole = ::lseek(fd, data, SEEK_HOLE);
+    if (hole < 0 || n == kMaxExtents) {
+      return static_cast<std::uint32_t>(slots);
+    }
+    dataEnd = std::min<std::uint64_t>(static_cast<std::uint64_t>(hole), end);
+    if (dataEnd >= end) {
+      break;
+    }
+    at = hole;
+  }
+  const std::uint64_t used = format::kSlotHeaderSize + d.recordSize;
+  const std::uint64_t data = dataEnd - d.slotsOffset;
+  const std::uint64_t written =
+      data < used ? 0 : (data - used) / d.slotSize + 1;
+  return static_cast<std::uint32_t>(std::min(slots, written));
+}
+
 std::uint32_t CollectionCore::mountBegin() {
   const std::uint64_t mark =
       loadWord(site_.control->highWater, std::memory_order_relaxed);
-  std::uint32_t hw = static_cast<std::uint32_t>(
-      std::min<std::uint64_t>(mark, site_.desc.slotCount));
-  if (mark > site_.desc.slotCount) {
-    reportCorruption(
-        describe(CorruptionError::kNoSlot,
-                 fmt::format("high-water mark {} beyond the {} slots; clamped",
-                             mark, site_.desc.slotCount)));
-    highWaterIs(*site_.control, hw);
+  const std::uint32_t inFile = slotsInFile();
+  const std::uint32_t hw =
+      static_cast<std::uint32_t>(std::min<std::uint64_t>(mark, inFile));
+  // A writer killed between storing the mark (W1) and writing the slot
+  // leaves the mark one slot past the written pages; more is damage.
+  if (mark > std::uint64_t{inFile} + 1) {
+    reportCorruption(describe(
+        CorruptionError::kNoSlot,
+        fmt::format("high-water mark {} beyond the {} slots in the file; "
+                    "not followed",
+                    mark, inFile)));
   }
   if (hw > 0) {
     // Fault the used prefix in at once; the rest of a sparse file is left
@@ -94,7 +161,11 @@ std::uint32_t CollectionCore::mountBegin() {
     auto *begin = reinterpret_cast<unsigned char *>( // NOLINT(performance-no-int-to-ptr)
         reinterpret_cast<std::uintptr_t>(site_.slots) &
         ~(format::kPageSize - 1));
-    const std::size_t len = static_cast<std::size_t>(slotAt(hw) - begin);
+    // Up to the last record's end: its padding may lie in a page that was
+    // never written.
+    const unsigned char *end =
+        slotAt(hw - 1) + format::kSlotHeaderSize + site_.desc.recordSize;
+    const std::size_t len = static_cast<std::size_t>(end - begin);
     // Read faults suffice: tmpfs pages map writable on a read fault.
     (void)::madvise(begin, len, MADV_POPULATE_READ);
   }
@@ -120,17 +191,35 @@ void CollectionCore::mountDrop(std::uint32_t slot, const std::string &detail) {
 }
 
 void CollectionCore::mountFinish(std::uint32_t hw, std::uint64_t maxSeq) {
+  // Every slot at or beyond the new mark is free (seal 0), so lowering it
+  // never hides a record from a reader; it heals a mark that damage (or an
+  // earlier clamp) left far beyond what is used.
+  while (hw > 0 && sealAt(slotAt(hw - 1)) == 0) {
+    --hw;
+  }
   hw_ = hw;
+  if (loadWord(site_.control->highWater, std::memory_order_relaxed) != hw) {
+    highWaterIs(*site_.control, hw);
+  }
+  free_.erase(std::remove_if(free_.begin(), free_.end(),
+                             [hw](std::uint32_t s) { return s >= hw; }),
+              free_.end());
   // Take free slots lowest first, so the used part stays compact.
   std::reverse(free_.begin(), free_.end());
-  std::uint64_t last =
-      loadWord(site_.control->commitSeq, std::memory_order_relaxed) >> 1;
-  if (last >= format::kSeqMask) {
-    reportCorruption(describe(CorruptionError::kNoSlot,
-                              fmt::format("commit sequence word {:#x} out of "
-                                          "range; ignored",
-                                          last)));
-    last = 0;
+  // Every change stores its number in the commit word before its seal (W2
+  // before W3), so the word is never below the largest seal; and it cannot
+  // have counted past kSeqPlausible. Outside those it was damaged: the
+  // numbers continue after the largest seal.
+  const std::uint64_t word =
+      loadWord(site_.control->commitSeq, std::memory_order_relaxed);
+  std::uint64_t last = word >> 1;
+  if (last > format::kSeqPlausible || last < maxSeq) {
+    reportCorruption(describe(
+        CorruptionError::kNoSlot,
+        fmt::format("commit sequence word {:#x} implausible (the largest "
+                    "seal holds {}); continuing after the largest seal",
+                    word, maxSeq)));
+    last = maxSeq;
   }
   nextSeq_ = std::max(last, maxSeq) + 1;
   // A crash may have left the busy bit set: the mount settles the change.

@@ -7,10 +7,11 @@
 //     using Key = MplsIsem2EntryKey;
 //     using Record = MplsIsem2ConfigSlateEntry;
 //     static Key keyOf(const Record &r) { return r.key; }
-//     static bool flagged(const Record &r) { return r.markedDeleted; } //
-//     optional static constexpr const char *kRecordName =
-//     "MicaMpls::MplsIsem2ConfigSlateEntry"; static constexpr std::uint32_t
-//     kRecordVersion = 1;
+//     // Optional: the collection counts the records it flags.
+//     static bool flagged(const Record &r) { return r.markedDeleted; }
+//     static constexpr const char *kRecordName =
+//         "MicaMpls::MplsIsem2ConfigSlateEntry";
+//     static constexpr std::uint32_t kRecordVersion = 1;
 //   };
 //
 //   auto &c = slate->swTableEntries();
@@ -33,6 +34,9 @@
 //   insert                             insert or replace; a new key when
 //                                      count() == capacity() throws
 //                                      CollectionFullError and changes nothing
+//                                      (and so does any insert, with
+//                                      Shm::Error, once the sequence numbers
+//                                      of the collection are used up)
 //   erase                              true when the key was there
 //   firstKey, nextKey, lowerBoundKey   the order; nextKey(k) and
 //                                      lowerBoundKey(k) work whether or not k
@@ -68,10 +72,12 @@
 // Corruption: a record whose seal, checksum or key is wrong raises
 // CorruptionError naming file, collection and slot. The caller passes its
 // what() to doCorruptionDetected(), which reports it to the Reporter, counts
-// it (corruptionCount()) and drops the record: the writer frees the slot and
-// forgets the key; a reader remembers the slot and seal and treats it as
-// absent until the writer reuses the slot. Corruption found by the mount scan
-// is reported, counted and dropped directly.
+// it (corruptionCount()) and drops the record by its slot, whatever its bytes
+// say (its key may be the damaged part): the writer frees the slot and
+// forgets the index entry that points at it; a reader remembers the slot and
+// seal and treats it as absent until the writer reuses the slot. So a scan
+// that is retried after each drop meets every bad record once. Corruption
+// found by the mount scan is reported, counted and dropped directly.
 //
 // NOT thread-safe: one thread uses a collection at a time. Readers in other
 // processes are always safe.
@@ -133,6 +139,7 @@ public:
   // REQUIRES: writer.
   void scratchpadIs(std::uint64_t v) {
     requireWriter();
+    detail::beforeStore(detail::WriteStep::control);
     detail::wordAt(block_->scratchpad).store(v, std::memory_order_release);
   }
 
@@ -143,6 +150,7 @@ public:
   // REQUIRES: writer.
   void auxiliaryIs(std::uint64_t v) {
     requireWriter();
+    detail::beforeStore(detail::WriteStep::control);
     detail::wordAt(block_->auxiliary).store(v, std::memory_order_release);
   }
 
@@ -237,6 +245,7 @@ protected:
   [[noreturn]] void throwCorrupt(std::uint32_t slot,
                                  const std::string &detail) const;
   [[noreturn]] void throwFull(const void *key, std::size_t keySize) const;
+  [[noreturn]] void throwExhausted() const;
   std::string describe(std::uint32_t slot, const std::string &detail) const;
   // Reports and counts one corruption the caller deals with itself.
   void reportCorruption(const std::string &message);
@@ -274,13 +283,18 @@ protected:
     }
   }
 
-  // Writer mount: the high-water mark, clamped (and reported) when it is
-  // beyond the slots; prefaults the used part of the mapping.
+  // Writer mount: the high-water mark, bounded by slotsInFile() (and
+  // reported when it is beyond them by more than a crash leaves); prefaults
+  // that part of the mapping.
   std::uint32_t mountBegin();
   // Writer mount, per slot: frees a slot whose record was dropped or lost a
   // duplicate.
   void mountDrop(std::uint32_t slot, const std::string &detail);
   void mountFree(std::uint32_t slot);
+  // Writer mount, last: lowers the mark to just past the last slot that
+  // holds a record, and continues the sequence numbers after the largest
+  // seal (`maxSeq`) and the commit word, when that word is plausible (it is
+  // reported and ignored otherwise).
   void mountFinish(std::uint32_t hw, std::uint64_t maxSeq);
 
   // Writer: one change, around the stores of SlotWriter.h.
@@ -296,8 +310,16 @@ protected:
   // Reader: whether (slot, seal) was dropped by doCorruptionDetected.
   bool droppedByReader(std::uint32_t slot, std::uint64_t seal) const;
   void dropByReader(std::uint32_t slot, std::uint64_t seal);
-  std::uint32_t readerHighWater() const noexcept {
-    return highWater(*site_.control, site_.desc.slotCount);
+  // The slots of the collection that lie in the file as it is now: within
+  // its size (which damage may have cut since the mount) and starting before
+  // the end of its last written page (a page never written holds no seal,
+  // and touching it would make a sparse file allocate it). Costs an fstat
+  // and a few lseeks: for mounts and scans, not per record.
+  std::uint32_t slotsInFile() const;
+  // The slots a scan visits: the writer's own mark, or the file's mark
+  // bounded by slotsInFile().
+  std::uint32_t scanEnd() const {
+    return site_.writer ? hw_ : highWater(*site_.control, slotsInFile());
   }
   std::uint64_t commitWord() const noexcept {
     return loadWord(site_.control->commitSeq, std::memory_order_acquire);
@@ -429,6 +451,9 @@ public:
   // key when count() == capacity().
   void insert(const Record &r) {
     requireWriter();
+    if (nextSeq_ > format::kSeqMask) [[unlikely]] {
+      throwExhausted();
+    }
     const Key key = Traits::keyOf(r);
     const std::uint64_t h = hashBytes(&key, sizeof(Key));
     prefetchDestination();
@@ -539,7 +564,7 @@ public:
     Record rec;
     const std::uint64_t c0 = commitWord(); // R4
     bool complete = true;
-    const std::uint32_t hw = readerHighWater();
+    const std::uint32_t hw = scanEnd();
     for (std::uint32_t i = 0; i < hw; ++i) {
       std::uint64_t seal = 0;
       const detail::SlotRead got =
@@ -592,8 +617,9 @@ public:
   // The live slots found by one scan. Reader or writer; O(slots used).
   std::size_t countByScan() const {
     std::size_t n = 0;
-    scanConsistently([&] { n = 0; }, [&](std::uint32_t, std::uint64_t,
-                                         const Record &) { ++n; });
+    scanConsistently(
+        [&](std::uint32_t) { n = 0; },
+        [&](std::uint32_t, std::uint64_t, const Record &) { ++n; });
     return n;
   }
 
@@ -609,18 +635,7 @@ public:
       if (site_.file->closed.load(std::memory_order_relaxed)) {
         break; // a closed handle changes nothing
       }
-      const auto pos = locate(p.key);
-      if (!pos.found || index_.at(pos.pos).slot != p.slot ||
-          sealAt(slotAt(p.slot)) != p.seal) {
-        continue; // already dropped or changed since
-      }
-      freeRoom();
-      const std::uint64_t seq = beginChange();
-      detail::unpublish(slotAt(p.slot));
-      endChange(seq);
-      free_.push_back(p.slot);
-      flagged_ -= index_.at(pos.pos).flags & kFlagged ? 1 : 0;
-      index_.eraseAt(pos.pos);
+      dropSlot(p.slot, p.seal, p.key);
     }
     pending_.clear();
   }
@@ -686,6 +701,40 @@ private:
   void maybeShrink() {
     if (index_.size() == 0 && index_.slots() > 4096) {
       index_.clear();
+    }
+  }
+
+  // Writer: frees `slot` if it still holds `seal`, and forgets the index
+  // entry that points at it. `key` is what the slot was read under: the
+  // index's key (found at once) or the record's own bytes, which may be the
+  // damaged part; then the entry is found by a walk of the index, which is
+  // rare enough to be cheap. A sealed slot that no entry points at is one
+  // the free list already holds (its seal was damaged while it was free):
+  // it is only cleared.
+  void dropSlot(std::uint32_t slot, std::uint64_t seal, const Key &key) {
+    if (slot >= hw_ || sealAt(slotAt(slot)) != seal) {
+      return; // already dropped or changed since
+    }
+    std::size_t pos = Array::npos;
+    if (const auto p = locate(key); p.found && index_.at(p.pos).slot == slot) {
+      pos = p.pos;
+    } else {
+      for (std::size_t q = index_.nextUsed(0); q != Array::npos;
+           q = index_.nextUsed(q + 1)) {
+        if (index_.at(q).slot == slot) {
+          pos = q;
+          break;
+        }
+      }
+    }
+    freeRoom();
+    const std::uint64_t seq = beginChange();
+    detail::unpublish(slotAt(slot));
+    endChange(seq);
+    if (pos != Array::npos) {
+      free_.push_back(slot);
+      flagged_ -= index_.at(pos).flags & kFlagged ? 1 : 0;
+      index_.eraseAt(pos);
     }
   }
 
@@ -786,17 +835,18 @@ private:
     mountFinish(hw, maxSeq);
   }
 
-  // Reader scans. `reset()` runs before each attempt, `visit(slot, seal,
-  // record)` for each live record. Throws CorruptionError at a bad record.
+  // Reader scans. `reset(slots)` runs before each attempt, with the number
+  // of slots it visits; `visit(slot, seal, record)` for each live record.
+  // Throws CorruptionError at a bad record.
   template <typename Reset, typename Visit>
   void scanConsistently(Reset &&reset, Visit &&visit) const {
     Record rec;
     bool consistent = false;
     for (unsigned attempt = 0; attempt < kScanTries && !consistent; ++attempt) {
-      reset();
       const std::uint64_t c0 = commitWord(); // R4
       bool complete = true;
-      const std::uint32_t hw = readerHighWater();
+      const std::uint32_t hw = scanEnd();
+      reset(hw);
       for (std::uint32_t i = 0; i < hw; ++i) {
         std::uint64_t seal = 0;
         switch (detail::readSlot(slotAt(i), &rec, sizeof rec, seal)) {
@@ -832,7 +882,7 @@ private:
     bool found = false;
     std::uint64_t best = 0;
     scanConsistently(
-        [&] {
+        [&](std::uint32_t) {
           found = false;
           best = 0;
         },
@@ -856,11 +906,11 @@ private:
     std::vector<Item> items;
     std::vector<Record> recs;
     scanConsistently(
-        [&] {
+        [&](std::uint32_t slots) {
           items.clear();
           recs.clear();
-          items.reserve(readerHighWater());
-          recs.reserve(readerHighWater());
+          items.reserve(slots);
+          recs.reserve(slots);
         },
         [&](std::uint32_t, std::uint64_t seal, const Record &r) {
           const Key k = Traits::keyOf(r);

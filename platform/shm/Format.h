@@ -41,14 +41,19 @@
 //      0  wiped       0 when clear; anything else reads as wiped (the
 //                     writer stores kWipedMark)
 //      8  scratchpad  the library's own word (its last log version)
-//     16  highWater   number of slots ever used: slots at or beyond it have
-//                     never been written. Only grows; bumped before a slot
-//                     beyond it is written. Readers and the mount scan stop
-//                     there (clamped to slotCount).
+//     16  highWater   number of slots in use: no slot at or beyond it holds
+//                     a seal. Bumped before a slot beyond it is written; the
+//                     writer's mount lowers it to just past the last slot
+//                     that holds a record. Readers and the mount scan stop
+//                     there, and never touch a slot beyond the file's size
+//                     or past its last written page (see slotsInFile in
+//                     Collection.h), whatever the word says.
 //     24  commitSeq   (seq << 1) | busy: the sequence number of the last
 //                     change, with bit 0 set while a change is being made.
 //                     Lets readers tell whether a scan overlapped a change,
 //                     and keeps sequence numbers growing across restarts.
+//                     The mount trusts it only between the largest seal's
+//                     sequence number and kSeqPlausible.
 //     32  auxiliary   a second word of the library's own (the entry log:
 //                     the version of its last complete change)
 //     40  reserved[3] 0
@@ -61,10 +66,11 @@
 //                       written, so always zero)
 //
 // Sequence numbers are per collection and only grow (56 bits last centuries
-// at millions of changes a second). A record is live exactly when its seal
-// carries the tag and its checksum matches; binding the seal into the
-// checksum means a stale checksum of an earlier occupant of the slot never
-// matches a newer seal.
+// at millions of changes a second; an insert that would need a 57th bit
+// throws instead of storing a seal that wrapped). A record is live exactly
+// when its seal carries the tag and its checksum matches; binding the seal
+// into the checksum means a stale checksum of an earlier occupant of the
+// slot never matches a newer seal.
 #pragma once
 
 #include <atomic>
@@ -96,6 +102,9 @@ inline constexpr std::uint64_t kSealTag = 0xA5ull << 56;
 inline constexpr std::uint64_t kTagMask = 0xFFull << 56;
 inline constexpr std::uint64_t kSeqMask = (1ull << 56) - 1;
 inline constexpr std::uint64_t kWipedMark = 0x5769706564215749ull;
+// More changes than a collection makes in a century at a million a second: a
+// commit word beyond it was damaged, not counted up to.
+inline constexpr std::uint64_t kSeqPlausible = 1ull << 52;
 
 inline constexpr bool sealValid(std::uint64_t seal) noexcept {
   return (seal & kTagMask) == kSealTag && (seal & kSeqMask) != 0;

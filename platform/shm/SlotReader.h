@@ -3,8 +3,9 @@
 //
 // Readers map the file read-only, take no lock and trust nothing: every word
 // they act on is checked, every loop is bounded by the slot count taken from
-// the validated header, and a slot that keeps changing under them is skipped
-// after a few tries rather than waited for.
+// the validated header and by the file's size at the time of the scan, and a
+// slot that keeps changing under them is skipped after a few tries rather
+// than waited for.
 //
 // A slot is read like a seqlock whose sequence is the seal:
 //   s1 = seal                              [R1: acquire, pairs with W3]
@@ -40,11 +41,12 @@ inline std::uint64_t loadWord(const std::uint64_t &w,
   return std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t &>(w)).load(o);
 }
 
-// [R0] The high-water mark, clamped to the slot count.
+// [R0] The high-water mark, clamped to `limit`: the slots that lie in the
+// file (a damaged mark must not send a reader past the end of the file).
 inline std::uint32_t highWater(const format::ControlBlock &c,
-                               std::uint32_t slotCount) noexcept {
+                               std::uint32_t limit) noexcept {
   const std::uint64_t hw = loadWord(c.highWater, std::memory_order_acquire);
-  return hw > slotCount ? slotCount : static_cast<std::uint32_t>(hw);
+  return hw > limit ? limit : static_cast<std::uint32_t>(hw);
 }
 
 // Copies the record of `slot` into `out` (`size` bytes). On ok and bad,

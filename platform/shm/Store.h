@@ -42,8 +42,8 @@
 //    index live only in the writer's memory and are rebuilt from the slots at
 //    every mount. The only summary word in the file, the high-water mark, is
 //    bumped before a slot beyond it is first written (W1 before W3), so every
-//    slot ever published lies below it; a mark beyond the slot count is
-//    clamped.
+//    sealed slot lies below it; the mount lowers it to just past the last
+//    sealed slot.
 // 2. A record is committed by one aligned 8-byte store, its seal (W3). The
 //    bytes and the checksum are written before it, into a slot whose seal is
 //    0, which the mount treats as free whatever the bytes hold. So a kill
@@ -63,11 +63,25 @@
 //    the largest of the seals it finds and of the commit word (W4), which
 //    records the sequence number of every change, erases included. So a
 //    newer copy always has the larger number, and a seal value never repeats
-//    in a slot (which the lock-free readers rely on).
+//    in a slot (which the lock-free readers rely on). The commit word is
+//    stored before any seal of its change, so one below the largest seal, or
+//    beyond what a collection can count to (kSeqPlausible), was damaged: the
+//    mount reports it and starts after the largest seal. Seals never wrap:
+//    once a seal holds the largest sequence number (only damage that kept a
+//    valid checksum gets there), every insert throws Shm::Error and writes
+//    nothing; erases still work.
 // 7. The scratchpad and the wiped flag are single 8-byte words. A file is
 //    created complete under a temporary name and renamed into place, so a
 //    kill during creation leaves either no file or the whole one; an unusable
 //    header is recreated (wiped) rather than repaired.
+// 8. No control word decides what memory is touched. Readers and the
+//    writer's mount scan slots only below the high-water mark bounded by the
+//    file as it is at that moment (fstat: its size, and its last written
+//    page), so a mark damaged to any value, or a file cut short under a
+//    reader, never faults past the end of the file and never makes a sparse
+//    file allocate its holes. The writer's mount reports a mark beyond what
+//    a crash leaves (one slot past the written pages) and stores the right
+//    one.
 // A user that hands out version numbers from the scratchpad reserves a
 // version there (stores it) before it writes any record carrying it; then
 // after a crash the scratchpad is at least every version a record carries,

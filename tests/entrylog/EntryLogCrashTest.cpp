@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "EntryLogFixture.h"
+#include "support/Fork.h"
 
 namespace {
 
@@ -234,7 +235,7 @@ TEST(EntryLogCrash, AKilledAgentLosesNoReportedChangeAndReusesNoVersion) {
 
   for (std::uint32_t round = 0; round < rounds && !HasFailure(); ++round) {
     done->store(0);
-    const pid_t child = ::fork();
+    const pid_t child = TestSupport::forkTied();
     ASSERT_GE(child, 0);
     if (child == 0) {
       env.start();

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <stdexcept>
 
 #include "EntryLogFixture.h"
 #include "platform/agentlog/AgentLog.h"
@@ -224,94 +225,138 @@ TYPED_TEST(EntryLog, NoVersionIsHandedOutTwiceWhenTheScratchpadFallsBehind) {
   using F = TypeParam;
   LogEnv<F> env;
   env.log->mountSlateConfig(1, 0);
+  env.log->mountSlateConfig(2, 0);
   for (std::uint32_t i = 1; i <= 5; ++i) {
-    env.log->entryIs(F::logEntry(i, i), F::rsrcKeys(i), nullptr, 1, env.stats,
-                     false);
+    env.log->entryIs(F::logEntry(i, i), F::rsrcKeys(i), nullptr, i <= 3 ? 1 : 2,
+                     env.stats, false);
   }
+  // The scratchpad word is damaged (here: reset).
+  auto damageScratchpad = [&](Asic::LogVersion v = 0) {
+    env.log->tableEntryLog()->entryLogConfig().control().scratchpadIs(v);
+  };
   env.log->cleanupEntryLog(3); // versions 4 and 5 stay in the change log
-  // The scratchpad word is damaged (here: reset): the versions still in the
-  // change log and in the unit's records are not handed out again.
-  env.log->tableEntryLog()->entryLogConfig().control().scratchpadIs(0);
+  damageScratchpad();
   env.restart();
   EXPECT_EQ(env.log->tableVersion(), 5u);
+  // With the change log empty too, unit 2 still holds 4 and 5, and it may
+  // be mounted after unit 1 has changed.
   env.log->cleanupEntryLog(5);
-  env.log->tableEntryLog()->entryLogConfig().control().scratchpadIs(0);
+  damageScratchpad();
   env.restart();
-  EXPECT_EQ(env.log->tableVersion(), 0u); // the log is empty now...
+  EXPECT_EQ(env.log->tableVersion(), 5u);
   env.log->mountSlateConfig(1, 0);
-  EXPECT_EQ(env.log->tableVersion(), 5u); // ...but unit 1 holds version 5
+  EXPECT_EQ(env.log->entryIs(F::logEntry(9, 9), F::rsrcKeys(9), nullptr, 1,
+                             env.stats, false),
+            6u);
+  env.log->mountSlateConfig(2, 0);
+  EXPECT_EQ(env.log->entryLogVersion(typename F::Key(5), 2), 5u);
+  // A new entry log over the open store reads its units through their
+  // mounts.
+  env.log->cleanupEntryLog(6);
+  damageScratchpad();
+  env.log = F::make(env.stateDb, env.group);
+  EXPECT_EQ(env.log->tableVersion(), 6u);
+
+  // Damaged to the end of the version space: changes fail, and write
+  // nothing, rather than wrap to version 0.
+  damageScratchpad(~Asic::LogVersion{0});
+  env.restart();
+  env.log->mountSlateConfig(1, 0);
+  EXPECT_THROW(env.log->entryIs(F::logEntry(1, 2), F::rsrcKeys(2), nullptr, 1,
+                                env.stats, false),
+               Shm::Error);
+  EXPECT_THROW(env.log->entryDel(typename F::Key(1), nullptr, 1), Shm::Error);
+  EXPECT_THROW(env.log->tableDel(nullptr, 1), Shm::Error);
+  EXPECT_EQ(env.log->entryLogRecords(), 0u);
+  EXPECT_EQ(env.log->entryLogVersion(typename F::Key(1), 1), 1u);
 }
 
-// A crash can cut a change between its records; the unit's mount finishes
-// it from the record written first, and leaves finished changes alone.
-TYPED_TEST(EntryLog, AChangeCutBetweenItsRecordsIsCompletedAtTheUnitsMount) {
+// A crash can cut a change between its records; the restart finishes it from
+// the record written first, whichever unit is mounted first and changed
+// before the cut change's unit is mounted, and leaves finished changes alone.
+TYPED_TEST(EntryLog, AChangeCutBetweenItsRecordsIsCompletedAtTheRestart) {
   using F = TypeParam;
+  using Key = typename F::Key;
   using Rec = typename F::B::EntryLog::ConfigEntry;
   using LogRec = typename F::B::EntryLog::LogRecord;
   LogEnv<F> env;
-  env.log->mountSlateConfig(1, 0);
-  for (std::uint32_t i = 1; i <= 3; ++i) {
-    env.log->entryIs(F::logEntry(i, i), F::rsrcKeys(i), nullptr, 1, env.stats,
-                     false);
+  for (const Asic::UnitId u : {1, 2}) {
+    env.log->mountSlateConfig(u, 0);
+    for (std::uint32_t i = 1; i <= 3; ++i) {
+      env.log->entryIs(F::logEntry(i, i), F::rsrcKeys(i), nullptr, u, env.stats,
+                       false);
+    }
   }
-  env.log->cleanupEntryLog(3);
+  env.log->cleanupEntryLog(6);
   auto changeLog = [&]() -> auto & {
     return env.log->tableEntryLog()->entryLogConfig();
   };
-  // Whole and retired: a restart logs nothing again.
-  env.restart();
-  env.log->mountSlateConfig(1, 0);
-  EXPECT_EQ(changeLog().count(), 0u);
-
-  // A write of key 4 and then a deletion of key 2, each cut after its
-  // configuration record.
-  auto cutAfterConfigRecord = [&](Rec r) {
-    changeLog().control().scratchpadIs(r.logVersion);
-    env.slate(1).swTableEntriesIs(r);
+  // Unit 1 is mounted and written first (key 7, a new value each time).
+  std::uint32_t unit1Writes = 0;
+  auto restartUnit1First = [&] {
     env.restart();
     env.log->mountSlateConfig(1, 0);
+    env.log->entryIs(F::logEntry(7, ++unit1Writes), F::rsrcKeys(7), nullptr, 1,
+                     env.stats, false);
+    env.log->mountSlateConfig(2, 0);
+  };
+  // Whole and retired: a restart logs nothing again.
+  restartUnit1First();
+  EXPECT_EQ(changeLog().count(), 1u); // unit 1's write
+  env.log->cleanupEntryLog(env.log->tableVersion());
+
+  // A write of key 4 and then a deletion of key 2 in unit 2, each cut after
+  // its configuration record.
+  auto cutAfterConfigRecord = [&](Rec r) {
+    r.logVersion = env.log->tableVersion() + 1;
+    changeLog().control().scratchpadIs(r.logVersion);
+    env.slate(2).swTableEntriesIs(r);
+    restartUnit1First();
+    return r.logVersion;
   };
   Rec write{};
   write.logEntry = F::logEntry(4, 4);
   write.rsrcKeys = F::rsrcKeys(4);
-  write.logVersion = 4;
-  cutAfterConfigRecord(write);
+  const Asic::LogVersion w = cutAfterConfigRecord(write);
   LogRec logged;
-  ASSERT_TRUE(changeLog().find(4, logged));
+  ASSERT_TRUE(changeLog().find(w, logged));
   EXPECT_EQ(logged.logEntry, write.logEntry);
+  EXPECT_EQ(logged.unitId, 2u);
   EXPECT_EQ(logged.deleteBits, 0u);
-  EXPECT_EQ(changeLog().control().auxiliary(), 4u);
+  EXPECT_EQ(env.log->entryLogVersion(Key(4), 2), w);
 
   Rec deletion{};
-  ASSERT_TRUE(env.slate(1).swTableEntries().find(typename F::Key(2), deletion));
-  deletion.logVersion = 5;
+  ASSERT_TRUE(env.slate(2).swTableEntries().find(Key(2), deletion));
   deletion.isDeleted = true;
-  cutAfterConfigRecord(deletion);
-  ASSERT_TRUE(changeLog().find(5, logged));
+  const Asic::LogVersion d = cutAfterConfigRecord(deletion);
+  ASSERT_TRUE(changeLog().find(d, logged));
   EXPECT_TRUE(logged.isEntryDelete());
-  EXPECT_EQ(env.log->entrysInDeletion(1), 1u);
+  EXPECT_EQ(logged.unitId, 2u);
+  EXPECT_EQ(env.log->entrysInDeletion(2), 1u);
 
-  // A table deletion cut after its change-log record and one marking.
+  // A table deletion of unit 2 cut after its change-log record and one
+  // marking.
+  const Asic::LogVersion t = env.log->tableVersion() + 1;
   LogRec tableDelete{};
-  tableDelete.logVersion = 6;
-  tableDelete.unitId = 1;
+  tableDelete.logVersion = t;
+  tableDelete.unitId = 2;
   tableDelete.deleteBits = LogRec::kTableDelete;
-  changeLog().control().scratchpadIs(6);
+  changeLog().control().scratchpadIs(t);
   env.log->tableEntryLog()->entryLogConfigIs(tableDelete);
   Rec first{};
-  ASSERT_TRUE(env.slate(1).swTableEntries().find(typename F::Key(1), first));
-  first.logVersion = 6;
+  ASSERT_TRUE(env.slate(2).swTableEntries().find(Key(1), first));
+  first.logVersion = t;
   first.isDeleted = true;
-  env.slate(1).swTableEntriesIs(first);
-  env.restart();
-  env.log->mountSlateConfig(1, 0);
-  EXPECT_EQ(env.log->entrys(1), 0u);
-  EXPECT_EQ(env.log->entrysInDeletion(1), 4u);
-  EXPECT_EQ(env.log->entryLogVersion(typename F::Key(3), 1), 6u);
-  EXPECT_EQ(env.log->entryLogVersion(typename F::Key(2), 1), 5u); // its own
-  EXPECT_EQ(env.log->entryIs(F::logEntry(1, 1), F::rsrcKeys(1), nullptr, 1,
-                             env.stats, false),
-            7u);
+  env.slate(2).swTableEntriesIs(first);
+  restartUnit1First();
+  EXPECT_EQ(env.log->entrys(2), 0u);
+  EXPECT_EQ(env.log->entrysInDeletion(2), 4u);
+  EXPECT_EQ(env.log->entryLogVersion(Key(3), 2), t);
+  EXPECT_EQ(env.log->entryLogVersion(Key(2), 2), d); // its own
+  // Unit 1 kept its records, and its writes got versions of their own.
+  EXPECT_EQ(env.log->entrys(1), 4u);
+  EXPECT_EQ(env.log->entrysInDeletion(1), 0u);
+  EXPECT_EQ(env.log->entryLogVersion(Key(7), 1), t + 1);
 }
 
 TYPED_TEST(EntryLog, AWipedCollectionIsReportedOnceAndAsksForARelaunch) {
@@ -338,7 +383,7 @@ TYPED_TEST(EntryLog, AWipedCollectionIsReportedOnceAndAsksForARelaunch) {
                 F::kItem);
   EXPECT_EQ(gen->majorId(), 1u);
   EXPECT_FALSE(env.log->tableEntryLog()->entryLogConfig().control().wiped());
-  EXPECT_EQ(env.log->tableVersion(), 0u);
+  EXPECT_EQ(env.log->tableVersion(), 1u); // the unit's record holds 1
 
   // The unit's configuration table: same report with its own item, and
   // without a relaunch record it is no error.
@@ -432,6 +477,34 @@ TYPED_TEST(EntryLog, ACorruptRecordReadsAsAbsent) {
   EXPECT_TRUE(log.entryHas(typename F::Key(2), 1));
   EXPECT_EQ(log.entrys(1), 1u);
   EXPECT_EQ(log.entryDel(typename F::Key(1), nullptr, 1), 0u);
+
+  // A damaged key byte: a walk meets the record under a key that is not the
+  // one it is indexed under. It is dropped by its slot, once, and the walk
+  // ends, when the unit is mounted again in the same process, and when a
+  // new entry log is made over the open store (its change-log record).
+  struct Reports : Shm::Reporter {
+    Reports() { Shm::reporterIs(this); }
+    ~Reports() override { Shm::reporterIs(nullptr); }
+    void corruption(const std::string &) override {
+      if (++count > 2) {
+        throw std::runtime_error("one corruption reported again and again");
+      }
+    }
+    int count = 0;
+  } reports;
+  auto damage = [](const void *record, std::size_t at) {
+    const_cast<unsigned char *>(
+        static_cast<const unsigned char *>(record))[at] ^= 0x5a;
+  };
+  damage(coll.findRef(typename F::Key(2)), sizeof(typename F::RsrcKeys));
+  EXPECT_NO_THROW(log.mountSlateConfig(1, 1));
+  EXPECT_EQ(log.entrys(1), 0u);
+  auto &changes = log.tableEntryLog()->entryLogConfig();
+  damage(changes.findRef(2), 0);
+  EXPECT_NO_THROW(env.log = F::make(env.stateDb, env.group));
+  EXPECT_EQ(reports.count, 2);
+  EXPECT_EQ(changes.count(), 1u);
+  EXPECT_EQ(coll.corruptionCount(), 2u);
 }
 
 TYPED_TEST(EntryLog, TracesItsMilestonesWithTheirTexts) {

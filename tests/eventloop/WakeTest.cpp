@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/eventloop/Loop.h"
+#include "support/Fork.h"
 
 namespace {
 
@@ -117,7 +118,7 @@ void expectWakeFromChild(bool useLoopCopy) {
   });
   bool expired = false;
   Evt::Timer guard = guardTimer(*loop, expired);
-  const pid_t child = ::fork();
+  const pid_t child = TestSupport::forkTied();
   ASSERT_GE(child, 0);
   if (child == 0) {
     ::usleep(50 * 1000);

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "platform/asic/GroupInterface.h"
+#include "support/Fork.h"
 #include "support/FreshInstance.h"
 
 namespace {
@@ -75,7 +76,7 @@ TEST(TableVersions, AHardwareWriterInAnotherProcess) {
   const std::string hw = hwAgent();
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
-  const pid_t child = ::fork();
+  const pid_t child = TestSupport::forkTied();
   ASSERT_GE(child, 0);
   if (child == 0) {
     ::close(ready[0]);

@@ -28,6 +28,7 @@
 #include <thread>
 
 #include "AgentFixture.h"
+#include "support/Fork.h"
 
 namespace {
 
@@ -304,7 +305,7 @@ TEST(RestartProcess, AKilledAgentRestartsWithWhatTheHardwareConfirmed) {
         Asic::mountTableVersionSlate(Shm::entityManager(a.hw, 0), "MicaMpls");
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
-    const pid_t one = ::fork();
+    const pid_t one = TestSupport::forkTied();
     ASSERT_GE(one, 0);
     if (one == 0) {
       ::close(ready[0]);
@@ -349,7 +350,7 @@ TEST(RestartProcess, AKilledAgentRestartsWithWhatTheHardwareConfirmed) {
     } catch (const Shm::Error &) {
     }
 
-    const pid_t two = ::fork();
+    const pid_t two = TestSupport::forkTied();
     ASSERT_GE(two, 0);
     if (two == 0) {
       agentTwo(a, hwIsem2, hwLem);

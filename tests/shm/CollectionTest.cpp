@@ -189,10 +189,25 @@ TEST(ShmCollection, FullCollectionRefusesNewKeysButReplaces) {
   ASSERT_TRUE(c.find(3, r));
   EXPECT_EQ(r.value, 47u);
   EXPECT_EQ(c.countByScan(), 4u);
+  // Every slot has been used, the spare too; a remount finds every record
+  // and can still replace, and still refuse a new key.
+  EXPECT_EQ(c.control().highWater(), 5u);
+  em->close();
+  em = Shm::entityManager(agent, 0);
+  auto &again = mount<Table>(em, "t", tableInfo(4))->entries();
+  EXPECT_EQ(walkKeys(again), order);
+  EXPECT_EQ(again.countByScan(), 4u);
+  ASSERT_TRUE(again.find(3, r));
+  EXPECT_EQ(r.value, 47u);
+  EXPECT_THROW(again.insert(SmallRecord{99, 1}), Shm::CollectionFullError);
+  again.insert(SmallRecord{3, 48});
+  ASSERT_TRUE(again.find(3, r));
+  EXPECT_EQ(r.value, 48u);
   // An erase makes room again.
-  EXPECT_TRUE(c.erase(0));
-  c.insert(SmallRecord{99, 1});
-  EXPECT_EQ(c.count(), 4u);
+  EXPECT_TRUE(again.erase(0));
+  again.insert(SmallRecord{99, 1});
+  EXPECT_EQ(again.count(), 4u);
+  EXPECT_EQ(again.countByScan(), 4u);
   em->close();
 }
 

@@ -1,7 +1,9 @@
 // Damaged bytes: every kind is reported, counted and read as absent, by the
 // writer's mount, by the writer's reads and by readers, and nothing crashes.
 #include <fstream>
+#include <functional>
 #include <random>
+#include <stdexcept>
 
 #include "ShmTestTypes.h"
 #include "platform/shm/Format.h"
@@ -125,6 +127,34 @@ TEST(ShmCorruption, WriterReadsThrowAndTheCallerDropsTheRecord) {
   big.insert(bigRecord(2, 7));
   ASSERT_TRUE(big.find(key, r));
   EXPECT_EQ(r.value, 7u);
+
+  // A damaged key: the writer's scans in slot order read the record's own
+  // key, not the one it is indexed under. The drop finds the record by its
+  // slot all the same, once, and the scan retried after it completes.
+  const std::vector<std::pair<std::uint32_t, std::function<void()>>> scans = {
+      {6, [&] { big.forEachInPlace([](const BigRecord &) {}); }},
+      {7, [&] { big.forEachUnordered([](const BigRecord &) {}); }},
+      {1, [&] { big.countByScan(); }},
+  };
+  for (const auto &[label, scan] : scans) {
+    const BigKey k{label, label % 4};
+    const_cast<BigRecord *>(big.findRef(k))->key.label ^= 0x100;
+    int thrown = 0;
+    for (int pass = 0; pass < 3; ++pass) {
+      try {
+        scan();
+        break;
+      } catch (const Shm::CorruptionError &e) {
+        ++thrown;
+        big.doCorruptionDetected(e.what());
+      }
+    }
+    EXPECT_EQ(thrown, 1) << label;
+    EXPECT_FALSE(big.contains(k)) << label;
+  }
+  EXPECT_EQ(big.count(), 4u);
+  EXPECT_EQ(big.countByScan(), 4u);
+  EXPECT_EQ(big.corruptionCount(), 5u);
   em->close();
 }
 
@@ -254,6 +284,148 @@ TEST(ShmCorruption, DamagedControlWordsAndCatalogAreReported) {
   em->close();
 }
 
+// A damaged high-water mark, or a file cut short under a reader, never sends
+// a reader or the writer's mount past the file: nothing faults, the holes of
+// a sparse file stay holes, and the writer's mount stores the right mark.
+TEST(ShmCorruption, AHighWaterMarkBeyondTheFileIsNotFollowed) {
+  const std::string agent = freshAgent();
+  constexpr std::uint32_t kCap = 1u << 20; // a sparse file of 24 MiB
+  std::string file;
+  {
+    auto em = Shm::entityManager(agent, 0);
+    auto t = mount<Table>(em, "t", tableInfo(kCap));
+    for (std::uint32_t k = 0; k < 10; ++k) {
+      t->entries().insert(SmallRecord{k, k});
+    }
+    file = t->fileName();
+    em->close();
+  }
+  const format::FileHeader h = readHeader(file);
+  const std::uint64_t markAt = h.collections[0].controlOffset + 16;
+  auto allocated = [&] {
+    struct stat st {};
+    EXPECT_EQ(::stat(file.c_str(), &st), 0);
+    return st.st_blocks;
+  };
+  const auto blocks = allocated();
+  for (const std::uint64_t mark : {~std::uint64_t{0}, std::uint64_t{kCap}}) {
+    SCOPED_TRACE(mark);
+    pokeBytes(file, markAt, &mark, 8);
+    {
+      auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+      EXPECT_EQ(mount<Table>(ro, "t", readerInfo())->entries().countByScan(),
+                10u);
+      ro->close();
+    }
+    CaptureReporter rep;
+    for (int again = 0; again < 2; ++again) {
+      auto em = Shm::entityManager(agent, 0);
+      auto t = mount<Table>(em, "t", tableInfo(kCap));
+      EXPECT_EQ(t->entries().count(), 10u);
+      EXPECT_EQ(t->entries().control().highWater(), 10u);
+      em->close();
+    }
+    EXPECT_EQ(rep.corruptions.size(), 1u); // by the first mount only
+    EXPECT_LE(allocated(), blocks + 8);
+  }
+  // A reader whose file loses all but its first page of slots after the
+  // mount, with the mark damaged again: it reads what is left and lives.
+  const std::uint64_t huge = ~0ull;
+  pokeBytes(file, markAt, &huge, 8);
+  const pid_t reader = forkChild([&] {
+    auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
+    auto t = mount<Table>(ro, "t", readerInfo());
+    if (::truncate(file.c_str(),
+                   static_cast<off_t>(h.collections[0].slotsOffset + 4096)) !=
+        0) {
+      throw std::runtime_error("truncate failed");
+    }
+    std::size_t n = 0;
+    t->entries().forEach([&](const SmallRecord &) { ++n; });
+    t->entries().forEachUnordered([&](const SmallRecord &) { ++n; });
+    SmallRecord r;
+    if (n != 20 || t->entries().countByScan() != 10 ||
+        !t->entries().find(9, r)) {
+      throw std::runtime_error("records lost");
+    }
+  });
+  EXPECT_EQ(waitExit(reader), 0);
+}
+
+// Sequence numbers never wrap: a commit word damaged to near the end of the
+// sequence space is rejected at mount, and a seal holding the largest number
+// makes inserts fail loudly instead of storing seals that the next mount
+// would drop.
+TEST(ShmCorruption, SequenceNumbersNeverWrap) {
+  const std::string agent = freshAgent();
+  const std::string file = makeSlate(agent, 4);
+  const format::FileHeader h = readHeader(file);
+  const std::uint64_t logControl = h.collections[1].controlOffset;
+  const std::uint64_t nearEnd = (format::kSeqMask - 1) << 1;
+  pokeBytes(file, logControl + 24, &nearEnd, 8);
+  auto remount = [&](auto &&body) {
+    auto em = Shm::entityManager(agent, 0);
+    body(mount<Slate>(em, "s", slateInfo())->log());
+    em->close();
+  };
+  CaptureReporter rep;
+  remount([](Shm::Collection<LogTraits> &log) {
+    EXPECT_EQ(log.corruptionCount(), 1u);
+    for (std::uint64_t v = 1; v <= 8; ++v) { // replaces 1..4, adds 5..8
+      log.insert(logRecord(v, v + 50));
+    }
+  });
+  remount([](Shm::Collection<LogTraits> &log) {
+    EXPECT_EQ(log.corruptionCount(), 0u);
+    EXPECT_EQ(log.count(), 8u);
+    LogRecord r;
+    ASSERT_TRUE(log.find(1, r));
+    EXPECT_EQ(r.value, 51u);
+  });
+  EXPECT_EQ(rep.corruptions.size(), 1u);
+
+  // A record sealed with the largest number and a valid checksum, in the
+  // next fresh slot, as a writer would have left it.
+  std::uint64_t hw = 0;
+  {
+    std::ifstream in(file, std::ios::binary);
+    in.seekg(static_cast<std::streamoff>(logControl + 16));
+    in.read(reinterpret_cast<char *>(&hw), 8);
+  }
+  const LogRecord last = logRecord(100, 7);
+  const std::uint64_t seal = format::sealOf(format::kSeqMask);
+  const std::uint64_t ck = format::recordChecksum(&last, sizeof last, seal);
+  const std::uint64_t at = slotOffset(h, 1, static_cast<std::uint32_t>(hw));
+  const std::uint64_t commit = format::kSeqMask << 1;
+  pokeBytes(file, at + 16, &last, sizeof last);
+  pokeBytes(file, at + 8, &ck, 8);
+  pokeBytes(file, at, &seal, 8);
+  ++hw;
+  pokeBytes(file, logControl + 16, &hw, 8);
+  pokeBytes(file, logControl + 24, &commit, 8);
+  remount([](Shm::Collection<LogTraits> &log) {
+    EXPECT_EQ(log.count(), 9u);
+    EXPECT_THROW(log.insert(logRecord(200, 1)), Shm::Error);
+    EXPECT_THROW(log.insert(logRecord(1, 1)), Shm::Error); // a replace
+    EXPECT_EQ(log.count(), 9u);
+    // Erases still work; with that record gone, the next mount continues
+    // after the largest seal left.
+    EXPECT_TRUE(log.erase(100));
+  });
+  remount([](Shm::Collection<LogTraits> &log) {
+    log.insert(logRecord(200, 1));
+    log.insert(logRecord(1, 2));
+  });
+  remount([](Shm::Collection<LogTraits> &log) {
+    EXPECT_EQ(log.count(), 9u);
+    LogRecord r;
+    ASSERT_TRUE(log.find(1, r));
+    EXPECT_EQ(r.value, 2u);
+    EXPECT_TRUE(log.find(200, r));
+  });
+  EXPECT_EQ(rep.corruptions.size(), 3u); // each implausible commit word
+}
+
 // Random damage anywhere in the used part of a file, many times over: the
 // reader and the writer report it and carry on; what they return is whole.
 TEST(ShmCorruption, RandomFlipsNeverCrashAndNeverYieldBadRecords) {
@@ -351,6 +523,9 @@ TEST(ShmRecovery, TwoCopiesOfAKeyResolveToTheNewer) {
     pokeBytes(file, slotOffset(h, 0, 4), &seal, 8);
     const std::uint64_t hw = 5;
     pokeBytes(file, h.collections[0].controlOffset + 16, &hw, 8);
+    // The replace stored its number in the commit word before its seal.
+    const std::uint64_t commit = 1000 << 1;
+    pokeBytes(file, h.collections[0].controlOffset + 24, &commit, 8);
 
     CaptureReporter rep;
     auto em = Shm::entityManager(agent, 0);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/shm/Store.h"
+#include "support/Fork.h"
 
 namespace ShmTest {
 
@@ -225,7 +226,7 @@ inline void flipByte(const std::string &file, std::uint64_t offset,
 
 // Runs `body` in a forked child; the child exits 0 unless body throws.
 template <typename F> pid_t forkChild(F &&body) {
-  const pid_t pid = ::fork();
+  const pid_t pid = TestSupport::forkTied();
   if (pid == 0) {
     int rc = 0;
     try {

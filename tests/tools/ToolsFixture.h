@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "entrylog/EntryLogFixture.h"
+#include "support/Fork.h"
 #include "support/FreshInstance.h"
 #include "tools/hw/HwStore.h"
 #include "tools/hw/InstanceView.h"
@@ -40,7 +41,7 @@ class Program {
 public:
   Program(const std::string &name, const std::vector<std::string> &args)
       : outPath_(tempName("out")), errPath_(tempName("err")) {
-    pid_ = ::fork();
+    pid_ = TestSupport::forkTied();
     if (pid_ == 0) {
       const int out =
           ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);

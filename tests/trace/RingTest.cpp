@@ -9,6 +9,7 @@
 
 #include "platform/trace/RingFormat.h"
 #include "platform/trace/Trace.h"
+#include "support/Fork.h"
 #include "trace/TestSupport.h"
 
 namespace {
@@ -132,7 +133,7 @@ TEST_F(Ring, KeepsTheNewestEntriesWhenItWraps) {
 
 TEST_F(Ring, OutlivesAKilledWriterAndIsSharedByProcesses) {
   sweep(1);
-  const pid_t child = ::fork();
+  const pid_t child = TestSupport::forkTied();
   ASSERT_GE(child, 0);
   if (child == 0) {
     // A process of its own that opens the ring afresh, as another agent

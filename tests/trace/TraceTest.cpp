@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "platform/trace/Trace.h"
+#include "support/Fork.h"
 #include "trace/TestSupport.h"
 
 namespace TraceTestNs {
@@ -334,7 +335,7 @@ TEST_F(FileSink, RecordsOfTwoProcessesNeverInterleaveWithinALine) {
   // letter per process: any interleaving mixes letters within a line.
   std::vector<pid_t> children;
   for (const char letter : {'a', 'b'}) {
-    const pid_t pid = ::fork();
+    const pid_t pid = TestSupport::forkTied();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
       Trace::Handle h("Writer");
