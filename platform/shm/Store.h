@@ -2,17 +2,19 @@
 // records in memory-mapped files that outlive the writer process, read by
 // other processes without locks.
 //
-//   auto em = Shm::entityManager("mplsAgent", 0);            // takes the
-//   writer lock Shm::MountInfo info; info.collectionInfoIs("swTableEntries",
-//   65536); em->mountGroup()->doMount("isem2/slate/unit0",
-//   MplsIsem2ConfigSlate::kTypeName, info); auto slate =
-//   Fwk::ptrCast<MplsIsem2ConfigSlate>(em->entity("isem2/slate/unit0"));
+//   auto em = Shm::entityManager("mplsAgent", 0); // takes the writer lock
+//   Shm::MountInfo info;
+//   info.collectionInfoIs("swTableEntries", 65536);
+//   em->mountGroup()->doMount("isem2/slate/unit0",
+//                             MplsIsem2ConfigSlate::kTypeName, info);
+//   auto slate =
+//       Fwk::ptrCast<MplsIsem2ConfigSlate>(em->entity("isem2/slate/unit0"));
 //   slate->swTableEntries().insert(rec);
 //
 //   // another process:
 //   auto ro = Shm::entityManager("mplsAgent", 0, Shm::Access::read);
 //   ro->mountGroup()->doMount("isem2/slate/unit0",
-//   MplsIsem2ConfigSlate::kTypeName,
+//                             MplsIsem2ConfigSlate::kTypeName,
 //                             Shm::MountInfo(Shm::MountInfo::kReaderMount));
 //
 // Files. An instance (agent name, instance id) owns the directory
