@@ -37,8 +37,12 @@
 // counts as absent. A write of a new key into a full configuration table, or
 // any change into a full change log, throws Shm::CollectionFullError with
 // nothing written and no version used; the commit turns it into a failed
-// change. A change that finds the versions used up (only a damaged
-// scratchpad gets there) throws Shm::Error, with nothing written.
+// change. So does a change that needs a record the file system under the
+// store has no space for (Shm::NoSpaceError, a CollectionFullError): the
+// change-log record's space is reserved before anything is written, and
+// rewrites and deletions of configuration records never need new space. A
+// change that finds the versions used up (only a damaged scratchpad gets
+// there) throws Shm::Error, with nothing written.
 #pragma once
 
 #include <algorithm>
@@ -254,14 +258,14 @@ public:
   // ---- Logging changes ----
 
   // Whether a write of the key can be logged now: the change log has room,
-  // and the unit's configuration table holds the key or has room for it.
+  // and the unit's configuration table holds the key or has room for it,
+  // room including file space (which this reserves when needed).
   bool canLog(const Key &key, UnitId unitId) const {
-    const auto &log = tableEntryLog_->entryLogConfig();
-    if (log.count() >= log.capacity()) {
+    if (!tableEntryLog_->entryLogConfig().roomForNewKey()) {
       return false;
     }
-    const auto &coll = configSlateOf(unitId).swTableEntries();
-    return coll.count() < coll.capacity() || coll.contains(key);
+    auto &coll = configSlateOf(unitId).swTableEntries();
+    return coll.contains(key) || coll.roomForNewKey();
   }
 
   // Logs a write of one entry and returns its version. With
@@ -498,16 +502,19 @@ private:
     }
   }
 
-  // Nothing may be written when the change log is full: checked before a
-  // version is reserved. (A full configuration table is refused by the
-  // store itself, before it writes anything.)
+  // Nothing may be written when the change log cannot take the change's
+  // record, full or without file space for it: checked (and the space
+  // reserved) before a version is reserved. (A configuration table without
+  // room for a new key is refused by the store itself, before it writes
+  // anything.)
   void refuseIfLogFull() const {
-    const auto &log = tableEntryLog_->entryLogConfig();
+    auto &log = tableEntryLog_->entryLogConfig();
     if (log.count() >= log.capacity()) {
       throw Shm::CollectionFullError(
           fmt::format("{}: the change log is full ({} records)",
                       B::kEntryLogClass, log.capacity()));
     }
+    log.reserveNewKey();
   }
 
   // A lookup that treats corrupt shared memory as absence.

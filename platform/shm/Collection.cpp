@@ -7,8 +7,29 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace Shm {
+
+namespace {
+
+// How far ahead of what it needs a collection reserves file space, at least.
+constexpr std::uint64_t kReserveAhead = 256u << 10;
+
+// "new key <hex>" for messages, "a new key" when the key is not known.
+std::string newKeyText(const void *key, std::size_t keySize) {
+  if (!key) {
+    return "a new key";
+  }
+  std::string hex = "new key ";
+  const auto *b = static_cast<const unsigned char *>(key);
+  for (std::size_t i = 0; i < keySize && i < 32; ++i) {
+    hex += fmt::format("{:02x}", b[i]);
+  }
+  return hex;
+}
+
+} // namespace
 
 void CollectionControl::clearWiped() {
   requireWriter();
@@ -47,14 +68,51 @@ void CollectionCore::throwCorrupt(std::uint32_t slot,
 }
 
 void CollectionCore::throwFull(const void *key, std::size_t keySize) const {
-  std::string hex;
-  const auto *b = static_cast<const unsigned char *>(key);
-  for (std::size_t i = 0; i < keySize && i < 32; ++i) {
-    hex += fmt::format("{:02x}", b[i]);
-  }
   throw CollectionFullError(fmt::format(
-      "collection {} of {} is full ({} records): cannot insert new key {}",
-      name(), site_.file->entityPath, capacity(), hex));
+      "collection {} of {} is full ({} records): cannot insert {}", name(),
+      site_.file->entityPath, capacity(), newKeyText(key, keySize)));
+}
+
+void CollectionCore::throwNoSpace(const std::string &what) const {
+  const std::string msg =
+      fmt::format("{}: {}", what, std::strerror(spaceError_));
+  if (spaceError_ == ENOSPC || spaceError_ == EDQUOT) {
+    throw NoSpaceError(msg);
+  }
+  throw Error(msg);
+}
+
+void CollectionCore::throwNoSpace(const void *key, std::size_t keySize) const {
+  throwNoSpace(fmt::format("collection {} of {}: no file space for {}", name(),
+                           site_.file->filePath, newKeyText(key, keySize)));
+}
+
+bool CollectionCore::backSlots(std::uint32_t n) {
+  const std::uint32_t slots = site_.desc.slotCount;
+  n = std::min(n, slots);
+  if (n <= backed_) {
+    return true;
+  }
+  const std::uint64_t size = site_.desc.slotSize;
+  const std::uint64_t ahead =
+      std::max<std::uint64_t>(kReserveAhead / size, backed_ / 8);
+  const auto want = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+      slots, std::max<std::uint64_t>(n, backed_ + ahead)));
+  // When the chunk does not fit, what is needed may still (tmpfs gives back
+  // what a failed reservation took).
+  for (const std::uint32_t end : {want, n}) {
+    spaceError_ = detail::reserveSpace(site_.file->fd,
+                                       site_.desc.slotsOffset + backed_ * size,
+                                       (end - backed_) * size);
+    if (spaceError_ == 0) {
+      backed_ = end;
+      return true;
+    }
+    if (end == n) {
+      break;
+    }
+  }
+  return false;
 }
 
 void CollectionCore::throwExhausted() const {
@@ -71,6 +129,11 @@ void CollectionCore::reportCorruption(const std::string &message) {
 
 std::uint32_t CollectionCore::freshSlot() {
   FWK_ASSERT(hw_ < site_.desc.slotCount);
+  // The callers have made sure the slot is backed; should that ever not
+  // hold, the change fails here, before it stores anything, not in a fault.
+  if (hw_ >= backed_ && !backSlots(hw_ + 1)) [[unlikely]] {
+    throwNoSpace(nullptr, 0);
+  }
   const std::uint32_t s = hw_;
   unsigned char *slot = slotAt(s);
   if (sealAt(slot) != 0) {
@@ -153,6 +216,16 @@ std::uint32_t CollectionCore::mountBegin() {
         fmt::format("high-water mark {} beyond the {} slots in the file; "
                     "not followed",
                     mark, inFile)));
+  }
+  // Nothing below is read or written before the slots in use and the spare
+  // are backed: a writer that died between storing the mark and writing the
+  // slot (a full file system's SIGBUS, say) left the mark over a hole, which
+  // a read on a full tmpfs turns into SIGBUS too.
+  backed_ = 0;
+  if (!backSlots(hw + 1)) {
+    throwNoSpace(fmt::format("{}, collection {}: cannot reserve file space "
+                             "for its {} slots in use and a spare",
+                             site_.file->filePath, name(), hw));
   }
   if (hw > 0) {
     // Fault the used prefix in at once; the rest of a sparse file is left

@@ -33,10 +33,13 @@
 //                                      throw CorruptionError when they fail
 //   insert                             insert or replace; a new key when
 //                                      count() == capacity() throws
-//                                      CollectionFullError and changes nothing
-//                                      (and so does any insert, with
-//                                      Shm::Error, once the sequence numbers
-//                                      of the collection are used up)
+//                                      CollectionFullError and changes nothing,
+//                                      and so does one the file system has no
+//                                      space for (NoSpaceError, see below);
+//                                      any insert throws Shm::Error, changing
+//                                      nothing, once the sequence numbers of
+//                                      the collection are used up
+//   roomForNewKey, reserveNewKey       whether such an insert would succeed
 //   erase                              true when the key was there
 //   firstKey, nextKey, lowerBoundKey   the order; nextKey(k) and
 //                                      lowerBoundKey(k) work whether or not k
@@ -68,6 +71,14 @@
 //   countByScan         the live slots of one such scan
 // count(), flaggedCount(), the key walk, insert and erase are writer-only
 // (assertion).
+//
+// Full file system: the writer never stores into a page of the file that the
+// file system has not allocated (a store into a hole of a full tmpfs raises
+// SIGBUS). Space is reserved ahead of the high-water mark, a chunk at a time,
+// and always covers one free slot beyond the records: a replace takes it and
+// frees the old copy's slot, an erase frees one, so neither ever needs more
+// space. Only a new key may; when the file system refuses it, the insert
+// throws NoSpaceError (a CollectionFullError) and changes nothing.
 //
 // Corruption: a record whose seal, checksum or key is wrong raises
 // CorruptionError naming file, collection and slot. The caller passes its
@@ -270,6 +281,23 @@ protected:
   }
   std::uint32_t freshSlot();
   void growFree();
+  // Writer: whether a new key can go in with every store landing on space
+  // the file system has allocated: the slot the insert takes and a spare for
+  // the next replace must both be backed. Reserves space when they are not;
+  // false when the file system refuses it (spaceError_ says why).
+  bool spaceForNewKey() {
+    const std::size_t freeSlots = free_.size();
+    if (freeSlots >= 2 || backed_ >= hw_ + 2 - freeSlots) [[likely]] {
+      return true;
+    }
+    return backSlots(hw_ + 2 - static_cast<std::uint32_t>(freeSlots));
+  }
+  // Writer: makes sure slots [0, n) (at most all) are backed, reserving
+  // somewhat more than asked so that inserts seldom call the file system.
+  bool backSlots(std::uint32_t n);
+  // Throws NoSpaceError (ENOSPC, EDQUOT) or Error for spaceError_.
+  [[noreturn]] void throwNoSpace(const std::string &what) const;
+  [[noreturn]] void throwNoSpace(const void *key, std::size_t keySize) const;
   // Writer: starts fetching the slot the next takeSlot() returns, for
   // writing, so that its cache lines arrive while the checksum and the index
   // lookup run.
@@ -333,6 +361,10 @@ protected:
   mutable bool lastScanConsistent_ = true;
   // Writer state, rebuilt at mount.
   std::uint32_t hw_ = 0;
+  // Slots [0, backed_) have their file space reserved. Between changes a
+  // free slot is always backed: one below the mark, or backed_ > hw_.
+  std::uint32_t backed_ = 0;
+  int spaceError_ = 0;
   std::uint64_t nextSeq_ = 1;
   std::vector<std::uint32_t> free_;
   // Reader state: slots dropped as corrupt, with the seal they had.
@@ -446,9 +478,30 @@ public:
     }
   }
 
+  // Whether an insert() of a new key would succeed now: the collection has
+  // room and the file system has space for the record (reserved here, so the
+  // insert cannot then fail for want of it). Changes no record.
+  // REQUIRES: writer.
+  bool roomForNewKey() {
+    requireWriter();
+    return index_.size() < capacity() && spaceForNewKey();
+  }
+  // The same, but throws what that insert would: CollectionFullError, or
+  // NoSpaceError. REQUIRES: writer.
+  void reserveNewKey() {
+    requireWriter();
+    if (index_.size() >= capacity()) {
+      throwFull(nullptr, 0);
+    }
+    if (!spaceForNewKey()) {
+      throwNoSpace(nullptr, 0);
+    }
+  }
+
   // Inserts the record or replaces the one of its key.
   // REQUIRES: writer. Throws CollectionFullError (nothing changed) for a new
-  // key when count() == capacity().
+  // key when count() == capacity(), NoSpaceError (nothing changed) for one
+  // the file system has no space for.
   void insert(const Record &r) {
     requireWriter();
     if (nextSeq_ > format::kSeqMask) [[unlikely]] {
@@ -486,6 +539,9 @@ public:
     }
     if (index_.size() >= capacity()) {
       throwFull(&key, sizeof(Key));
+    }
+    if (!spaceForNewKey()) [[unlikely]] {
+      throwNoSpace(&key, sizeof(Key));
     }
     freeRoom();
     const std::uint32_t slot = takeSlot();

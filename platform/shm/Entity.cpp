@@ -1,11 +1,13 @@
 #include "platform/shm/Entity.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <map>
 #include <mutex>
 #include <set>
@@ -58,6 +60,15 @@ void EntityLayout::validate() const {
 }
 
 namespace detail {
+
+int reserveSpace(int fd, std::uint64_t offset, std::uint64_t len) noexcept {
+  int err = 0;
+  do {
+    err = ::posix_fallocate(fd, static_cast<off_t>(offset),
+                            static_cast<off_t>(len));
+  } while (err == EINTR);
+  return err;
+}
 
 MountedFile::~MountedFile() {
   if (base) {

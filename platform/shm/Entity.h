@@ -125,6 +125,14 @@ public:
   std::atomic<bool> closed{false};
 };
 
+// Makes the file system allocate the bytes [offset, offset + len) of the
+// file, so that no store into a mapping of them can fault for want of a
+// page (tmpfs files are sparse: a store into a hole allocates the page then,
+// and raises SIGBUS when the file system is full). Returns 0, or the error
+// number of the failure (ENOSPC when the file system is full).
+MICA_PLATFORM_API int reserveSpace(int fd, std::uint64_t offset,
+                                   std::uint64_t len) noexcept;
+
 // Where one collection lives in a mapped file.
 struct CollectionSite {
   MountedFile *file = nullptr;

@@ -10,6 +10,7 @@ namespace Shm {
 Error::~Error() = default;
 PathError::~PathError() = default;
 CollectionFullError::~CollectionFullError() = default;
+NoSpaceError::~NoSpaceError() = default;
 LayoutError::~LayoutError() = default;
 NotFoundError::~NotFoundError() = default;
 

@@ -4,11 +4,16 @@
 // Which failure is what:
 // - Shm::PathError: a name or path the store must refuse (a component that is
 //   empty, ".", "..", holds a '/' or a character outside [A-Za-z0-9._:-], or
-//   starts with '.'), or a symbolic link / non-directory where the store
-//   walks. Nothing was created.
+//   starts with '.', or a name too long for the file system), a symbolic link
+//   / non-directory where the store walks, or a file it must not use (see
+//   "Odd and foreign files" in Store.h). Nothing was created.
 // - Shm::LockedError: the instance already has a writer (another process, or
 //   another handle of this process).
 // - Shm::CollectionFullError: a new key did not fit; nothing changed.
+// - Shm::NoSpaceError: the file system under the store is full. A mount
+//   throws it with nothing created and nothing committed changed; an insert
+//   of a new key throws it like a full collection (it is a
+//   CollectionFullError), with nothing changed.
 // - Shm::CorruptionError: a record (or a file) failed its checks. Callers
 //   catch it and hand e.what() to the collection's doCorruptionDetected(),
 //   which reports it, counts it and drops the record.
@@ -64,6 +69,12 @@ class MICA_PLATFORM_API CollectionFullError : public Error {
 public:
   using Error::Error;
   ~CollectionFullError() override;
+};
+
+class MICA_PLATFORM_API NoSpaceError : public CollectionFullError {
+public:
+  using CollectionFullError::CollectionFullError;
+  ~NoSpaceError() override;
 };
 
 class MICA_PLATFORM_API CorruptionError : public Error {

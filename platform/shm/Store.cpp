@@ -35,7 +35,16 @@ std::string errnoText(int err) {
 }
 
 [[noreturn]] void throwSys(const std::string &what, int err) {
-  throw Error(fmt::format("{}: {}", what, errnoText(err)));
+  const std::string msg = fmt::format("{}: {}", what, errnoText(err));
+  switch (err) {
+  case ENAMETOOLONG: // a valid name, but too long for this file system
+    throw PathError(msg);
+  case ENOSPC:
+  case EDQUOT:
+    throw NoSpaceError(msg);
+  default:
+    throw Error(msg);
+  }
 }
 
 // An owned file descriptor.
@@ -65,6 +74,63 @@ void writeAll(int fd, const void *buf, std::size_t n, off_t at,
               const std::string &file) {
   if (const int err = Fwk::pwriteAll(fd, buf, n, at)) {
     throwSys("cannot write " + file, err);
+  }
+}
+
+// Opens the file `name` below `dirFd` without following a link and without
+// blocking: opening a FIFO for reading would wait for a writer to appear.
+// (O_NONBLOCK changes nothing for the regular files the store goes on to
+// use, so it stays set.)
+int openFile(int dirFd, const std::string &name, int flags) {
+  return ::openat(dirFd, name.c_str(),
+                  flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+}
+
+// Throws for an open of `shownPath` that failed with `err`.
+[[noreturn]] void throwOpen(const std::string &shownPath, int err) {
+  const char *what = err == ELOOP    ? "a symbolic link"
+                     : err == EISDIR ? "a directory"
+                     : err == ENXIO  ? "a socket or a device"
+                                     : nullptr;
+  if (what) {
+    throw PathError(fmt::format("{} is {}; refused", shownPath, what));
+  }
+  throwSys("cannot open " + shownPath, err);
+}
+
+// The writer uses a file or directory only when nobody else can change it
+// behind its back: it must belong to the writer's user and must not be
+// writable by group or others (write bits the writer removes, with a
+// notice, since it owns it). A file must also be a regular file with a
+// single link: through a second name (a hard link from outside the store)
+// every write would land in someone else's file.
+void requireWriterOwns(int fd, const std::string &shownPath, bool directory) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    throwSys("cannot stat " + shownPath, errno);
+  }
+  if (!directory && !S_ISREG(st.st_mode)) {
+    throw PathError(
+        fmt::format("{} is not a regular file; refused", shownPath));
+  }
+  if (!directory && st.st_nlink != 1) {
+    throw PathError(fmt::format("{} has {} links (another name outside the "
+                                "store's control); refused",
+                                shownPath, st.st_nlink));
+  }
+  if (st.st_uid != ::geteuid()) {
+    throw PathError(fmt::format("{} belongs to uid {}, not to the writer's "
+                                "uid {}; refused",
+                                shownPath, st.st_uid, ::geteuid()));
+  }
+  if ((st.st_mode & 022) != 0) {
+    const mode_t mode = st.st_mode & 07755;
+    if (::fchmod(fd, mode) != 0) {
+      throwSys("cannot chmod " + shownPath, errno);
+    }
+    reporter().notice(fmt::format("{}: writable by group or others (mode "
+                                  "{:04o}); changed to {:04o}",
+                                  shownPath, st.st_mode & 07777, mode));
   }
 }
 
@@ -140,6 +206,16 @@ format::FileHeader expectedHeader(const EntityLayout &layout,
   return h;
 }
 
+// Reserves the file space of the header and the control blocks, which every
+// mount and change touches (tmpfs files are sparse; see reserveSpace).
+void reserveHead(int fd, const format::FileHeader &h,
+                 const std::string &shownPath) {
+  if (const int err =
+          detail::reserveSpace(fd, 0, h.collections[0].slotsOffset)) {
+    throwSys("cannot reserve file space for " + shownPath, err);
+  }
+}
+
 // Why `h` (a usable header) does not hold `layout`, or "" when it does.
 // Capacities are compared only where `info` gives one.
 std::string layoutDifference(const format::FileHeader &h,
@@ -169,12 +245,17 @@ std::string layoutDifference(const format::FileHeader &h,
   return {};
 }
 
-// Writes a complete new entity file under a temporary name and renames it
-// over `name`. Returns the open file.
-Fd createEntityFile(int dirFd, const std::string &name,
+// The temporary name a new entity file `name` is written under: ".<name>.new",
+// the name cut so that the whole fits in 255 bytes.
+std::string temporaryName(const std::string &name) {
+  return "." + name.substr(0, 250) + ".new";
+}
+
+// Writes a complete new entity file under the temporary name `tmp`, which
+// the caller renames into place (or removes). Returns the open file.
+Fd createEntityFile(int dirFd, const std::string &tmp,
                     const std::string &shownPath, format::FileHeader h,
                     bool wiped) {
-  const std::string tmp = "." + name + ".new";
   if (::unlinkat(dirFd, tmp.c_str(), 0) != 0 && errno != ENOENT) {
     throwSys("cannot remove " + tmp, errno);
   }
@@ -192,6 +273,7 @@ Fd createEntityFile(int dirFd, const std::string &name,
     if (::ftruncate(fd.get(), static_cast<off_t>(h.fileSize)) != 0) {
       throwSys("cannot size " + shownPath, errno);
     }
+    reserveHead(fd.get(), h, shownPath);
     writeAll(fd.get(), &h, sizeof h, 0, shownPath);
     if (wiped) {
       for (std::uint32_t i = 0; i < h.collectionCount; ++i) {
@@ -201,9 +283,6 @@ Fd createEntityFile(int dirFd, const std::string &name,
                                     offsetof(format::ControlBlock, wiped)),
                  shownPath);
       }
-    }
-    if (::renameat(dirFd, tmp.c_str(), dirFd, name.c_str()) != 0) {
-      throwSys("cannot rename new file into " + shownPath, errno);
     }
   } catch (...) {
     ::unlinkat(dirFd, tmp.c_str(), 0);
@@ -380,11 +459,14 @@ void EntityManager::open() {
         fmt::format("instance {} has no directory {}", inst, directory_));
   }
   if (writer) {
-    Fd lock(::openat(dir.get(), kLockName,
-                     O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    requireWriterOwns(dir.get(), directory_, true);
+    // Checked before anything is written into it.
+    const std::string lockPath = directory_ + "/" + kLockName;
+    Fd lock(openFile(dir.get(), kLockName, O_RDWR | O_CREAT));
     if (!lock) {
-      throwSys("cannot open the lock file of " + directory_, errno);
+      throwOpen(lockPath, errno);
     }
+    requireWriterOwns(lock.get(), lockPath, false);
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
       const int err = errno;
       if (err != EWOULDBLOCK) {
@@ -406,11 +488,13 @@ void EntityManager::open() {
                                     inst, directory_, holder),
                         pid);
     }
+    // Written over the old pid, then cut to length: the file keeps the page
+    // it has, so that a full file system cannot stop a restart here.
     const std::string pid = fmt::format("{}\n", ::getpid());
-    if (::ftruncate(lock.get(), 0) != 0) {
-      throwSys("cannot write the lock file of " + directory_, errno);
+    writeAll(lock.get(), pid.data(), pid.size(), 0, lockPath);
+    if (::ftruncate(lock.get(), static_cast<off_t>(pid.size())) != 0) {
+      throwSys("cannot write " + lockPath, errno);
     }
-    writeAll(lock.get(), pid.data(), pid.size(), 0, directory_ + "/.lock");
     lockFd_ = lock.release();
   }
   dirFd_ = dir.release();
@@ -432,6 +516,9 @@ int EntityManager::walkToParent(const std::vector<std::string> &parts,
     if (!cur) {
       return -1;
     }
+    if (create) {
+      requireWriterOwns(cur.get(), shown, true);
+    }
   }
   return cur.release();
 }
@@ -439,17 +526,24 @@ int EntityManager::walkToParent(const std::vector<std::string> &parts,
 void EntityManager::readCatalog() {
   catalog_.clear();
   catalogLost_ = false;
-  Fd fd(::openat(dirFd_, kCatalogName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  const std::string catalogPath = directory_ + "/" + kCatalogName;
+  Fd fd(openFile(dirFd_, kCatalogName, O_RDONLY));
   if (!fd) {
     if (errno == ENOENT) {
       return;
     }
-    throwSys("cannot open the catalog of " + directory_, errno);
+    throwOpen(catalogPath, errno);
   }
   struct stat st {};
+  if (::fstat(fd.get(), &st) != 0) {
+    throwSys("cannot stat " + catalogPath, errno);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    throw PathError(
+        fmt::format("{} is not a regular file; refused", catalogPath));
+  }
   std::string text;
-  bool ok = ::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
-            static_cast<std::size_t>(st.st_size) <= kMaxCatalogBytes;
+  bool ok = static_cast<std::size_t>(st.st_size) <= kMaxCatalogBytes;
   if (ok) {
     text.resize(static_cast<std::size_t>(st.st_size));
     ok = Fwk::preadAll(fd.get(), text.data(), text.size(), 0) == 0;
@@ -584,27 +678,23 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
     throw NotFoundError(fmt::format("no entity file {}", filePath));
   }
   const std::string &name = parts.back();
-  Fd fd(::openat(dir.get(), name.c_str(),
-                 (writer ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC));
+  Fd fd(openFile(dir.get(), name, writer ? O_RDWR : O_RDONLY));
   if (!fd) {
     const int err = errno;
-    if (err == ELOOP) {
-      throw PathError(fmt::format("{} is a symbolic link; refused", filePath));
-    }
-    if (err == EISDIR) {
-      throw PathError(
-          fmt::format("{} is a directory, not an entity", filePath));
-    }
     if (err != ENOENT) {
-      throwSys("cannot open " + filePath, err);
+      throwOpen(filePath, err);
     }
     if (!writer) {
       throw NotFoundError(fmt::format("no entity file {}", filePath));
     }
   }
+  const bool existed = static_cast<bool>(fd);
 
   format::FileHeader header{};
   struct stat st {};
+  bool wiped = false;
+  // What to report once a recreated file is in place.
+  std::string recreatedCorrupt, recreatedNotice;
   if (fd) {
     if (::fstat(fd.get(), &st) != 0) {
       throwSys("cannot stat " + filePath, errno);
@@ -612,6 +702,9 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
     if (!S_ISREG(st.st_mode)) {
       throw PathError(
           fmt::format("{} is not a regular file; refused", filePath));
+    }
+    if (writer) {
+      requireWriterOwns(fd.get(), filePath, false);
     }
     std::string why;
     bool usable = static_cast<std::uint64_t>(st.st_size) >= sizeof header;
@@ -634,59 +727,95 @@ void EntityManager::mount(const std::string &path, const std::string &typeName,
         throw CorruptionError(filePath, "", CorruptionError::kNoSlot,
                               "unusable header (" + why + ")");
       }
-      reporter().corruption(msg + "; recreated empty, wiped");
+      recreatedCorrupt = msg + "; recreated empty, wiped";
       fd = Fd();
+      wiped = true;
     } else if (const std::string diff = layoutDifference(header, layout, info);
                !diff.empty()) {
       if (!writer) {
         throw LayoutError(fmt::format("{} is not a {} of this layout: {}",
                                       filePath, typeName, diff));
       }
-      reporter().notice(fmt::format("{}: {}; recreated empty for {}, wiped",
-                                    filePath, diff, typeName));
+      recreatedNotice = fmt::format("{}: {}; recreated empty for {}, wiped",
+                                    filePath, diff, typeName);
       fd = Fd();
-    }
-    if (!fd) {
-      header = expectedHeader(layout, info);
-      fd = createEntityFile(dir.get(), name, filePath, header, true);
+      wiped = true;
     }
   } else {
-    const bool wiped = catalogLost_ || catalog_.count(path) != 0;
+    wiped = catalogLost_ || catalog_.count(path) != 0;
     if (wiped) {
-      reporter().notice(fmt::format(
+      recreatedNotice = fmt::format(
           "{}: missing though it was created before; recreated empty, wiped",
-          filePath));
+          filePath);
     }
+  }
+
+  // A new file is written, mapped and mounted under a temporary name, and
+  // renamed into place only when all of that worked: a failed mount leaves
+  // the directory as it was (and a file it was to replace untouched).
+  std::string tmp;
+  if (!fd) {
+    tmp = temporaryName(name);
     header = expectedHeader(layout, info);
-    fd = createEntityFile(dir.get(), name, filePath, header, wiped);
+    fd = createEntityFile(dir.get(), tmp, filePath, header, wiped);
   }
-  if (!fd || (::fstat(fd.get(), &st) != 0)) {
-    throwSys("cannot stat " + filePath, errno);
-  }
-  if (Fwk::preadAll(fd.get(), &header, sizeof header, 0) != 0) {
-    throwSys("cannot read " + filePath, errno ? errno : EIO);
-  }
+  Fwk::Ptr<Entity> entity;
+  try {
+    if (::fstat(fd.get(), &st) != 0) {
+      throwSys("cannot stat " + filePath, errno);
+    }
+    if (Fwk::preadAll(fd.get(), &header, sizeof header, 0) != 0) {
+      throwSys("cannot read " + filePath, errno ? errno : EIO);
+    }
+    if (writer) {
+      reserveHead(fd.get(), header, filePath);
+    }
+    auto file = std::make_shared<detail::MountedFile>();
+    file->entityPath = path;
+    file->filePath = filePath;
+    file->typeName = typeName;
+    file->writer = writer;
+    file->header = header;
+    file->size = static_cast<std::size_t>(st.st_size);
+    void *base =
+        ::mmap(nullptr, file->size, writer ? PROT_READ | PROT_WRITE : PROT_READ,
+               MAP_SHARED, fd.get(), 0);
+    if (base == MAP_FAILED) {
+      throwSys("cannot map " + filePath, errno);
+    }
+    file->base = static_cast<unsigned char *>(base);
+    file->fd = fd.release();
 
-  auto file = std::make_shared<detail::MountedFile>();
-  file->entityPath = path;
-  file->filePath = filePath;
-  file->typeName = typeName;
-  file->writer = writer;
-  file->header = header;
-  file->size = static_cast<std::size_t>(st.st_size);
-  void *base =
-      ::mmap(nullptr, file->size, writer ? PROT_READ | PROT_WRITE : PROT_READ,
-             MAP_SHARED, fd.get(), 0);
-  if (base == MAP_FAILED) {
-    throwSys("cannot map " + filePath, errno);
+    EntityInit init(file, layout);
+    entity = type->make(init);
+    if (!tmp.empty() &&
+        ::renameat(dir.get(), tmp.c_str(), dir.get(), name.c_str()) != 0) {
+      throwSys("cannot rename new file into " + filePath, errno);
+    }
+  } catch (...) {
+    if (!tmp.empty()) {
+      ::unlinkat(dir.get(), tmp.c_str(), 0);
+    }
+    throw;
   }
-  file->base = static_cast<unsigned char *>(base);
-  file->fd = fd.release();
-
-  EntityInit init(file, layout);
-  Fwk::Ptr<Entity> entity = type->make(init);
+  if (!recreatedCorrupt.empty()) {
+    reporter().corruption(recreatedCorrupt);
+  }
+  if (!recreatedNotice.empty()) {
+    reporter().notice(recreatedNotice);
+  }
   if (writer && catalog_.insert(path).second) {
-    writeCatalog();
+    try {
+      writeCatalog();
+    } catch (...) {
+      // Not recorded, so not kept: a file of a path that was never mounted
+      // does not outlive the failed mount.
+      catalog_.erase(path);
+      if (!existed) {
+        ::unlinkat(dir.get(), name.c_str(), 0);
+      }
+      throw;
+    }
   }
   entities_[path] = entity;
 }
@@ -798,7 +927,12 @@ void EntityManager::entityDel(const std::string &path) {
   // The catalog entry goes first: a crash between the two leaves the file
   // and no entry, which mounts as the file it is, never as wiped.
   if (catalog_.erase(path) != 0) {
-    writeCatalog();
+    try {
+      writeCatalog();
+    } catch (...) {
+      catalog_.insert(path); // still listed on disk, and the file stays
+      throw;
+    }
   }
   Fd dir(walkToParent(parts, false));
   if (dir && ::unlinkat(dir.get(), parts.back().c_str(), 0) != 0 &&

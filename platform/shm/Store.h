@@ -2,17 +2,19 @@
 // records in memory-mapped files that outlive the writer process, read by
 // other processes without locks.
 //
-//   auto em = Shm::entityManager("mplsAgent", 0);            // takes the
-//   writer lock Shm::MountInfo info; info.collectionInfoIs("swTableEntries",
-//   65536); em->mountGroup()->doMount("isem2/slate/unit0",
-//   MplsIsem2ConfigSlate::kTypeName, info); auto slate =
-//   Fwk::ptrCast<MplsIsem2ConfigSlate>(em->entity("isem2/slate/unit0"));
+//   auto em = Shm::entityManager("mplsAgent", 0); // takes the writer lock
+//   Shm::MountInfo info;
+//   info.collectionInfoIs("swTableEntries", 65536);
+//   em->mountGroup()->doMount("isem2/slate/unit0",
+//                             MplsIsem2ConfigSlate::kTypeName, info);
+//   auto slate =
+//       Fwk::ptrCast<MplsIsem2ConfigSlate>(em->entity("isem2/slate/unit0"));
 //   slate->swTableEntries().insert(rec);
 //
 //   // another process:
 //   auto ro = Shm::entityManager("mplsAgent", 0, Shm::Access::read);
 //   ro->mountGroup()->doMount("isem2/slate/unit0",
-//   MplsIsem2ConfigSlate::kTypeName,
+//                             MplsIsem2ConfigSlate::kTypeName,
 //                             Shm::MountInfo(Shm::MountInfo::kReaderMount));
 //
 // Files. An instance (agent name, instance id) owns the directory
@@ -23,8 +25,11 @@
 // O_NOFOLLOW, so a symbolic link anywhere in the instance directory is
 // refused. Names starting with '.' belong to the store: ".lock" (the writer
 // lock, holding the writer's pid), ".catalog" (every entity path ever
-// created here) and ".<name>.new" (a file being created). The layout of an
-// entity file is in Format.h.
+// created here) and ".<name>.new" (a file being created; the name cut to 250
+// bytes). An instance directory may also hold files other programs put there
+// (the agent's ".hw-progress" FIFO, say): the store ignores every name
+// starting with '.' that is not its own. The layout of an entity file is in
+// Format.h.
 //
 // Processes. One writer per instance: the writer handle holds an exclusive
 // flock on .lock for its life (released by close() or by the process's
@@ -97,6 +102,40 @@
 // names, versions or sizes, collection names, capacities). A fresh instance
 // directory starts with nothing wiped.
 //
+// Full file system. The store never stores into a page of a mapped file
+// that the file system has not allocated (on a full tmpfs such a store
+// raises SIGBUS): the header and control blocks are reserved
+// (posix_fallocate) when a file is created or mounted for writing, and each
+// collection reserves its slots ahead of use, always keeping a free one
+// backed (see Collection.h). When the file system has no space, a writer
+// mount throws NoSpaceError naming the file, with nothing created and
+// nothing committed changed, and an insert of a new key throws NoSpaceError
+// (a CollectionFullError) with nothing changed; replaces and erases never
+// need new space. Nothing is lost either way: a later mount with space finds
+// every committed record. A name the file system finds too long is a
+// PathError.
+//
+// Odd and foreign files. Files are opened with O_NONBLOCK and checked
+// (fstat) before anything is read, so a FIFO, socket or device where the
+// store expects an entity file, its catalog or its lock is refused with
+// PathError instead of hanging an open. The writer uses a file or directory
+// only when nobody else can change it: the lock and every entity file must be
+// a regular file with a single link (no other name outside the store) owned
+// by the writer's effective user, and the instance directory and those below
+// it must be owned by that user; all of it is checked on the open
+// descriptor before anything is written. Group or other write permission on
+// what the writer owns is removed, with a notice. Readers never write, so
+// they check only that they open regular files and directories without
+// following links; they read files whatever their owner, mode or links (and
+// survive whatever bytes they find). A mount that fails leaves nothing
+// behind: a file to create is written, mapped and mounted under its temporary
+// name and renamed into place only when that worked, and recorded in the
+// catalog only after.
+//
+// Outside the contract: another process that truncates a mapped file (every
+// access beyond the new end raises SIGBUS, in the writer and in readers),
+// and a user who can change the files behind the checks above (root can).
+//
 // Threads: a handle and its entities are used by one thread at a time. The
 // process registry (entityManager) may be called from any thread.
 #pragma once
@@ -165,8 +204,10 @@ public:
   // registered type `typeName` over it and registers it with the manager.
   // Mounting a path that is already mounted with the same type does nothing.
   // Throws PathError, LayoutError, NotFoundError (readers), CorruptionError
-  // (readers, unusable header) or Error (unknown type, missing or invalid
-  // capacity, another type mounted at the path, a failed system call).
+  // (readers, unusable header), NoSpaceError (writers, the file system is
+  // full) or Error (unknown type, missing or invalid capacity, another type
+  // mounted at the path, a failed system call). A mount that throws leaves
+  // no file behind.
   void doMount(const std::string &path, const std::string &typeName,
                const MountInfo &info);
   // Ends the group; its mounts stay.

@@ -7,6 +7,7 @@
 
 #include "EntryLogFixture.h"
 #include "platform/agentlog/AgentLog.h"
+#include "support/ScratchTmpfs.h"
 
 namespace {
 
@@ -454,6 +455,83 @@ TYPED_TEST(EntryLog, AFullConfigurationTableRefusesNewKeysAndChangesNothing) {
             version + 1);
   EXPECT_EQ(log.entryDel(typename F::Key(6), nullptr, 1), version + 2);
   EXPECT_EQ(log.tableDel(nullptr, 1), version + 3);
+}
+
+// A change the file system has no space for is refused like one into a full
+// table, whichever of the two collections runs out: nothing written, no
+// version used. (In a child: without the store's reservations it dies of
+// SIGBUS.)
+TYPED_TEST(EntryLog, AChangeWithoutFileSpaceIsRefusedWithNothingWritten) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  TestSupport::ScratchTmpfs fs(4u << 20);
+  if (!fs.ok()) {
+    GTEST_SKIP() << fs.why();
+  }
+  auto changes = [&] {
+    ::setenv("MICA_SHM_ROOT", fs.path().c_str(), 1);
+    LogEnv<F> env;
+    auto &log = *env.log;
+    log.mountSlateConfig(1, 0);
+    fs.fill("filler");
+    auto write = [&](std::uint32_t label, std::uint32_t result) {
+      return log.entryIs(F::logEntry(label, result), F::rsrcKeys(1), nullptr, 1,
+                         env.stats, false);
+    };
+    auto refused = [](auto &&change) {
+      try {
+        change();
+      } catch (const Shm::NoSpaceError &) {
+        return true;
+      }
+      return false;
+    };
+    auto unchanged = [&](Asic::LogVersion v, std::uint32_t entries,
+                         const char *what) {
+      const auto &control = log.tableEntryLog()->entryLogConfig().control();
+      TestSupport::require(
+          log.tableVersion() == v && control.scratchpad() == v &&
+              control.auxiliary() == v && log.entryLogRecords() == v &&
+              log.entrys(1) == entries,
+          what);
+    };
+    // New keys go in until the space reserved ahead of the
+    // configuration records runs out.
+    std::uint32_t n = 0;
+    while (!refused([&] { write(n, n + 1); })) {
+      ++n;
+    }
+    unchanged(n, n, "a new key");
+    TestSupport::require(n > 0 && !log.entryHas(Key(n), 1) &&
+                             !log.canLog(Key(n), 1),
+                         "the refused key");
+    // Rewrites need a change-log record only, until that runs out
+    // too; the refused one leaves its configuration record alone.
+    Asic::LogVersion v = n;
+    while (!refused([&] { write(0, v + 1); })) {
+      ++v;
+    }
+    unchanged(v, n, "a rewrite");
+    TestSupport::require(v > n && log.entryLogVersion(Key(0), 1) == v &&
+                             log.entry(Key(0), 1) == F::logEntry(0, v),
+                         "the rewritten key");
+    TestSupport::require(refused([&] { log.entryDel(Key(1), nullptr, 1); }) &&
+                             refused([&] { log.tableDel(nullptr, 1); }) &&
+                             log.entryHas(Key(1), 1),
+                         "deletions");
+    unchanged(v, n, "a deletion");
+    // With space again the next change takes the next version, and
+    // a restart finds every change.
+    fs.remove("filler");
+    TestSupport::require(write(n, 1) == v + 1, "a write with space");
+    env.restart();
+    env.log->mountSlateConfig(1, 0);
+    TestSupport::require(env.log->tableVersion() == v + 1 &&
+                             env.log->entrys(1) == n + 1 &&
+                             env.log->entryLogVersion(Key(0), 1) == v,
+                         "after the restart");
+  };
+  EXPECT_EQ(TestSupport::runInChild(changes), 0);
 }
 
 TYPED_TEST(EntryLog, ACorruptRecordReadsAsAbsent) {

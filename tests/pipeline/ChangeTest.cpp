@@ -1,6 +1,7 @@
 // Write, remove and remove-all, and their commit: versions, transient
 // collections, marking, readiness, failures and the entry log.
 #include "PipelineFixture.h"
+#include "support/ScratchTmpfs.h"
 
 namespace {
 
@@ -274,6 +275,44 @@ TYPED_TEST(Change,
   EXPECT_EQ(env.pass(), 1u);
   EXPECT_EQ(ok->entryState(), EntryState::logged);
   EXPECT_EQ(helper->successes, 1);
+}
+
+// The same when the file system under the store has no space for the write
+// (in a child: without the store's reservations it dies of SIGBUS).
+TYPED_TEST(Change, AWriteTheFileSystemHasNoSpaceForFailsAndChangesNothing) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  TestSupport::ScratchTmpfs fs(4u << 20);
+  if (!fs.ok()) {
+    GTEST_SKIP() << fs.why();
+  }
+  auto writes = [&] {
+    ::setenv("MICA_SHM_ROOT", fs.path().c_str(), 1);
+    Env<F> env;
+    auto &t = *env.table;
+    fs.fill("filler");
+    auto write = [&](std::uint32_t label) {
+      auto h = t.entryWrite(Key(label), F::entry(label, 0), nullptr);
+      env.pass();
+      return h->entryState();
+    };
+    std::uint32_t n = 0;
+    EntryState last;
+    while ((last = write(n)) == EntryState::logged) {
+      ++n;
+    }
+    TestSupport::require(
+        n > 0 && last == EntryState::failed &&
+            t.stats()->logRefusedCnt() == 1 && !t.entryHas(Key(n)) &&
+            env.log->tableVersion() == n &&
+            env.log->entrys(Env<F>::kUnit) == n &&
+            t.transientAddEntrys() + t.transientVersionForKeys() == 0,
+        "the refused write");
+    fs.remove("filler");
+    TestSupport::require(write(n) == EntryState::logged && t.entryHas(Key(n)),
+                         "a write with space");
+  };
+  EXPECT_EQ(TestSupport::runInChild(writes), 0);
 }
 
 } // namespace
