@@ -326,7 +326,9 @@ TEST(ShmCorruption, AHighWaterMarkBeyondTheFileIsNotFollowed) {
       em->close();
     }
     EXPECT_EQ(rep.corruptions.size(), 1u); // by the first mount only
-    EXPECT_LE(allocated(), blocks + 8);
+    // The writer's space reserve may take a page more than before; the
+    // holes up to the damaged mark stay holes.
+    EXPECT_LE(allocated(), blocks + 16);
   }
   // A reader whose file loses all but its first page of slots after the
   // mount, with the mark damaged again: it reads what is left and lives.
