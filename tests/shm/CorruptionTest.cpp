@@ -155,7 +155,15 @@ TEST(ShmCorruption, WriterReadsThrowAndTheCallerDropsTheRecord) {
   EXPECT_EQ(big.count(), 4u);
   EXPECT_EQ(big.countByScan(), 4u);
   EXPECT_EQ(big.corruptionCount(), 5u);
+  // A closed handle writes nothing, but a dropped record stays dropped.
   em->close();
+  const_cast<BigRecord *>(big.findRef(BigKey{4, 0}))->key.label ^= 0x100;
+  EXPECT_THROW(big.forEachInPlace([](const BigRecord &) {}),
+               Shm::CorruptionError);
+  big.doCorruptionDetected("slot 4");
+  std::size_t left = 0;
+  big.forEachInPlace([&](const BigRecord &) { ++left; });
+  EXPECT_EQ(left, 3u);
 }
 
 TEST(ShmCorruption, ReadersDropBadRecordsUntilTheSlotIsRewritten) {
