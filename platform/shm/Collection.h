@@ -85,9 +85,10 @@
 // what() to doCorruptionDetected(), which reports it to the Reporter, counts
 // it (corruptionCount()) and drops the record by its slot, whatever its bytes
 // say (its key may be the damaged part): the writer frees the slot and
-// forgets the index entry that points at it; a reader remembers the slot and
-// seal and treats it as absent until the writer reuses the slot. So a scan
-// that is retried after each drop meets every bad record once. Corruption
+// forgets the index entry that points at it; a reader (or a closed writer
+// handle) remembers the slot and seal and treats it as absent until the
+// writer reuses the slot. So a scan that is retried after each drop meets
+// every bad record once. Corruption
 // found by the mount scan is reported, counted and dropped directly.
 //
 // NOT thread-safe: one thread uses a collection at a time. Readers in other
@@ -662,6 +663,9 @@ public:
       const auto *r = reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
       if (!format::sealValid(seal) ||
           format::recordChecksum(r, sizeof(Record), seal) != checksumAt(s)) [[unlikely]] {
+        if (droppedByReader(i, seal)) {
+          continue; // dropped through a closed handle
+        }
         pending_.push_back(Pending{i, seal, Traits::keyOf(*r)});
         throwCorrupt(i, format::sealValid(seal) ? "checksum mismatch"
                                                 : "the seal is not valid");
@@ -684,12 +688,11 @@ public:
   void doCorruptionDetected(const std::string &message) {
     reportCorruption(message);
     for (const Pending &p : pending_) {
-      if (!writer()) {
+      // A closed writer handle changes nothing: like a reader, it skips the
+      // slot while it holds that seal.
+      if (!writer() || site_.file->closed.load(std::memory_order_relaxed)) {
         dropByReader(p.slot, p.seal);
         continue;
-      }
-      if (site_.file->closed.load(std::memory_order_relaxed)) {
-        break; // a closed handle changes nothing
       }
       dropSlot(p.slot, p.seal, p.key);
     }

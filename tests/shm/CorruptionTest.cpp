@@ -155,7 +155,15 @@ TEST(ShmCorruption, WriterReadsThrowAndTheCallerDropsTheRecord) {
   EXPECT_EQ(big.count(), 4u);
   EXPECT_EQ(big.countByScan(), 4u);
   EXPECT_EQ(big.corruptionCount(), 5u);
+  // A closed handle writes nothing, but a dropped record stays dropped.
   em->close();
+  const_cast<BigRecord *>(big.findRef(BigKey{4, 0}))->key.label ^= 0x100;
+  EXPECT_THROW(big.forEachInPlace([](const BigRecord &) {}),
+               Shm::CorruptionError);
+  big.doCorruptionDetected("slot 4");
+  std::size_t left = 0;
+  big.forEachInPlace([&](const BigRecord &) { ++left; });
+  EXPECT_EQ(left, 3u);
 }
 
 TEST(ShmCorruption, ReadersDropBadRecordsUntilTheSlotIsRewritten) {
@@ -252,33 +260,17 @@ TEST(ShmCorruption, GarbageTruncatedAndEmptyFilesNeverCrashAReader) {
   em->close();
 }
 
-TEST(ShmCorruption, DamagedControlWordsAndCatalogAreReported) {
+TEST(ShmCorruption, AnUnreadableCatalogIsReportedAndMissingFilesCountAsWiped) {
   const std::string agent = freshAgent();
-  const std::string file = makeSlate(agent);
-  const format::FileHeader h = readHeader(file);
-  const std::uint64_t huge = ~0ull;
-  pokeBytes(file, h.collections[0].controlOffset + 16, &huge, 8); // high water
-  pokeBytes(file, h.collections[1].controlOffset + 24, &huge, 8); // commitSeq
+  makeSlate(agent);
   {
     std::ofstream out(instanceDir(agent) + "/.catalog", std::ios::app);
     out << "junk\n";
   }
   CaptureReporter rep;
   auto em = Shm::entityManager(agent, 0);
-  EXPECT_EQ(rep.corruptions.size(), 1u); // the catalog
-  auto s = mount<Slate>(em, "s", slateInfo());
-  EXPECT_EQ(s->big().corruptionCount(), 1u);
-  EXPECT_EQ(s->log().corruptionCount(), 1u);
-  EXPECT_EQ(s->big().count(), 8u);
-  EXPECT_EQ(s->log().count(), 8u);
-  EXPECT_LE(s->big().control().highWater(), 65u);
-  // Sequence numbers still grow past every seal: a replace is resolved
-  // correctly after the next crash (the newest copy has the largest seal).
-  s->log().insert(logRecord(1, 99));
-  LogRecord r;
-  ASSERT_TRUE(s->log().find(1, r));
-  EXPECT_EQ(r.value, 99u);
-  // A catalog that could not be read makes missing files count as wiped.
+  EXPECT_EQ(rep.corruptions.size(), 1u);
+  EXPECT_EQ(mount<Slate>(em, "s", slateInfo())->big().count(), 8u);
   auto t = mount<Table>(em, "never-before", tableInfo(4));
   EXPECT_TRUE(t->entries().control().wiped());
   em->close();
