@@ -260,6 +260,12 @@ public:
   // Whether a write of the key can be logged now: the change log has room,
   // and the unit's configuration table holds the key or has room for it,
   // room including file space (which this reserves when needed).
+  // Whether the change log can take one more change (a deletion, or a
+  // table deletion: neither needs new space in a configuration table).
+  bool canLogChange() const {
+    return tableEntryLog_->entryLogConfig().roomForNewKey();
+  }
+
   bool canLog(const Key &key, UnitId unitId) const {
     if (!tableEntryLog_->entryLogConfig().roomForNewKey()) {
       return false;

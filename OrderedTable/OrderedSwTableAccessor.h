@@ -325,9 +325,15 @@ template <typename T> struct OrderedSwTableAccessor {
         outcome = Outcome::failSilently;
       }
     } else if (isTableDelete) {
-      commitTableDelete(t, dep, wrapper, handle);
+      if (!commitTableDelete(t, dep, wrapper, handle)) {
+        OT_TRACE(1, "Failed to commit entry remove all operation");
+        outcome = Outcome::failSilently;
+      }
     } else if (isEntryDelete) {
-      commitEntryDelete(t, dep, wrapper, handle, entryConfVersion, linkage);
+      outcome = commitEntryDelete(t, dep, wrapper, handle, entryConfVersion,
+                                  linkage)
+                    ? Outcome::done
+                    : Outcome::failWithKey;
     } else {
       outcome =
           commitWrite(t, r, dep, wrapper, handle, entryConfVersion, linkage)
@@ -349,12 +355,17 @@ template <typename T> struct OrderedSwTableAccessor {
     t.stats()->commitCntInc(1);
   }
 
-  static void commitTableDelete(T &t, const Dependency &dep,
+  // False when the change log had no room (the caller fails the handle).
+  static bool commitTableDelete(T &t, const Dependency &dep,
                                 const Fwk::Ptr<Wrapper> &wrapper,
                                 Fwk::Ptr<EntryHandle> handle) {
     const MajorVersion currRemoveAllVersion = t.transientRemoveAllVersion();
     FWK_ASSERT_NAMED(currRemoveAllVersion.valid(),
                      "currRemoveAllVersion.valid()");
+    // Nothing is changed when the change log cannot take the deletion: the
+    // remove-all stays pending (and later changes behind it keep waiting)
+    // only while it is queued, so a refusal releases its barrier too.
+    const bool room = roomToLogChange(t);
     OT_TRACE(8, "Committing table delete for version: {}",
              currRemoveAllVersion);
     auto needed = t.getNeededEntrySet(wrapper);
@@ -364,18 +375,29 @@ template <typename T> struct OrderedSwTableAccessor {
     // The remove-all's handle is not queued in the entry-handle log: it
     // keeps state 1 and its log version, and the table does not call its
     // handler.
-    t.delAllEntries(true, needed, handle);
+    if (room) {
+      t.delAllEntries(true, needed, handle);
+    }
     t.transientRemoveAllVersionIs(
         currRemoveAllVersion.value == 0
             ? MajorVersion::invalid()
             : MajorVersion(currRemoveAllVersion.value - 1));
+    return room;
   }
 
-  static void commitEntryDelete(T &t, const Dependency &dep,
+  // False when the change log had no room (the caller fails the handle).
+  static bool commitEntryDelete(T &t, const Dependency &dep,
                                 const Fwk::Ptr<Wrapper> &wrapper,
                                 const Fwk::Ptr<EntryHandle> &handle,
                                 EntryVersion committed, Linkage *linkage) {
     const Key key = wrapper->key();
+    if (!roomToLogChange(t)) {
+      clearTransient(
+          t, t.transientRemoveEntryColl(),
+          [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key,
+          committed);
+      return false; // refused before the helper hears of a success
+    }
     const Entry oldEntry = t.entryFromConfig(key);
     auto needed = Fwk::make<NeededEntry>();
     if (dep) {
@@ -392,6 +414,20 @@ template <typename T> struct OrderedSwTableAccessor {
     if (linkage) {
       linkage->updateLocalUsage(wrapper, oldEntry, true);
     }
+    return true;
+  }
+
+  // Whether the change log can take a deletion; a refusal is traced and
+  // counted.
+  static bool roomToLogChange(T &t) {
+    const auto &log = t.entryLog();
+    if (!log || !log->tableConfigSlate(t.unitId()) || log->canLogChange()) {
+      return true;
+    }
+    OT_TRACE(1, "no room in the entry log for a deletion of unitId: {}",
+             t.unitId());
+    t.stats()->logRefusedCntInc(1);
+    return false;
   }
 
   // Whether the entry log can take a write of the key: the change log has

@@ -32,12 +32,12 @@ struct Cache {
 // thread-local cache is reached without a call.
 __attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
 
-std::size_t classOf(std::size_t size) noexcept {
+[[maybe_unused]] std::size_t classOf(std::size_t size) noexcept {
   return (size + kGranule - 1) / kGranule;
 }
 
 // Carves a new chunk into objects of the class and puts them on its list.
-void refill(std::size_t cls) {
+[[maybe_unused]] void refill(std::size_t cls) {
   const std::size_t objectSize = cls * kGranule;
   const std::size_t count =
       kChunkBytes / objectSize > 0 ? kChunkBytes / objectSize : 1;

@@ -308,8 +308,25 @@ TYPED_TEST(Change, AWriteTheFileSystemHasNoSpaceForFailsAndChangesNothing) {
             env.log->entrys(Env<F>::kUnit) == n &&
             t.transientAddEntrys() + t.transientVersionForKeys() == 0,
         "the refused write");
+    // A deletion and a remove-all need a change-log record too: refused,
+    // they fail and change nothing; taken, they do their whole job. Either
+    // way nothing is thrown out of the pass.
+    auto del = t.entryRemove(Key(0), nullptr);
+    env.pass();
+    TestSupport::require(
+        del->entryState() == EntryState::failed ? t.entryHas(Key(0))
+                                                : !t.entryHas(Key(0)),
+        "the deletion");
+    const auto refused = t.stats()->logRefusedCnt();
+    t.entryRemoveAll(nullptr);
+    env.pass();
+    TestSupport::require(t.stats()->logRefusedCnt() > refused
+                             ? t.entryHas(Key(1))
+                             : !t.entryHas(Key(1)),
+                         "the remove-all");
     fs.remove("filler");
-    TestSupport::require(write(n) == EntryState::logged && t.entryHas(Key(n)),
+    TestSupport::require(write(n + 1) == EntryState::logged &&
+                             t.entryHas(Key(n + 1)),
                          "a write with space");
   };
   EXPECT_EQ(TestSupport::runInChild(writes), 0);
