@@ -9,7 +9,7 @@
 //    0  u8      flags; also 16: the LEM family (else ISEM2), 32: the damage
 //               goes to the configuration table (else to the change log)
 //    1  u8[7]   operations, one per byte (see exercise())
-//    8  u64     damage offset (modulo the file size)
+//    8  u64     damage offset (modulo the length of the damaged file's image)
 //   16  u8      damage length (modulo 17)
 //   17  u8[16]  damage bytes
 //   33  u8[3]   reserved
@@ -18,13 +18,14 @@
 //   48  u64     a version to clean up to
 //   56  the change log's image, then the configuration table's
 //
-// One run: the images are put in place; a reader mounts and walks both;
-// the entry log is made (it mounts the change log) and mounts the unit; the
-// damage is written into the live file (kDamageLive); the reader walks
-// again; the entry log is read, written and cleaned; it is dropped and the
-// store closed, as an agent exits, and a new one starts over the same files.
-// Every error must be one of the store's exceptions. Without live damage the
-// entry log must also keep its promises: no version handed out twice or
+// One run: the images are put in place (their high-water marks kept within
+// 64 slots of the pages they hold: see boundHighWater); a reader mounts and
+// walks both; the entry log is made (it mounts the change log) and mounts the
+// unit; the damage is written into the live file (kDamageLive) and the reader
+// walks again; the entry log is read, written and cleaned; it is dropped and
+// the store closed, as an agent exits, and a new one starts over the same
+// files. Every error must be one of the store's exceptions. Without live damage
+// the entry log must also keep its promises: no version handed out twice or
 // below a record's, writes that read back, clean-ups that retire what they
 // cover, and a restart that continues after every version used.
 #include <algorithm>
@@ -43,6 +44,11 @@ using FuzzEntryLog::kAgent;
 using FuzzEntryLog::kUnit;
 
 constexpr std::size_t kPrelude = 56;
+// The files of the entry log are large and sparse (a unit's ISEM2 table is
+// 56 MB), and their high-water marks are kept near the pages an input holds
+// (boundHighWater).
+constexpr std::uint64_t kMaxFileSize = 64ull << 20;
+constexpr std::uint64_t kHighWaterSlack = 64;
 constexpr std::uint8_t kLem = 16;
 constexpr std::uint8_t kDamageConfig = 32;
 
@@ -153,12 +159,8 @@ Asic::LogVersion highestVersion(typename F::Log &log, bool strict) {
   auto &config = log.tableConfigSlate(kUnit)->swTableEntries();
   auto see = [&](const auto &r) { highest = std::max(highest, r.logVersion); };
   const std::size_t drops =
-      withDrops(
-          std::size_t{changes.capacity()} + 1,
-          [&] { changes.forEachUnordered(see); }, dropper(changes)) +
-      withDrops(
-          std::size_t{config.capacity()} + 1,
-          [&] { config.forEachUnordered(see); }, dropper(config));
+      withDrops(changes, [&] { changes.forEachUnordered(see); }) +
+      withDrops(config, [&] { config.forEachUnordered(see); });
   require(!strict || drops == 0,
           "a record the entry log's mount kept fails its checks");
   return highest;
@@ -170,7 +172,6 @@ template <typename F>
 void exercise(Agent<F> &agent, const Input &in, bool strict) {
   auto &log = *agent.log;
   auto &config = log.tableConfigSlate(kUnit)->swTableEntries();
-  const std::size_t configSlots = std::size_t{config.capacity()} + 1;
 
   const Asic::LogVersion mounted = log.tableVersion();
   require(!strict || highestVersion<F>(log, strict) <= mounted,
@@ -302,8 +303,7 @@ void exercise(Agent<F> &agent, const Input &in, bool strict) {
     default: {
       // Reads of keys that may or may not be there.
       typename F::B::EntryLog::ConfigEntry r;
-      withDrops(
-          configSlots, [&] { config.find(key, r); }, dropper(config));
+      withDrops(config, [&] { config.find(key, r); });
       (void)log.entryHas(key, kUnit);
       (void)log.entrysInDeletion(kUnit);
       break;
@@ -318,13 +318,24 @@ void exercise(Agent<F> &agent, const Input &in, bool strict) {
   }
 }
 
+// Forgets the operator messages a run raised (a wiped collection raises
+// one), so that a run keeps nothing: libFuzzer takes memory a run keeps for
+// a leak to look into.
+struct ForgetMessages {
+  ~ForgetMessages() { AgentLog::raisedDelAll(); }
+};
+
 template <typename F> void run(const Input &in) {
-  AgentLog::raisedDelAll();
+  const ForgetMessages forget;
   const std::string dir = state->root.instanceDir();
+  std::vector<std::uint8_t> logImage = in.logImage;
+  std::vector<std::uint8_t> configImage = in.configImage;
+  boundHighWater(logImage, kHighWaterSlack);
+  boundHighWater(configImage, kHighWaterSlack);
   const std::string logFile =
-      placeFile(dir, logPath<F>(), in.logImage, in.flags);
+      placeFile(dir, logPath<F>(), logImage, in.flags, kMaxFileSize);
   const std::string configFile =
-      placeFile(dir, configPath<F>(), in.configImage, in.flags);
+      placeFile(dir, configPath<F>(), configImage, in.flags, kMaxFileSize);
 
   readerPass<F>(in);
 
@@ -334,10 +345,13 @@ template <typename F> void run(const Input &in) {
     Agent<F> agent;
     agent.start(in);
     if (in.flags & kDamageLive) {
-      strict = !damageFile(in.flags & kDamageConfig ? configFile : logFile,
-                           in.damage);
+      const bool config = in.flags & kDamageConfig;
+      strict = !damageFile(config ? configFile : logFile, in.damage,
+                           (config ? configImage : logImage).size());
     }
-    readerPass<F>(in);
+    if (!strict) {
+      readerPass<F>(in);
+    }
     exercise(agent, in, strict);
     used = agent.log->tableVersion();
   }
@@ -386,6 +400,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data,
     }
   } catch (const Shm::Error &) {
     // A clean refusal of the store.
+  } catch (const SetAside &) {
+    return -1;
   }
   return 0;
 }
