@@ -49,6 +49,7 @@ constexpr std::size_t kPrelude = 56;
 // (boundHighWater).
 constexpr std::uint64_t kMaxFileSize = 64ull << 20;
 constexpr std::uint64_t kHighWaterSlack = 64;
+constexpr Asic::LogVersion kLastVersion = ~Asic::LogVersion{0};
 constexpr std::uint8_t kLem = 16;
 constexpr std::uint8_t kDamageConfig = 32;
 
@@ -202,12 +203,19 @@ void exercise(Agent<F> &agent, const Input &in, bool strict) {
     const std::uint32_t label = op >> 3;
     const typename F::Key key(label);
     const Asic::LogVersion before = log.tableVersion();
+    // After the largest version there is no next one: a change then must be
+    // refused, not handed version 0 or any other used before.
+    auto noWrap = [&] {
+      require(!strict || log.tableVersion() >= before,
+              before == kLastVersion
+                  ? "the table version wraps around after the largest "
+                    "version (versions are handed out again)"
+                  : "the table version went back");
+    };
     auto freshVersion = [&](Asic::LogVersion v, const char *what) {
-      if (!strict) {
-        return;
-      }
-      require(v != 0 && v == before + 1 && log.tableVersion() == v &&
-                  v > before,
+      noWrap();
+      require(!strict || (v != 0 && v == before + 1 &&
+                          log.tableVersion() == v && v > before),
               what);
     };
     switch (op & 7) {
@@ -224,7 +232,7 @@ void exercise(Agent<F> &agent, const Input &in, bool strict) {
                 "a write refused as full used a version");
         break;
       }
-      if (v <= before && (op & 1)) {
+      if (v != 0 && v <= before && (op & 1)) {
         break; // suppressed: the stored version
       }
       freshVersion(v, "a write did not get the next version");
@@ -284,8 +292,8 @@ void exercise(Agent<F> &agent, const Input &in, bool strict) {
       // were handed out.
       const Asic::LogVersion to =
           (op & 7) == 5 ? before - std::min<Asic::LogVersion>(before, label)
-          : before == ~Asic::LogVersion{0} ? in.cleanup
-                                           : in.cleanup % (before + 1);
+          : before == kLastVersion ? in.cleanup
+                                   : in.cleanup % (before + 1);
       const Asic::LogVersion mark = log.cleanupVersion();
       log.cleanupEntryLog(to);
       require(log.cleanupVersion() == to, "the clean-up mark did not move");
@@ -309,8 +317,7 @@ void exercise(Agent<F> &agent, const Input &in, bool strict) {
       break;
     }
     }
-    require(log.tableVersion() >= before || !strict,
-            "the table version went back");
+    noWrap();
   }
   if (strict) {
     require(highestVersion<F>(log, strict) <= log.tableVersion(),

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -50,6 +51,13 @@ void put(Bytes &out, std::size_t at, std::uint64_t v, std::size_t width) {
   }
 }
 
+// Stores one 64-bit word of a file, as a damaged or very old file has it.
+void pokeWord(const std::string &file, std::uint64_t offset, std::uint64_t v) {
+  std::fstream f(file, std::ios::binary | std::ios::in | std::ios::out);
+  f.seekp(static_cast<std::streamoff>(offset));
+  f.write(reinterpret_cast<const char *>(&v), sizeof v);
+}
+
 void writeSeed(const std::filesystem::path &dir, const std::string &name,
                const Bytes &bytes) {
   std::filesystem::create_directories(dir);
@@ -77,7 +85,8 @@ void storeSeeds(const std::filesystem::path &dir) {
   using FuzzShm::Slate;
   auto em = Shm::entityManager("seeds", 0);
   auto make = [&](const std::string &name, std::uint8_t flags, auto &&fill,
-                  const Damage &d = {}) {
+                  const Damage &d = {},
+                  const std::function<void(const std::string &)> &after = {}) {
     em->entityDel(Slate::kPath);
     auto group = em->mountGroup();
     group->doMount(Slate::kPath, Slate::kTypeName, Slate::writerInfo());
@@ -86,6 +95,9 @@ void storeSeeds(const std::filesystem::path &dir) {
     const std::string file = s->fileName();
     s = nullptr;
     group->doUnmount();
+    if (after) {
+      after(file);
+    }
     Bytes seed = storePrelude(flags, d);
     const Bytes image = imageOf(file);
     seed.insert(seed.end(), image.begin(), image.end());
@@ -131,6 +143,17 @@ void storeSeeds(const std::filesystem::path &dir) {
   d.bytes[0] = 0x5a;
   d.bytes[1] = 0xa5;
   make("damaged-live", kSizeFromHeader | kDamageLive, filled, d);
+  // Sequence numbers two short of their end in every collection, as after
+  // a very long life: the next changes take the last ones.
+  make("sequence-near-end", kSizeFromHeader, filled, {},
+       [](const std::string &file) {
+         for (std::uint32_t c = 0; c < 3; ++c) {
+           pokeWord(file,
+                    format::kHeaderSize + c * sizeof(format::ControlBlock) +
+                        offsetof(format::ControlBlock, commitSeq),
+                    (format::kSeqMask - 2) << 1);
+         }
+       });
   em->close();
 }
 
@@ -207,6 +230,16 @@ void entryLogSeeds(const std::filesystem::path &dir, const std::string &family,
         r.logVersion = v;
         log.tableConfigSlate(u)->swTableEntriesIs(r);
       });
+  // Versions two short of the largest, as after a very long life (or a
+  // damaged scratchpad): the next changes take the last ones.
+  entryLogSeed<F>(dir, family + "-versions-near-end", flags, 0, 0,
+                  [&](typename F::Log &log, const Stats &stats) {
+                    written(log, stats);
+                    auto &control =
+                        log.tableEntryLog()->entryLogConfig().control();
+                    control.scratchpadIs(~Asic::LogVersion{0} - 2);
+                    control.auxiliaryIs(~Asic::LogVersion{0} - 2);
+                  });
 }
 
 } // namespace
