@@ -118,9 +118,18 @@ void writerWalk(Shm::Collection<Traits> &c, const Ops &ops, bool strict,
     require(++keys <= c.count(), "the key walk is longer than count()");
   }
   require(keys == c.count(), "the key walk is shorter than count()");
-  const std::size_t ordered = visit([&](auto f) { c.forEach(f); });
-  const std::size_t unordered = visit([&](auto f) { c.forEachUnordered(f); });
-  const std::size_t inPlace = visit([&](auto f) { c.forEachInPlace(f); });
+  // The scan that meets damage first is the one that drops it; the last
+  // operation byte picks which goes first.
+  std::size_t ordered = 0, unordered = 0, inPlace = 0;
+  if (ops.b[6] & 1) {
+    unordered = visit([&](auto f) { c.forEachUnordered(f); });
+    inPlace = visit([&](auto f) { c.forEachInPlace(f); });
+    ordered = visit([&](auto f) { c.forEach(f); });
+  } else {
+    ordered = visit([&](auto f) { c.forEach(f); });
+    unordered = visit([&](auto f) { c.forEachUnordered(f); });
+    inPlace = visit([&](auto f) { c.forEachInPlace(f); });
+  }
   if (strict) {
     require(ordered == c.count() && unordered == c.count() &&
                 inPlace == c.count(),
