@@ -18,10 +18,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -165,9 +167,11 @@ struct QuietReporter : Shm::Reporter {
   std::uint64_t notices = 0;
 };
 
-// The store root of this process: a fresh directory under $TMPDIR (tmpfs
-// when /dev/shm is there and TMPDIR is unset), made $MICA_SHM_ROOT, removed
-// when the process exits normally.
+// The store root of this process: the directory mica-fuzz.<pid> under
+// $TMPDIR (tmpfs when /dev/shm is there and TMPDIR is unset), made
+// $MICA_SHM_ROOT and removed when the process exits normally. A target that
+// crashed could not remove its own; the next one removes those of processes
+// that are gone.
 class Root {
 public:
   explicit Root(const std::string &agent) : agent_(agent) {
@@ -176,11 +180,13 @@ public:
     if (!(tmp && *tmp) && ::access("/dev/shm", W_OK) == 0) {
       base = "/dev/shm";
     }
-    std::string templ = base + "/mica-fuzz.XXXXXX";
-    if (!::mkdtemp(templ.data())) {
-      fail("cannot make a directory under " + base);
+    removeLeftovers(base);
+    dir_ = base + "/" + kPrefix + std::to_string(::getpid());
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+    if (!std::filesystem::create_directory(dir_, ec)) {
+      fail("cannot make " + dir_);
     }
-    dir_ = templ;
     ::setenv("MICA_SHM_ROOT", dir_.c_str(), 1);
     static std::string removeAtExit;
     removeAtExit = dir_;
@@ -193,6 +199,27 @@ public:
   std::string instanceDir() const { return dir_ + "/" + agent_ + ".0"; }
 
 private:
+  static constexpr const char *kPrefix = "mica-fuzz.";
+
+  static void removeLeftovers(const std::string &base) {
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator(base, ec)) {
+      const std::string name = e.path().filename().string();
+      if (name.rfind(kPrefix, 0) != 0) {
+        continue;
+      }
+      const std::string digits = name.substr(std::strlen(kPrefix));
+      if (digits.empty() ||
+          digits.find_first_not_of("0123456789") != std::string::npos) {
+        continue;
+      }
+      const long pid = std::strtol(digits.c_str(), nullptr, 10);
+      if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+        std::filesystem::remove_all(e.path(), ec);
+      }
+    }
+  }
+
   std::string agent_;
   std::string dir_;
 };
