@@ -13,7 +13,7 @@
 // and not just the checksum checks in front of them.
 //
 //   FuzzSupport::Root root("fuzz");               // once, in Initialize
-//   FuzzSupport::placeFile(root.instanceDir(), "a/b", image, flags);
+//   FuzzSupport::placeFile(root.instanceDir(), "a/b", image, flags, 1 << 20);
 //   FuzzSupport::require(n <= cap, "walk longer than the capacity");
 #pragma once
 

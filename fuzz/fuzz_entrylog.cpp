@@ -23,11 +23,12 @@
 // walks both; the entry log is made (it mounts the change log) and mounts the
 // unit; the damage is written into the live file (kDamageLive) and the reader
 // walks again; the entry log is read, written and cleaned; it is dropped and
-// the store closed, as an agent exits, and a new one starts over the same
-// files. Every error must be one of the store's exceptions. Without live damage
-// the entry log must also keep its promises: no version handed out twice or
-// below a record's, writes that read back, clean-ups that retire what they
-// cover, and a restart that continues after every version used.
+// the store closed, as an agent exits, and (without live damage) a new one
+// starts over the same files. Every error must be one of the store's
+// exceptions. Without live damage the entry log must also keep its promises: no
+// version handed out twice or below a record's, writes that read back,
+// clean-ups that retire what they cover, and a restart that continues after
+// every version used.
 #include <algorithm>
 #include <cstdint>
 #include <optional>

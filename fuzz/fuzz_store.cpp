@@ -5,7 +5,10 @@
 // FuzzShm::Slate (FuzzTypes.h; see FuzzSupport.h for images and flags):
 //
 //    0  u8      flags
-//    1  u8[7]   operations: the keys that the walks find, insert and erase
+//    1  u8[7]   operations, one per byte: the low four bits a key, the top
+//               three what the writer does with it (0-2 insert, 3-4 erase,
+//               5 in the first byte: drain the collection); the last byte's
+//               bit 0 also says which of the writer's scans goes first
 //    8  u64     damage offset (modulo the file size)
 //   16  u8      damage length (modulo 17)
 //   17  u8[16]  damage bytes
