@@ -58,6 +58,12 @@ constexpr std::size_t
     kConfigPad = detail::padTo8(sizeof(typename B::ResourceKeys) +
                                 sizeof(typename B::LogEntry));
 
+// Whether a configuration record is marked deleted: 0 live, anything else
+// deleted (the entry log writes 1). A byte rather than a bool: records are
+// read from shared memory, where a damaged byte may hold any value, and
+// loading a bool that is neither 0 nor 1 is undefined behaviour.
+using DeletedMark = std::uint8_t;
+
 // A configuration record. Its layout has an explicit padding field between
 // the log entry and the version when the two parts do not end on 8 bytes.
 template <typename B, bool Padded = (kConfigPad<B> != 0)>
@@ -66,7 +72,7 @@ struct ConfigSlateEntry : ConfigSlateEntryOps<ConfigSlateEntry<B, Padded>, B> {
   typename B::LogEntry logEntry;
   std::uint8_t pad0[kConfigPad<B>] = {};
   LogVersion logVersion = 0;
-  bool isDeleted = false;
+  DeletedMark isDeleted = 0;
   std::uint8_t pad1[7] = {};
 };
 
@@ -76,7 +82,7 @@ struct ConfigSlateEntry<B, false>
   typename B::ResourceKeys rsrcKeys;
   typename B::LogEntry logEntry;
   LogVersion logVersion = 0;
-  bool isDeleted = false;
+  DeletedMark isDeleted = 0;
   std::uint8_t pad1[7] = {};
 };
 
@@ -106,7 +112,7 @@ template <typename B> struct ConfigSlateRecordTraits {
                 "configuration records are plain bytes");
   static Key keyOf(const Record &r) noexcept { return r.logEntry.key; }
   // The collection counts records marked deleted in O(1).
-  static bool flagged(const Record &r) noexcept { return r.isDeleted; }
+  static bool flagged(const Record &r) noexcept { return r.isDeleted != 0; }
   static constexpr const char *kRecordName = B::kConfigSlateEntryType;
   static constexpr std::uint32_t kRecordVersion = 1;
 };

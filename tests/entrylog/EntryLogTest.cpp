@@ -222,6 +222,32 @@ TYPED_TEST(EntryLog, RestartRestoresVersionsAndDropsConfirmedDeletions) {
             1235u);
 }
 
+TYPED_TEST(EntryLog, AnyNonZeroDeletedByteReadsAsDeleted) {
+  // The byte may hold anything after damage; it is never read as a bool.
+  using F = TypeParam;
+  LogEnv<F> env;
+  env.log->mountSlateConfig(1, 0);
+  typename F::B::EntryLog::ConfigEntry r{};
+  r.logEntry = F::logEntry(7, 7);
+  r.rsrcKeys = F::rsrcKeys(7);
+  r.logVersion = 3;
+  r.isDeleted = 9;
+  env.slate(1).swTableEntriesIs(r);
+  auto &control = env.log->tableEntryLog()->entryLogConfig().control();
+  control.scratchpadIs(3);
+  control.auxiliaryIs(3); // a complete change: nothing to finish at mount
+
+  env.restart();
+  env.log->mountSlateConfig(1, 0);
+  EXPECT_FALSE(env.log->entryHas(typename F::Key(7), 1));
+  EXPECT_EQ(env.log->entrys(1), 0u);
+  EXPECT_EQ(env.log->entrysInDeletion(1), 1u);
+  // A confirmed deletion is dropped like any other.
+  env.restart();
+  env.log->mountSlateConfig(1, 3);
+  EXPECT_EQ(env.slate(1).swTableEntries().count(), 0u);
+}
+
 TYPED_TEST(EntryLog, NoVersionIsHandedOutTwiceWhenTheScratchpadFallsBehind) {
   using F = TypeParam;
   LogEnv<F> env;

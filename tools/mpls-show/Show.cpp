@@ -367,7 +367,7 @@ void Show::entriesOf(Asic::UnitId unit, std::optional<std::uint32_t> label) {
     putFields(rk, V::resource(r.rsrcKeys));
     row["resourceKey"] = std::move(rk);
     row["logVersion"] = r.logVersion;
-    row["deleted"] = r.isDeleted;
+    row["deleted"] = r.isDeleted != 0;
     deleted += r.isDeleted ? 1 : 0;
     rows.push_back(std::move(row));
   }
