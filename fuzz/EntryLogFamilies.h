@@ -1,13 +1,12 @@
-// The two table families as the entry log's fuzz target and its seed maker
-// use them: the entry log, its two entities, and entries made from small
-// numbers (so that inputs name keys the seeds hold).
+// What the entry log's fuzz target and its seed maker share: the instance,
+// the unit, and the two table families of the entry-log suites (entries
+// made from small numbers, so that inputs name keys the seeds hold).
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "MicaMpls/MplsIsem2EntryLog.h"
-#include "MicaMpls/MplsLemEntryLog.h"
+#include "support/EntryLogFamilies.h"
 
 namespace FuzzEntryLog {
 
@@ -16,50 +15,7 @@ namespace FuzzEntryLog {
 inline constexpr const char *kAgent = "fuzzlog";
 inline constexpr Asic::UnitId kUnit = 1;
 
-struct Isem2 {
-  using B = MicaMpls::MplsIsem2Binding;
-  using Log = MicaMpls::MplsIsem2EntryLog;
-  using Key = MicaMpls::MplsIsem2EntryKey;
-  using LogEntry = MicaMpls::MplsIsem2LogEntry;
-  using RsrcKeys = MicaMpls::MplsIsem2ResourceKeys;
-  using LogSlate = MicaMpls::MplsIsem2EntryLogSlate;
-  using ConfigSlate = MicaMpls::MplsIsem2ConfigSlate;
-  static Fwk::Ptr<Log> make(const Fwk::Ptr<StateDb::EntityManager> &em,
-                            const Fwk::Ptr<Asic::GroupInterface> &g) {
-    return MicaMpls::mplsIsem2EntryLogFactory(
-        Asic::SwTableId(B::Constants::swTableTypeId), em, g, em->name());
-  }
-  static LogEntry logEntry(std::uint32_t label, std::uint32_t result) {
-    return LogEntry{Key(label), result, result + 1};
-  }
-  static RsrcKeys rsrcKeys(std::uint32_t v) {
-    RsrcKeys r;
-    r.inLifKey.label = v;
-    r.inLifClientData.opaque[0] = static_cast<std::uint8_t>(v);
-    return r;
-  }
-};
-
-struct Lem {
-  using B = MicaMpls::MplsLemBinding;
-  using Log = MicaMpls::MplsLemEntryLog;
-  using Key = MicaMpls::MplsLemEntryKey;
-  using LogEntry = MicaMpls::MplsLemLogEntry;
-  using RsrcKeys = MicaMpls::MplsLemResourceKeys;
-  using LogSlate = MicaMpls::MplsLemEntryLogSlate;
-  using ConfigSlate = MicaMpls::MplsLemConfigSlate;
-  static Fwk::Ptr<Log> make(const Fwk::Ptr<StateDb::EntityManager> &em,
-                            const Fwk::Ptr<Asic::GroupInterface> &g) {
-    return MicaMpls::mplsLemEntryLogFactory(
-        Asic::SwTableId(B::Constants::swTableTypeId), em, g, em->name());
-  }
-  static LogEntry logEntry(std::uint32_t label, std::uint32_t result) {
-    LogEntry e;
-    e.key = Key(label);
-    e.fecId = result;
-    return e;
-  }
-  static RsrcKeys rsrcKeys(std::uint32_t v) { return RsrcKeys{v}; }
-};
+using EntryLogFamilies::Isem2;
+using EntryLogFamilies::Lem;
 
 } // namespace FuzzEntryLog

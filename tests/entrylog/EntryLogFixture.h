@@ -7,59 +7,14 @@
 #include <cstdlib>
 #include <string>
 
-#include "MicaMpls/MplsIsem2EntryLog.h"
-#include "MicaMpls/MplsLemEntryLog.h"
 #include "platform/statedb/GenId.h"
+#include "support/EntryLogFamilies.h"
 #include "support/FreshInstance.h"
 
 namespace EntryLogTest {
 
-struct Isem2 {
-  using B = MicaMpls::MplsIsem2Binding;
-  using Log = MicaMpls::MplsIsem2EntryLog;
-  using Key = MicaMpls::MplsIsem2EntryKey;
-  using LogEntry = MicaMpls::MplsIsem2LogEntry;
-  using RsrcKeys = MicaMpls::MplsIsem2ResourceKeys;
-  static constexpr std::uint32_t kTypeId = 0x0A080401;
-  static constexpr const char *kItem = "MplsIsem2";
-  static Fwk::Ptr<Log> make(const Fwk::Ptr<StateDb::EntityManager> &em,
-                            const Fwk::Ptr<Asic::GroupInterface> &g) {
-    return MicaMpls::mplsIsem2EntryLogFactory(Asic::SwTableId(kTypeId), em, g,
-                                              em->name());
-  }
-  static LogEntry logEntry(std::uint32_t label, std::uint32_t result) {
-    return LogEntry{Key(label), result, result + 1};
-  }
-  static RsrcKeys rsrcKeys(std::uint32_t v) {
-    RsrcKeys r;
-    r.inLifKey.label = v;
-    r.inLifClientData.opaque[0] = static_cast<std::uint8_t>(v);
-    return r;
-  }
-};
-
-struct Lem {
-  using B = MicaMpls::MplsLemBinding;
-  using Log = MicaMpls::MplsLemEntryLog;
-  using Key = MicaMpls::MplsLemEntryKey;
-  using LogEntry = MicaMpls::MplsLemLogEntry;
-  using RsrcKeys = MicaMpls::MplsLemResourceKeys;
-  static constexpr std::uint32_t kTypeId = 0x0A080402;
-  static constexpr const char *kItem = "MplsLem";
-  static Fwk::Ptr<Log> make(const Fwk::Ptr<StateDb::EntityManager> &em,
-                            const Fwk::Ptr<Asic::GroupInterface> &g) {
-    return MicaMpls::mplsLemEntryLogFactory(Asic::SwTableId(kTypeId), em, g,
-                                            em->name());
-  }
-  static LogEntry logEntry(std::uint32_t label, std::uint32_t result) {
-    LogEntry e;
-    e.key = Key(label);
-    e.fecId = result;
-    e.errorCode = 0;
-    return e;
-  }
-  static RsrcKeys rsrcKeys(std::uint32_t v) { return RsrcKeys{v}; }
-};
+using EntryLogFamilies::Isem2;
+using EntryLogFamilies::Lem;
 
 using Families = ::testing::Types<Isem2, Lem>;
 
