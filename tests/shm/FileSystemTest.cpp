@@ -9,6 +9,7 @@
 #include <set>
 
 #include "ShmTestTypes.h"
+#include "platform/shm/OneCollectionEntity.h"
 #include "support/ScratchTmpfs.h"
 
 using namespace ShmTest;
@@ -32,18 +33,12 @@ struct HugeTraits {
   static constexpr const char *kRecordName = "ShmTest::HugeRecord";
   static constexpr std::uint32_t kRecordVersion = 1;
 };
-class HugeTable : public Shm::Entity {
-public:
+struct HugeTableNames {
   static constexpr const char *kTypeName = "ShmTest::HugeTable";
-  static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).collection<HugeTraits>("entries");
-  }
-  explicit HugeTable(Shm::EntityInit &init)
-      : Shm::Entity(init), entries_(init, "entries") {}
-
-private:
-  Shm::Collection<HugeTraits> entries_;
+  static constexpr const char *kCollection = "entries";
+  static constexpr std::uint32_t kCapacity = 1;
 };
+using HugeTable = Shm::OneCollectionEntity<HugeTraits, HugeTableNames>;
 const Shm::EntityTypeRegistrar<HugeTable> kHugeTable;
 
 template <typename E>
