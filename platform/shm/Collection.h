@@ -108,6 +108,7 @@
 #include "platform/Export.h"
 #include "platform/framework/Assert.h"
 #include "platform/framework/Bytes.h"
+#include "platform/framework/Hash.h"
 #include "platform/framework/OrderedProbe.h"
 #include "platform/shm/Entity.h"
 #include "platform/shm/Errors.h"
@@ -232,21 +233,11 @@ protected:
       if (n > 8) {
         std::memcpy(&b, static_cast<const unsigned char *>(key) + 8, n - 8);
       }
-      return mix64(mix64(a ^ site_.hashSeed) ^ b);
+      // fmix64 is a bijection: keys of up to 8 bytes never collide.
+      return Fwk::fmix64(Fwk::fmix64(a ^ site_.hashSeed) ^ b);
     }
     return Fwk::hashBytes64(key, n, site_.hashSeed);
   }
-  // The 64-bit finaliser of MurmurHash3: a bijection, so keys of up to 8
-  // bytes never collide.
-  static constexpr std::uint64_t mix64(std::uint64_t x) noexcept {
-    x ^= x >> 33;
-    x *= 0xff51afd7ed558ccdull;
-    x ^= x >> 33;
-    x *= 0xc4ceb9fe1a85ec53ull;
-    x ^= x >> 33;
-    return x;
-  }
-
   void requireWriter() const {
     if (!site_.writer || site_.file->closed.load(std::memory_order_relaxed))
         [[unlikely]] {
