@@ -15,7 +15,7 @@
 // change-log record, into arrays) and the heap allocations per change
 // (counted by this program's operator new).
 //
-//   bench_e2e [--quick] [--table lem|isem2] [--keys N]
+//   bench_e2e [--quick] [--table lem|isem2] [--keys N] [--units N]
 //     --quick: 65,536 keys, batches of 1,000 only
 #include <unistd.h>
 
@@ -255,6 +255,7 @@ int main(int argc, char **argv) {
   bool quick = false;
   std::string only;          // "lem" or "isem2": one table only
   std::uint32_t onlyKeys = 0; // one size only
+  std::uint32_t onlyUnits = 0; // one number of units only
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--quick") {
@@ -263,8 +264,10 @@ int main(int argc, char **argv) {
       only = argv[++i];
     } else if (a == "--keys" && i + 1 < argc) {
       onlyKeys = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 0));
+    } else if (a == "--units" && i + 1 < argc) {
+      onlyUnits = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 0));
     } else {
-      std::fprintf(stderr, "usage: bench_e2e [--quick] [--table lem|isem2] [--keys N]\n");
+      std::fprintf(stderr, "usage: bench_e2e [--quick] [--table lem|isem2] [--keys N] [--units N]\n");
       return 2;
     }
   }
@@ -283,6 +286,9 @@ int main(int argc, char **argv) {
       continue;
     }
     for (std::uint32_t units : {1u, 4u}) {
+      if (onlyUnits != 0 && units != onlyUnits) {
+        continue;
+      }
       for (std::uint32_t keys : sizes) {
         for (std::uint32_t batch : batches) {
           const std::size_t before = rows.size();

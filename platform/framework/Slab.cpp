@@ -26,32 +26,34 @@ struct FreeNode {
 
 struct Cache {
   FreeNode *heads[kClasses] = {};
+  // The unused rest of each class's newest chunk: objects are cut from it
+  // only when the free list is empty, so a new chunk is not touched (nor its
+  // pages faulted in) before its objects are used.
+  unsigned char *carve[kClasses] = {};
+  unsigned char *carveEnd[kClasses] = {};
 };
-
 // Initial-exec: the library is linked in, never dlopen()ed late, so its
 // thread-local cache is reached without a call.
 __attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
-
 [[maybe_unused]] std::size_t classOf(std::size_t size) noexcept {
   return (size + kGranule - 1) / kGranule;
 }
-
-// Carves a new chunk into objects of the class and puts them on its list.
-[[maybe_unused]] void refill(std::size_t cls) {
+// An object of the class from the rest of its newest chunk, after taking a
+// new chunk when that is used up.
+[[maybe_unused]] __attribute__((noinline)) void *carve(std::size_t cls) {
   const std::size_t objectSize = cls * kGranule;
-  const std::size_t count =
-      kChunkBytes / objectSize > 0 ? kChunkBytes / objectSize : 1;
-  auto *chunk = static_cast<unsigned char *>(::operator new(count *objectSize));
-  gChunkBytes.fetch_add(count * objectSize, std::memory_order_relaxed);
-  FreeNode *head = tCache.heads[cls];
-  for (std::size_t i = count; i-- > 0;) {
-    auto *n = reinterpret_cast<FreeNode *>(chunk + i * objectSize);
-    n->next = head;
-    head = n;
+  unsigned char *&next = tCache.carve[cls];
+  if (next == tCache.carveEnd[cls]) {
+    const std::size_t count =
+        kChunkBytes / objectSize > 0 ? kChunkBytes / objectSize : 1;
+    next = static_cast<unsigned char *>(::operator new(count * objectSize));
+    tCache.carveEnd[cls] = next + count * objectSize;
+    gChunkBytes.fetch_add(count * objectSize, std::memory_order_relaxed);
   }
-  tCache.heads[cls] = head;
+  void *p = next;
+  next += objectSize;
+  return p;
 }
-
 } // namespace
 
 void *allocate(std::size_t size) {
@@ -64,7 +66,7 @@ void *allocate(std::size_t size) {
   const std::size_t cls = classOf(size);
   FreeNode *&head = tCache.heads[cls];
   if (!head) [[unlikely]] {
-    refill(cls);
+    return carve(cls);
   }
   FreeNode *n = head;
   head = n->next;

@@ -3,8 +3,10 @@
 // Entry handles, wrappers and resolver entries are made and dropped at the
 // rate of changes; a general-purpose heap charges each of them a search and,
 // when many are dropped at once, a consolidation. The slab keeps one free
-// list per size class (16-byte steps up to kMaxSize), refilled a chunk at a
-// time, so that an allocation and a free are a list pop and push:
+// list per size class (16-byte steps up to kMaxSize); when it is empty, the
+// next object is cut from the class's newest chunk (a new chunk is taken
+// from the heap when that is used up). An allocation and a free are a list
+// pop and push:
 //
 //   void *p = Fwk::Slab::allocate(sizeof(Thing));   // from its size class
 //   Fwk::Slab::deallocate(p, sizeof(Thing));        // back to that class

@@ -105,6 +105,7 @@ bool CollectionCore::backSlots(std::uint32_t n) {
                                        site_.desc.slotsOffset + backed_ * size,
                                        (end - backed_) * size);
     if (spaceError_ == 0) {
+      detail::prefault(slotAt(0) + backed_ * size, (end - backed_) * size);
       backed_ = end;
       return true;
     }

@@ -70,6 +70,19 @@ int reserveSpace(int fd, std::uint64_t offset, std::uint64_t len) noexcept {
   return err;
 }
 
+void prefault(void *p, std::uint64_t len) noexcept {
+#ifndef MADV_POPULATE_WRITE
+  constexpr int MADV_POPULATE_WRITE = 23; // Linux 5.14
+#endif
+  static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto begin = reinterpret_cast<std::uintptr_t>(p) & ~(page - 1);
+  const auto end = reinterpret_cast<std::uintptr_t>(p) + len;
+  if (len != 0) {
+    (void)::madvise(reinterpret_cast<void *>(begin), end - begin,
+                    MADV_POPULATE_WRITE);
+  }
+}
+
 MountedFile::~MountedFile() {
   if (base) {
     ::munmap(base, size);
