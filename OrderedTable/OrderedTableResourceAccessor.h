@@ -205,10 +205,8 @@ template <typename L> struct SwTableResourceAccessor {
     for (auto it = linkage.entryUsageSmColl().begin();
          it != linkage.entryUsageSmColl().end(); ++it) {
       sms.push_back(it.value());
-      for (auto u = it.value()->entryUsageColl().begin();
-           u != it.value()->entryUsageColl().end(); ++u) {
-        users.push_back(u.key());
-      }
+      it.value()->forEachEntryUsage(
+          [&](const Key &k) { users.push_back(k); });
       ends.push_back(users.size());
     }
     std::size_t next = 0;
@@ -243,12 +241,11 @@ template <typename L> struct SwTableResourceAccessor {
         continue;
       }
       Fwk::Ptr<const OrderedSwTable::EntryHandle> latest;
-      for (auto u = sm->entryUsageColl().begin();
-           u != sm->entryUsageColl().end(); ++u) {
-        if (const auto *h = updates.find(u.key()); h && *h) {
+      sm->forEachEntryUsage([&](const Key &k) {
+        if (const auto *h = updates.find(k); h && *h) {
           latest = *h;
         }
-      }
+      });
       linkage.resTblClient()->ackUpdate(res, res->version(), latest);
     }
   }
@@ -256,10 +253,7 @@ template <typename L> struct SwTableResourceAccessor {
   static void handleResourceChange(Sm &sm) {
     std::vector<Key> users;
     users.reserve(sm.entryUsages());
-    for (auto it = sm.entryUsageColl().begin(); it != sm.entryUsageColl().end();
-         ++it) {
-      users.push_back(it.key());
-    }
+    sm.forEachEntryUsage([&](const Key &k) { users.push_back(k); });
     updateUsers(sm, users, 0, users.size());
   }
 

@@ -18,6 +18,7 @@
 // to date (OrderedTableResourceAccessor.h).
 #pragma once
 
+#include <optional>
 #include <vector>
 
 #include "OrderedTable/TableBinding.h"
@@ -69,26 +70,70 @@ public:
     typename B::Linkage *parent() const noexcept { return parent_; }
 
     bool entryUsage(const Key &key) const noexcept {
-      return entryUsage_.contains(key);
+      return many_.empty() ? one_ && *one_ == key : many_.contains(key);
     }
-    std::size_t entryUsages() const noexcept { return entryUsage_.size(); }
-    const Fwk::HashSet<Key> &entryUsageColl() const noexcept {
-      return entryUsage_;
+    std::size_t entryUsages() const noexcept {
+      return many_.empty() ? (one_ ? 1 : 0) : many_.size();
+    }
+    // Calls f(key) for every user, in the set's (hash) order.
+    template <typename F> void forEachEntryUsage(F &&f) const {
+      if (many_.empty()) {
+        if (one_) {
+          f(*one_);
+        }
+        return;
+      }
+      for (auto it = many_.begin(); it != many_.end(); ++it) {
+        f(it.key());
+      }
     }
     // Adds a user; an existing one is left as it is.
     void entryUsageIs(const Key &key) {
-      if (entryUsage_.insert(key)) {
+      bool added = true;
+      if (!many_.empty()) {
+        added = many_.insert(key);
+      } else if (!one_) {
+        one_ = key;
+      } else if (*one_ == key) {
+        added = false;
+      } else {
+        many_.insert(*one_);
+        many_.insert(key);
+        one_.reset();
+      }
+      if (added) {
         notify(attrEntryUsage, key);
       }
     }
     void entryUsageDel(const Key &key) {
-      if (entryUsage_.erase(key)) {
+      bool gone = false;
+      if (many_.empty()) {
+        gone = one_ && *one_ == key;
+        if (gone) {
+          one_.reset();
+        }
+      } else if (many_.erase(key)) {
+        gone = true;
+        if (many_.size() == 1) {
+          one_ = many_.begin().key();
+          many_.clear();
+        }
+      }
+      if (gone) {
         notify(attrEntryUsage, key);
       }
     }
     void entryUsageDelAll() {
-      while (!entryUsage_.empty()) {
-        entryUsageDel(Key(entryUsage_.begin().key()));
+      while (entryUsages() != 0) {
+        Key first{};
+        bool seen = false;
+        forEachEntryUsage([&](const Key &k) {
+          if (!seen) {
+            first = k;
+            seen = true;
+          }
+        });
+        entryUsageDel(first);
       }
     }
 
@@ -117,7 +162,8 @@ public:
         resPtr_->observerDel(this);
         subscribed_ = false;
       }
-      entryUsage_.clear();
+      one_.reset();
+      many_.clear();
     }
 
     void subscribe(bool on) {
@@ -145,7 +191,10 @@ public:
 
     Fwk::Ptr<const ResourceHandle> resPtr_;
     typename B::Linkage *parent_;
-    Fwk::HashSet<Key> entryUsage_{0x510e527fu};
+    // The users: most resources have one, kept here without a set (one_
+    // alone, many_ empty); two or more are in many_ (one_ empty).
+    std::optional<Key> one_;
+    Fwk::HashSet<Key> many_{0x510e527fu};
     bool notificationActive_ = false;
     bool subscribed_ = false;
     bool suppressed_ = false;

@@ -199,10 +199,7 @@ TYPED_TEST(Linkage, AChangedResourceUpdatesItsUsersAndIsAcknowledgedOnce) {
   env.commit({{1, 5}, {2, 5}, {3, 5}});
   auto sm = env.sm(5);
   std::vector<Key> users;
-  for (auto it = sm->entryUsageColl().begin(); it != sm->entryUsageColl().end();
-       ++it) {
-    users.push_back(it.key());
-  }
+  sm->forEachEntryUsage([&](const Key &k) { users.push_back(k); });
   ASSERT_EQ(users.size(), 3u);
   const auto ackedFor = [&] {
     auto h = Fwk::ptrCast<const typename F::Table::EntryHandle>(
