@@ -223,6 +223,10 @@ public:
     group->doMount(path, Slate::kTypeName, info);
     group->doClose();
     slate_ = Fwk::ptrCast<Slate>(em->entity(path));
+    // Sized once for the capacity (at the load growth would give it when
+    // full): the first load of a table fills it at the rate of changes, and
+    // a rebuild would move every entry at once.
+    entries_.reserve(2 * std::size_t{capacity()});
     auto &coll = slate_->allocations();
     coll.control().clearWiped(); // lost allocations are simply made again
     std::vector<Key> unusable;

@@ -748,9 +748,24 @@ private:
   // keys left after an ordered walk that erases (a clean-up) sit in one part
   // of the hash range: packed, they would form long runs that every later
   // insert and erase has to shift.
+  //
+  // A writer's index for at most kPresizeLimit keys is sized at mount for
+  // its capacity (at the load growth would give it when full), so that
+  // filling the collection never rebuilds it: a rebuild moves every entry at
+  // once. Larger collections (the change log, which holds only what the
+  // hardware has yet to confirm) grow as they fill; their index stays small
+  // and in cache.
+  static constexpr std::size_t kPresizeLimit = 65536;
+  std::size_t presize() const noexcept {
+    return capacity() <= kPresizeLimit ? 2 * std::size_t{capacity()} : 0;
+  }
   void maybeShrink() {
-    if (index_.size() == 0 && index_.slots() > 4096) {
+    if (index_.size() == 0 && index_.slots() > 4096 &&
+        index_.slots() > presizedSlots_) {
       index_.clear();
+      if (const std::size_t n = presize()) {
+        index_.reserve(n);
+      }
     }
   }
 
@@ -854,7 +869,8 @@ private:
       const int c = Fwk::compareBytes<sizeof(Key)>(&a.key, &b.key);
       return c != 0 ? c < 0 : a.seq > b.seq;
     });
-    index_.reserve(found.size());
+    index_.reserve(std::max(found.size(), presize()));
+    presizedSlots_ = index_.slots();
     for (std::size_t j = 0; j < found.size(); ++j) {
       const Found &f = found[j];
       if (j > 0 && f.hash == found[j - 1].hash &&
@@ -988,6 +1004,7 @@ private:
   }
 
   Array index_;
+  std::size_t presizedSlots_ = 0; // index_.slots() after the mount
   std::size_t flagged_ = 0;
   mutable std::vector<Pending> pending_;
 };
