@@ -152,6 +152,10 @@ public:
     swTable_->commitEntry(self);
   }
 
+  void prefetchCommit(int ahead) const noexcept override {
+    swTable_->prefetchCommitted(wrapper_->key(), ahead);
+  }
+
   // The resolver keeps the changes of one table and key in order.
   const void *orderTable() const noexcept override { return swTable_; }
   std::uint64_t orderKey() const noexcept override {

@@ -5,6 +5,11 @@
 namespace Asic {
 
 namespace {
+// How many changes ahead of the one being offered a pass starts fetching
+// where a change's record is looked up, and the record itself.
+constexpr std::size_t kPrefetchFar = 8;
+constexpr std::size_t kPrefetchNear = 4;
+
 std::uint64_t tableOf(const ResolverEntry &e) noexcept {
   return reinterpret_cast<std::uintptr_t>(e.orderTable());
 }
@@ -212,6 +217,12 @@ std::size_t GroupResolver::runPass() {
   }
   std::size_t committed = 0;
   while (offerHead_ < offer_.size()) {
+    if (offerHead_ + kPrefetchFar < offer_.size()) {
+      offer_[offerHead_ + kPrefetchFar]->prefetchCommit(2);
+    }
+    if (offerHead_ + kPrefetchNear < offer_.size()) {
+      offer_[offerHead_ + kPrefetchNear]->prefetchCommit(1);
+    }
     Fwk::Ptr<ResolverEntry> e = std::move(offer_[offerHead_++]);
     if (!e->isResolved()) {
       if (const auto &dep = e->dependencyHandle();

@@ -354,6 +354,12 @@ public:
   virtual const void *orderTable() const noexcept = 0;
   virtual std::uint64_t orderKey() const noexcept = 0;
 
+  // Starts fetching what commitEntry() reads, for a change the resolver
+  // offers a few changes later (`ahead` 2: where the record is looked up;
+  // 1: the record, once that has arrived), so that a pass over a batch does
+  // not wait for memory at every change. A hint; changes nothing.
+  virtual void prefetchCommit(int ahead) const noexcept { (void)ahead; }
+
 protected:
   ResolverEntry(Fwk::Ptr<const DependencyEntryHandle> dependency,
                 EntryFlags flags)

@@ -93,6 +93,7 @@ struct ResourceAllocationTraits {
   static Key keyOf(const Record &r) noexcept { return r.key; }
   static constexpr const char *kRecordName = Names::kRecordName;
   static constexpr std::uint32_t kRecordVersion = 1;
+  static constexpr bool kPresizeIndex = true; // it fills up with the table
 };
 
 // The store entity of a resource table's allocations. `Names` gives the
@@ -223,9 +224,9 @@ public:
     group->doMount(path, Slate::kTypeName, info);
     group->doClose();
     slate_ = Fwk::ptrCast<Slate>(em->entity(path));
-    // Sized once for the capacity (at the load growth would give it when
-    // full): the first load of a table fills it at the rate of changes, and
-    // a rebuild would move every entry at once.
+    // Sized once for the capacity (a load of at most 1/4 when full): the
+    // first load of a table fills it at the rate of changes, and a rebuild
+    // would move every entry at once.
     entries_.reserve(2 * std::size_t{capacity()});
     auto &coll = slate_->allocations();
     coll.control().clearWiped(); // lost allocations are simply made again

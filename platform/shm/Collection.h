@@ -12,6 +12,9 @@
 //     static constexpr const char *kRecordName =
 //         "MicaMpls::MplsIsem2ConfigSlateEntry";
 //     static constexpr std::uint32_t kRecordVersion = 1;
+//     // Optional: the writer's index is sized for the capacity at mount
+//     // (see presize() below); for collections that fill up with their table.
+//     static constexpr bool kPresizeIndex = true;
 //   };
 //
 //   auto &c = slate->swTableEntries();
@@ -749,15 +752,19 @@ private:
   // of the hash range: packed, they would form long runs that every later
   // insert and erase has to shift.
   //
-  // A writer's index for at most kPresizeLimit keys is sized at mount for
-  // its capacity (at the load growth would give it when full), so that
-  // filling the collection never rebuilds it: a rebuild moves every entry at
-  // once. Larger collections (the change log, which holds only what the
-  // hardware has yet to confirm) grow as they fill; their index stays small
-  // and in cache.
-  static constexpr std::size_t kPresizeLimit = 65536;
+  // A collection whose traits ask for it (kPresizeIndex: one that fills up
+  // with its table, like a configuration table or the resource allocations)
+  // has its writer's index sized at mount for its capacity, so that
+  // filling it never rebuilds the
+  // index (a rebuild moves every entry at once). The others (the change log,
+  // which holds only what the hardware has yet to confirm) grow as they
+  // fill: their index stays small and in cache.
   std::size_t presize() const noexcept {
-    return capacity() <= kPresizeLimit ? 2 * std::size_t{capacity()} : 0;
+    if constexpr (requires { Traits::kPresizeIndex; }) {
+      // Room for twice the capacity: a load of at most 1/4 when full.
+      return Traits::kPresizeIndex ? 2 * std::size_t{capacity()} : 0;
+    }
+    return 0;
   }
   void maybeShrink() {
     if (index_.size() == 0 && index_.slots() > 4096 &&
