@@ -6,6 +6,7 @@
 //
 //   load      every key new, each with a resource of its own
 //   rewrite   every key moved onto one of 4,096 shared resources
+//   iterate   every committed entry read through the table's iterator
 //   remove    every key removed
 //
 // at 1,024, 16,384 and 65,536 keys per unit, on 1 and 4 units, with 1, 100
@@ -179,6 +180,38 @@ template <typename F> struct Agent {
   std::vector<Fwk::Ptr<typename F::B::SwTable>> tables;
 };
 
+// Every committed entry of every unit read through the table's iterator
+// (the best of three walks); its roofline is the copy of the same records.
+template <typename F>
+Row iterate(Agent<F> &a, std::uint32_t keys, std::uint32_t units,
+            std::uint32_t batch, double roof) {
+  const std::uint64_t allocs0 = gAllocations.load();
+  double best = 1e30;
+  std::uint64_t seen = 0;
+  for (int round = 0; round < 3; ++round) {
+    seen = 0;
+    std::uint64_t sum = 0;
+    const auto t0 = Clock::now();
+    for (const auto &t : a.tables) {
+      for (auto it = t->entryIteratorConst(); !it.done(); ++it) {
+        sum += it.entry().key.packed();
+        ++seen;
+      }
+    }
+    asm volatile("" : : "r"(sum) : "memory");
+    best = std::min(best,
+                    std::chrono::duration<double>(Clock::now() - t0).count());
+  }
+  if (seen != std::uint64_t{keys} * units) {
+    std::fprintf(stderr, "bench_e2e: %s iterate: %lu of %lu entries\n",
+                 F::kName, static_cast<unsigned long>(seen),
+                 static_cast<unsigned long>(std::uint64_t{keys} * units));
+    std::exit(1);
+  }
+  return Row{F::kName, "iterate", keys, units, batch, best, seen, roof,
+             (gAllocations.load() - allocs0) / 3};
+}
+
 template <typename F>
 void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
          std::uint32_t batch) {
@@ -194,6 +227,9 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
   const std::uint64_t changes = std::uint64_t{keys} * units;
   const double roof = rooflineNs<F>(changes);
   for (int phase = 0; phase < 3; ++phase) {
+    if (phase == 2) {
+      rows.push_back(iterate<F>(a, keys, units, batch, roof));
+    }
     finished = 0;
     std::uint32_t queued = 0;
     const std::uint64_t allocs0 = gAllocations.load();
