@@ -1030,8 +1030,8 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
       s.state().set(S::kEntryValid);
       s.currentEntryIs(r.entry());
       trace(9, __LINE__, "  found entry: {}", *k);
-      auto next = kIterPrefetch ? coll.nextKey(*k, kIterPrefetch)
-                                : coll.nextKey(*k);
+      auto next =
+          kIterPrefetch ? coll.nextKey(*k, kIterPrefetch) : coll.nextKey(*k);
       if (next) {
         s.bookmarkKeyIs(*next);
         s.state().set(S::kBookmark);

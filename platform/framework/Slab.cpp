@@ -32,12 +32,15 @@ struct Cache {
   unsigned char *carve[kClasses] = {};
   unsigned char *carveEnd[kClasses] = {};
 };
+
 // Initial-exec: the library is linked in, never dlopen()ed late, so its
 // thread-local cache is reached without a call.
 __attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
+
 [[maybe_unused]] std::size_t classOf(std::size_t size) noexcept {
   return (size + kGranule - 1) / kGranule;
 }
+
 // An object of the class from the rest of its newest chunk, after taking a
 // new chunk when that is used up.
 [[maybe_unused]] __attribute__((noinline)) void *carve(std::size_t cls) {
@@ -54,6 +57,7 @@ __attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
   next += objectSize;
   return p;
 }
+
 } // namespace
 
 void *allocate(std::size_t size) {
