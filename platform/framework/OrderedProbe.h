@@ -27,12 +27,17 @@
 //   static Hash hashOf(const Slot &);
 //   static void vacate(Slot &);    // make it unused, dropping what it holds
 // Slot must be default-constructible (unused) and movable.
+//   Optional: static constexpr bool kZeroBytesUnused = true; when a slot
+//   whose bytes are all zero is an unused one (and Slot is trivially
+//   copyable and destructible), large arrays come from zeroed fresh memory
+//   (Slab::allocateZeroed) instead of being cleared slot by slot.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "platform/framework/Slab.h"
@@ -239,17 +244,40 @@ private:
     tail_ = tail;
   }
 
+  // Arrays of at least this many bytes of slots that may start as zero
+  // bytes come from zeroed fresh memory.
+  static constexpr std::size_t kZeroedBytes = std::size_t{1} << 20;
+  static constexpr bool kZeroBytesUnused = [] {
+    if constexpr (requires { Ops::kZeroBytesUnused; }) {
+      return Ops::kZeroBytesUnused && std::is_trivially_copyable_v<Slot> &&
+             std::is_trivially_destructible_v<Slot>;
+    }
+    return false;
+  }();
+  static bool zeroed(std::size_t len) noexcept {
+    return kZeroBytesUnused && len * sizeof(Slot) >= kZeroedBytes;
+  }
+
   // The array lives in the framework's slab (Slab.h); its deleter knows
   // its length.
   struct SlotsDeleter {
     std::size_t len = 0;
     void operator()(Slot *p) const noexcept {
+      if (zeroed(len)) {
+        Slab::deallocateZeroed(p, len * sizeof(Slot));
+        return;
+      }
       std::destroy_n(p, len);
       Slab::deallocate(p, len * sizeof(Slot));
     }
   };
   using Slots = std::unique_ptr<Slot[], SlotsDeleter>;
   static Slots makeSlots(std::size_t len) {
+    if (zeroed(len)) {
+      // Zero bytes are unused slots of a trivial type: nothing to construct.
+      return Slots(static_cast<Slot *>(Slab::allocateZeroed(len * sizeof(Slot))),
+                   SlotsDeleter{len});
+    }
     Slot *p = static_cast<Slot *>(Slab::allocate(len * sizeof(Slot)));
     try {
       std::uninitialized_value_construct_n(p, len);

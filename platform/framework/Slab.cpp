@@ -1,5 +1,9 @@
 #include "platform/framework/Slab.h"
 
+#include <sys/mman.h>
+
+#include <cstdlib>
+
 #include <atomic>
 #include <new>
 
@@ -94,6 +98,38 @@ void deallocate(void *p, std::size_t size) noexcept {
   auto *n = static_cast<FreeNode *>(p);
   n->next = head;
   head = n;
+#endif
+}
+
+void *allocateZeroed(std::size_t size) {
+#ifdef MICA_SLAB_OFF
+  // The sanitizer's calloc maps large blocks afresh and does not clear them,
+  // and it still sees every access.
+  void *p = std::calloc(1, size);
+  if (!p) {
+    throw std::bad_alloc();
+  }
+  return p;
+#else
+  // Mapped in up front, in one call: the array is to be filled at the rate
+  // of changes, and a fault per page then would cost more than the call.
+  void *p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+  if (p == MAP_FAILED) {
+    throw std::bad_alloc();
+  }
+  return p;
+#endif
+}
+
+void deallocateZeroed(void *p, std::size_t size) noexcept {
+#ifdef MICA_SLAB_OFF
+  std::free(p);
+  (void)size;
+#else
+  if (p) {
+    ::munmap(p, size);
+  }
 #endif
 }
 

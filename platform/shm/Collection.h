@@ -723,6 +723,7 @@ private:
   };
   struct Ops {
     using Hash = std::uint64_t;
+    static constexpr bool kZeroBytesUnused = true; // flags 0: unused
     static bool used(const Entry &e) noexcept { return e.flags & kUsed; }
     static Hash hashOf(const Entry &e) noexcept { return e.hash; }
     static void vacate(Entry &e) noexcept { e.flags = 0; }
