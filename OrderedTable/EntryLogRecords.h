@@ -115,7 +115,6 @@ template <typename B> struct ConfigSlateRecordTraits {
   static bool flagged(const Record &r) noexcept { return r.isDeleted != 0; }
   static constexpr const char *kRecordName = B::kConfigSlateEntryType;
   static constexpr std::uint32_t kRecordVersion = 1;
-  static constexpr bool kPresizeIndex = true; // it fills up with the table
 };
 
 template <typename B> struct LogSlateRecordTraits {

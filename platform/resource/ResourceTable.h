@@ -93,7 +93,8 @@ struct ResourceAllocationTraits {
   static Key keyOf(const Record &r) noexcept { return r.key; }
   static constexpr const char *kRecordName = Names::kRecordName;
   static constexpr std::uint32_t kRecordVersion = 1;
-  static constexpr bool kPresizeIndex = true; // it fills up with the table
+  // It fills up with the resource table and is only scanned, at restore.
+  static constexpr bool kPresizeIndex = true;
 };
 
 // The store entity of a resource table's allocations. `Names` gives the

@@ -13,7 +13,8 @@
 //         "MicaMpls::MplsIsem2ConfigSlateEntry";
 //     static constexpr std::uint32_t kRecordVersion = 1;
 //     // Optional: the writer's index is sized for the capacity at mount
-//     // (see presize() below); for collections that fill up with their table.
+//     // (see presize() below), for a collection that fills up with its
+//     // table and is not walked in key order.
 //     static constexpr bool kPresizeIndex = true;
 //   };
 //
@@ -771,13 +772,15 @@ private:
   // of the hash range: packed, they would form long runs that every later
   // insert and erase has to shift.
   //
-  // A collection whose traits ask for it (kPresizeIndex: one that fills up
-  // with its table, like a configuration table or the resource allocations)
-  // has its writer's index sized at mount for its capacity, so that
-  // filling it never rebuilds the
-  // index (a rebuild moves every entry at once). The others (the change log,
-  // which holds only what the hardware has yet to confirm) grow as they
-  // fill: their index stays small and in cache.
+  // A collection whose traits ask for it (kPresizeIndex) has its writer's
+  // index sized at mount for its capacity, so that filling it never
+  // rebuilds the index (a rebuild moves every entry at once). A presized
+  // index is sparse until the collection fills, and a walk in key order
+  // (firstKey/nextKey, forEach) steps over every slot of it, so it suits a
+  // collection that fills up with its table and is not walked in order: the
+  // resource allocations. The others grow as they fill; the change log,
+  // which holds only what the hardware has yet to confirm, keeps a small
+  // index that stays in cache.
   std::size_t presize() const noexcept {
     if constexpr (requires { Traits::kPresizeIndex; }) {
       // Room for twice the capacity: a load of at most 1/4 when full.
