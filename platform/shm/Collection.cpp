@@ -87,7 +87,7 @@ void CollectionCore::throwNoSpace(const void *key, std::size_t keySize) const {
                            site_.file->filePath, newKeyText(key, keySize)));
 }
 
-bool CollectionCore::backSlots(std::uint32_t n) {
+bool CollectionCore::backSlots(std::uint32_t n, bool mapIn) {
   const std::uint32_t slots = site_.desc.slotCount;
   n = std::min(n, slots);
   if (n <= backed_) {
@@ -105,7 +105,9 @@ bool CollectionCore::backSlots(std::uint32_t n) {
                                        site_.desc.slotsOffset + backed_ * size,
                                        (end - backed_) * size);
     if (spaceError_ == 0) {
-      detail::prefault(slotAt(0) + backed_ * size, (end - backed_) * size);
+      if (mapIn) {
+        detail::prefault(slotAt(0) + backed_ * size, (end - backed_) * size);
+      }
       backed_ = end;
       return true;
     }
@@ -223,7 +225,7 @@ std::uint32_t CollectionCore::mountBegin() {
   // slot (a full file system's SIGBUS, say) left the mark over a hole, which
   // a read on a full tmpfs turns into SIGBUS too.
   backed_ = 0;
-  if (!backSlots(hw + 1)) {
+  if (!backSlots(hw + 1, false)) {
     throwNoSpace(fmt::format("{}, collection {}: cannot reserve file space "
                              "for its {} slots in use and a spare",
                              site_.file->filePath, name(), hw));

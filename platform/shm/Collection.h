@@ -290,7 +290,9 @@ protected:
   }
   // Writer: makes sure slots [0, n) (at most all) are backed, reserving
   // somewhat more than asked so that inserts seldom call the file system.
-  bool backSlots(std::uint32_t n);
+  // `mapIn`: also map the newly reserved pages in at once (inserts are about
+  // to store into them; a mount only keeps a spare).
+  bool backSlots(std::uint32_t n, bool mapIn = true);
   // Throws NoSpaceError (ENOSPC, EDQUOT) or Error for spaceError_.
   [[noreturn]] void throwNoSpace(const std::string &what) const;
   [[noreturn]] void throwNoSpace(const void *key, std::size_t keySize) const;
