@@ -36,6 +36,8 @@ TYPED_TEST(Linkage, EntriesOfOneResourceShareOneMachineUntilTheLastGoes) {
   EXPECT_EQ(env.pass(), 1u);
   EXPECT_EQ(env.client->releases(), 0u);
   EXPECT_EQ(env.sm(5)->entryUsages(), 1u);
+  EXPECT_TRUE(env.sm(5)->entryUsage(Key(2)));
+  EXPECT_FALSE(env.sm(5)->entryUsage(Key(1)));
   t.entryRemove(Key(2), nullptr);
   EXPECT_EQ(env.pass(), 1u);
   EXPECT_EQ(env.client->releases(), 1u);
