@@ -1030,9 +1030,7 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
       s.state().set(S::kEntryValid);
       s.currentEntryIs(r.entry());
       trace(9, __LINE__, "  found entry: {}", *k);
-      auto next =
-          kIterPrefetch ? coll.nextKey(*k, kIterPrefetch) : coll.nextKey(*k);
-      if (next) {
+      if (auto next = coll.nextKey(*k, kIterPrefetch)) {
         s.bookmarkKeyIs(*next);
         s.state().set(S::kBookmark);
       } else {

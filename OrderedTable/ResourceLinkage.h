@@ -124,16 +124,10 @@ public:
       }
     }
     void entryUsageDelAll() {
-      while (entryUsages() != 0) {
-        Key first{};
-        bool seen = false;
-        forEachEntryUsage([&](const Key &k) {
-          if (!seen) {
-            first = k;
-            seen = true;
-          }
-        });
-        entryUsageDel(first);
+      std::vector<Key> users;
+      forEachEntryUsage([&](const Key &k) { users.push_back(k); });
+      for (const Key &k : users) {
+        entryUsageDel(k);
       }
     }
 

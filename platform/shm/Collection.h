@@ -302,9 +302,17 @@ protected:
   void prefetchDestination() const noexcept {
     const std::uint32_t next = free_.empty() ? hw_ : free_.back();
     if (next < site_.desc.slotCount) {
-      const unsigned char *s = slotAt(next);
-      for (std::uint32_t off = 0; off < site_.desc.slotSize; off += 64) {
+      prefetchSlot(next, true);
+    }
+  }
+  // Starts fetching every cache line of a slot, to read or to write.
+  void prefetchSlot(std::uint32_t slot, bool forWrite) const noexcept {
+    const unsigned char *s = slotAt(slot);
+    for (std::uint32_t off = 0; off < site_.desc.slotSize; off += 64) {
+      if (forWrite) {
         __builtin_prefetch(s + off, 1);
+      } else {
+        __builtin_prefetch(s + off, 0);
       }
     }
   }
@@ -469,10 +477,7 @@ public:
     }
     const auto p = locate(key);
     if (p.found) {
-      const unsigned char *s = slotAt(index_.at(p.pos).slot);
-      for (std::uint32_t off = 0; off < site_.desc.slotSize; off += 64) {
-        __builtin_prefetch(s + off, 0);
-      }
+      prefetchSlot(index_.at(p.pos).slot, false);
     }
   }
 
@@ -585,25 +590,19 @@ public:
     return keyAt(index_.nextUsed(0));
   }
   // The first key after `key` in the order, present or not.
-  std::optional<Key> nextKey(const Key &key) const {
-    requireView();
-    const auto p = locate(key);
-    return keyAt(index_.nextUsed(p.found ? p.pos + 1 : p.pos));
-  }
-  // The same, and starts fetching the record `ahead` places further on, for
-  // a walk in order that reads it some steps later. Changes nothing.
-  std::optional<Key> nextKey(const Key &key, unsigned ahead) const {
+  // With `ahead` > 0 it also starts fetching the record `ahead` places
+  // further on, for a walk in order that reads it some steps later.
+  std::optional<Key> nextKey(const Key &key, unsigned ahead = 0) const {
     requireView();
     const auto p = locate(key);
     const std::size_t next = index_.nextUsed(p.found ? p.pos + 1 : p.pos);
-    std::size_t pos = next;
-    for (unsigned i = 0; i < ahead && pos != Array::npos; ++i) {
-      pos = index_.nextUsed(pos + 1);
-    }
-    if (pos != Array::npos) {
-      const unsigned char *s = slotAt(index_.at(pos).slot);
-      for (std::uint32_t off = 0; off < site_.desc.slotSize; off += 64) {
-        __builtin_prefetch(s + off, 0);
+    if (ahead > 0) {
+      std::size_t pos = next;
+      for (unsigned i = 0; i < ahead && pos != Array::npos; ++i) {
+        pos = index_.nextUsed(pos + 1);
+      }
+      if (pos != Array::npos) {
+        prefetchSlot(index_.at(pos).slot, false);
       }
     }
     return keyAt(next);

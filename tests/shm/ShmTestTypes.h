@@ -224,26 +224,7 @@ inline void flipByte(const std::string &file, std::uint64_t offset,
   ::close(fd);
 }
 
-// Runs `body` in a forked child; the child exits 0 unless body throws.
-template <typename F> pid_t forkChild(F &&body) {
-  const pid_t pid = TestSupport::forkTied();
-  if (pid == 0) {
-    int rc = 0;
-    try {
-      body();
-    } catch (const std::exception &e) {
-      std::fprintf(stderr, "child: %s\n", e.what());
-      rc = 1;
-    }
-    ::_exit(rc);
-  }
-  return pid;
-}
-inline int waitExit(pid_t pid) {
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using TestSupport::forkChild;
+using TestSupport::waitExit;
 
 } // namespace ShmTest

@@ -3,7 +3,12 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <exception>
 
 namespace TestSupport {
 
@@ -20,6 +25,48 @@ inline pid_t forkTied() {
     }
   }
   return pid;
+}
+
+// Runs `body` in a child forked with forkTied(); the child exits 0 unless
+// body throws (1, the error on stderr). Returns the child's pid (-1 when
+// fork failed).
+template <typename F> pid_t forkChild(F &&body) {
+  std::fflush(nullptr);
+  const pid_t pid = forkTied();
+  if (pid == 0) {
+    int rc = 0;
+    try {
+      body();
+    } catch (const std::exception &e) {
+      std::fprintf(stderr, "child: %s\n", e.what());
+      rc = 1;
+    }
+    std::fflush(nullptr);
+    ::_exit(rc);
+  }
+  return pid;
+}
+
+// Waits for a child: its exit code, or 128 + the signal that killed it;
+// -1 for no child.
+inline int waitExit(pid_t pid) {
+  if (pid < 0) {
+    return -1;
+  }
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// forkChild() and waitExit() in one. `watchdogSeconds` (0: none) only turns
+// a child that hangs into a failure (SIGALRM) instead of a test that never
+// ends.
+template <typename F> int runInChild(F &&body, unsigned watchdogSeconds = 0) {
+  return waitExit(forkChild([&] {
+    ::alarm(watchdogSeconds);
+    body();
+  }));
 }
 
 } // namespace TestSupport

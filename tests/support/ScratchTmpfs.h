@@ -1,15 +1,12 @@
 // A small tmpfs of a test's own, to run a store on a file system that fills
-// up, and a way to run the parts that may die of it in a child process.
+// up (the parts that may die of it run in a child: runInChild, Fork.h).
 #pragma once
 
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +14,8 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+
+#include "support/Fork.h"
 
 namespace TestSupport {
 
@@ -84,35 +83,6 @@ inline void require(bool ok, const std::string &what) {
   if (!ok) {
     throw std::runtime_error(what);
   }
-}
-
-// Runs `body` in a forked child that dies with this process, and returns
-// its exit code: 0 when body returned, 1 when it threw, 128 + the signal
-// when a signal killed it. `watchdogSeconds` (0: none) only turns a child
-// that hangs into a failure (SIGALRM) instead of a test that never ends.
-template <typename F> int runInChild(F &&body, unsigned watchdogSeconds = 0) {
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid < 0) {
-    return -1;
-  }
-  if (pid == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::alarm(watchdogSeconds);
-    int rc = 0;
-    try {
-      body();
-    } catch (const std::exception &e) {
-      std::fprintf(stderr, "child: %s\n", e.what());
-      rc = 1;
-    }
-    std::fflush(nullptr);
-    ::_exit(rc);
-  }
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 } // namespace TestSupport
