@@ -13,11 +13,14 @@
 // and 1,000 changes per resolver pass. Each row prints changes per second,
 // nanoseconds per change, the roofline of the same run (a plain copy of the
 // bytes the change writes to the store, its configuration record and its
-// change-log record, into arrays) and the heap allocations per change
-// (counted by this program's operator new).
+// change-log record, into arrays), the heap allocations per change
+// (counted by this program's operator new) and the page faults per change
+// (the process's minor faults: a first touch of fresh memory, which costs
+// several microseconds on a virtual machine).
 //
 //   bench_e2e [--quick] [--table lem|isem2] [--keys N] [--units N]
 //     --quick: 65,536 keys, batches of 1,000 only
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -105,7 +108,14 @@ struct Row {
   std::uint64_t changes;
   double rooflineNs;
   std::uint64_t allocations;
+  std::uint64_t faults;
 };
+
+std::uint64_t minorFaults() {
+  rusage u{};
+  ::getrusage(RUSAGE_SELF, &u);
+  return static_cast<std::uint64_t>(u.ru_minflt);
+}
 
 // The bytes a change writes to the store, copied into arrays of the same
 // size: the configuration record and the change-log record.
@@ -186,6 +196,7 @@ template <typename F>
 Row iterate(Agent<F> &a, std::uint32_t keys, std::uint32_t units,
             std::uint32_t batch, double roof) {
   const std::uint64_t allocs0 = gAllocations.load();
+  const std::uint64_t faults0 = minorFaults();
   double best = 1e30;
   std::uint64_t seen = 0;
   for (int round = 0; round < 3; ++round) {
@@ -209,7 +220,8 @@ Row iterate(Agent<F> &a, std::uint32_t keys, std::uint32_t units,
     std::exit(1);
   }
   return Row{F::kName, "iterate", keys, units, batch, best, seen, roof,
-             (gAllocations.load() - allocs0) / 3};
+             (gAllocations.load() - allocs0) / 3,
+             (minorFaults() - faults0) / 3};
 }
 
 template <typename F>
@@ -233,6 +245,7 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
     finished = 0;
     std::uint32_t queued = 0;
     const std::uint64_t allocs0 = gAllocations.load();
+    const std::uint64_t faults0 = minorFaults();
     const auto t0 = Clock::now();
     for (std::uint32_t k = 0; k < keys; ++k) {
       for (std::uint32_t u = 0; u < units; ++u) {
@@ -257,6 +270,7 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
     const double seconds =
         std::chrono::duration<double>(Clock::now() - t0).count();
     const std::uint64_t allocs = gAllocations.load() - allocs0;
+    const std::uint64_t faults = minorFaults() - faults0;
     if (finished != changes) {
       std::fprintf(stderr, "bench_e2e: %s %s: %lu of %lu changes finished\n",
                    F::kName,
@@ -271,17 +285,19 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
                        phase == 0   ? "load"
                        : phase == 1 ? "rewrite"
                                     : "remove",
-                       keys, units, batch, seconds, changes, roof, allocs});
+                       keys, units, batch, seconds, changes, roof, allocs,
+                       faults});
   }
 }
 
 void print(const Row &r) {
   const double ns = r.seconds * 1e9 / static_cast<double>(r.changes);
-  std::printf("%-6s %-8s %7u %5u %6u %12.0f %9.0f %10.1f %9.2f\n", r.table,
-              r.phase, r.keys, r.units, r.batch,
+  std::printf("%-6s %-8s %7u %5u %6u %12.0f %9.0f %10.1f %9.2f %9.3f\n",
+              r.table, r.phase, r.keys, r.units, r.batch,
               static_cast<double>(r.changes) / r.seconds, ns, r.rooflineNs,
               static_cast<double>(r.allocations) /
-                  static_cast<double>(r.changes));
+                  static_cast<double>(r.changes),
+              static_cast<double>(r.faults) / static_cast<double>(r.changes));
   std::fflush(stdout);
 }
 
@@ -307,8 +323,9 @@ int main(int argc, char **argv) {
       return 2;
     }
   }
-  std::printf("%-6s %-8s %7s %5s %6s %12s %9s %10s %9s\n", "table", "phase", "keys",
-              "units", "batch", "changes/s", "ns/change", "roofline", "allocs");
+  std::printf("%-6s %-8s %7s %5s %6s %12s %9s %10s %9s %9s\n", "table", "phase",
+              "keys", "units", "batch", "changes/s", "ns/change", "roofline",
+              "allocs", "faults");
   std::vector<Row> rows;
   std::vector<std::uint32_t> sizes =
       quick ? std::vector<std::uint32_t>{65536} : std::vector<std::uint32_t>{1024, 16384, 65536};
