@@ -318,8 +318,12 @@ public:
   std::size_t resolvePending() {
     std::size_t n = 0;
     Fwk::Ptr<ResourceTable> self(this);
-    // Allocations queued while this runs (by a hook, say) run too.
+    // Allocations queued while this runs (by a hook, say) run too. The keys
+    // of later allocations are fetched ahead: their entries and index
+    // entries of the allocations' store eight places ahead, their handles
+    // four.
     for (; pendingHead_ < pending_.size(); ++pendingHead_) {
+      prefetchPending(pendingHead_ + 8, pendingHead_ + 4);
       const Key key = pending_[pendingHead_].key;
       auto *e = entries_.find(key);
       if (!e || e->handle->entryState() != 0) {
@@ -461,6 +465,20 @@ private:
     }
     gone.handle->postReleaseProtoStateIs(true);
     notify(attrEntry, key);
+  }
+
+  void prefetchPending(std::size_t far, std::size_t near) const noexcept {
+    if (far < pending_.size()) {
+      entries_.prefetch(pending_[far].key);
+      if (slate_) {
+        slate_->allocations().prefetch(pending_[far].key);
+      }
+    }
+    if (near < pending_.size()) {
+      if (const auto *e = entries_.find(pending_[near].key)) {
+        __builtin_prefetch(e->handle.get(), 1);
+      }
+    }
   }
 
   void scheduleAllocation() {
