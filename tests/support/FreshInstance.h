@@ -12,13 +12,8 @@
 
 namespace TestSupport {
 
-// "<prefix>-<pid>-<n>", unique within the process. Process ids come back
-// across runs, so whatever an earlier run left under the name (any instance
-// id) is removed first.
-inline std::string freshInstanceName(const std::string &prefix) {
-  static std::atomic<int> n{0};
-  const std::string name =
-      prefix + "-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
+// Removes every instance (any instance id) of the agent name `name`.
+inline void removeInstances(const std::string &name) {
   std::error_code ec; // no root yet: nothing to remove
   for (const auto &dir :
        std::filesystem::directory_iterator(Shm::rootDirectory(), ec)) {
@@ -26,6 +21,16 @@ inline std::string freshInstanceName(const std::string &prefix) {
       std::filesystem::remove_all(dir.path());
     }
   }
+}
+
+// "<prefix>-<pid>-<n>", unique within the process. Process ids come back
+// across runs, so whatever an earlier run left under the name (any instance
+// id) is removed first.
+inline std::string freshInstanceName(const std::string &prefix) {
+  static std::atomic<int> n{0};
+  const std::string name =
+      prefix + "-" + std::to_string(::getpid()) + "-" + std::to_string(n++);
+  removeInstances(name);
   return name;
 }
 

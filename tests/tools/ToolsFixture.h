@@ -162,7 +162,9 @@ private:
 
 inline std::string freshAgent() {
   std::string name = TestSupport::freshInstanceName("tools");
-  TestSupport::freshInstanceName(name + "-hw"); // removes a stale one
+  // The hardware writer's instance of an earlier agent of the same name
+  // would tell a new agent that the hardware took versions it never logged.
+  TestSupport::removeInstances(name + "-hw");
   return name;
 }
 
