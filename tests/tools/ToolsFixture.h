@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -160,11 +161,31 @@ private:
   Fwk::Ptr<Asic::GroupInterface> group_;
 };
 
+// The agent names this process made; their instances (the agent's and its
+// hardware writer's) are removed when it exits. A forked child exits
+// without removing them.
+inline void removeAtExit(const std::string &name) {
+  static std::vector<std::string> names;
+  static const pid_t owner = ::getpid();
+  if (names.empty()) {
+    std::atexit([] {
+      if (::getpid() == owner) {
+        for (const auto &n : names) {
+          TestSupport::removeInstances(n);
+          TestSupport::removeInstances(n + "-hw");
+        }
+      }
+    });
+  }
+  names.push_back(name);
+}
+
 inline std::string freshAgent() {
   std::string name = TestSupport::freshInstanceName("tools");
   // The hardware writer's instance of an earlier agent of the same name
   // would tell a new agent that the hardware took versions it never logged.
   TestSupport::removeInstances(name + "-hw");
+  removeAtExit(name);
   return name;
 }
 
