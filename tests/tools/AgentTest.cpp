@@ -447,7 +447,7 @@ TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
   EXPECT_LT(dropped, 120u);
 }
 
-TEST_F(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
+TEST_F(AgentConfirm, WaitsForTheHardwareWriterAndRefusesOneAheadOfItsLog) {
   const std::string agent = fresh();
   const Exit e =
       agentRun(agent, {"--generate", "10", "--confirm-timeout", "2"});
@@ -457,6 +457,19 @@ TEST_F(AgentConfirm, WithoutAHardwareWriterItSaysWhatItWaitsForAndGivesUp) {
                                   agent + "): 40 changes unconfirmed"))
       << e.err;
   EXPECT_TRUE(contains(e.err, "confirmed nothing for 2 s")) << e.err;
+
+  // The writer takes those changes; then the agent's store goes and the
+  // writer's stays. A new agent of the name does not start on a writer
+  // that is ahead of its change log, and leaves the writer's store alone.
+  ASSERT_EQ(hwOnce(agent).code, 0);
+  fs::remove_all(Shm::rootDirectory() + "/" + agent + ".0");
+  const Exit ahead = agentRun(agent, {"--generate", "10"});
+  EXPECT_EQ(ahead.code, 1);
+  EXPECT_TRUE(contains(ahead.err, "has MplsIsem2 at version 20, beyond the "
+                                  "last version of this agent's change log "
+                                  "(0)"))
+      << ahead.err;
+  EXPECT_EQ(HwView(agent).published<Isem2>(), 20u);
 }
 
 } // namespace
