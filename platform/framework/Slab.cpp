@@ -25,7 +25,7 @@ constexpr std::size_t kChunkBytes = 64 * 1024;
 constexpr std::size_t kArenaBytes = 2 * 1024 * 1024;
 // Blocks of at least this size are mappings of their own, in whole huge
 // pages.
-constexpr std::size_t kMappedBytes = 1024 * 1024;
+[[maybe_unused]] constexpr std::size_t kMappedBytes = 1024 * 1024;
 
 [[maybe_unused]] constexpr std::size_t mappedSize(std::size_t size) noexcept {
   return (size + kArenaBytes - 1) / kArenaBytes * kArenaBytes;
