@@ -107,26 +107,19 @@ std::string treeDigest(const std::string &dir) {
   return out;
 }
 
-// Each test's agents get fresh names; their store instances (the agent's
-// and its hardware writer's) and the test's files are removed when it ends.
+// Each test's agents get fresh names (their store instances go when the
+// process exits: freshAgent); the test's files are removed when it ends.
 class AgentInstances : public ::testing::Test {
 protected:
-  std::string fresh() { return names_.emplace_back(freshAgent()); }
+  std::string fresh() { return freshAgent(); }
   void TearDown() override {
     std::error_code ec;
-    for (const auto &name : names_) {
-      fs::remove_all(Shm::rootDirectory() + "/" + name + ".0", ec);
-      fs::remove_all(Shm::rootDirectory() + "/" + name + "-hw.0", ec);
-    }
     for (const auto &e : fs::directory_iterator(::testing::TempDir(), ec)) {
       if (e.path().filename().string().starts_with(tempPrefix())) {
         fs::remove(e.path(), ec);
       }
     }
   }
-
-private:
-  std::vector<std::string> names_;
 };
 using AgentStory = AgentInstances;
 using AgentInput = AgentInstances;

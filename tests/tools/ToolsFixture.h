@@ -161,9 +161,15 @@ private:
   Fwk::Ptr<Asic::GroupInterface> group_;
 };
 
-// The agent names this process made; their instances (the agent's and its
-// hardware writer's) are removed when it exits. A forked child exits
-// without removing them.
+// The store instances of an agent name: the agent's and its hardware
+// writer's.
+inline void removeAgentInstances(const std::string &name) {
+  TestSupport::removeInstances(name);
+  TestSupport::removeInstances(MicaMplsHw::hwInstanceName(name));
+}
+
+// The agent names this process made; their instances are removed when it
+// exits. A forked child exits without removing them.
 inline void removeAtExit(const std::string &name) {
   static std::vector<std::string> names;
   static const pid_t owner = ::getpid();
@@ -171,8 +177,7 @@ inline void removeAtExit(const std::string &name) {
     std::atexit([] {
       if (::getpid() == owner) {
         for (const auto &n : names) {
-          TestSupport::removeInstances(n);
-          TestSupport::removeInstances(n + "-hw");
+          removeAgentInstances(n);
         }
       }
     });
@@ -184,7 +189,7 @@ inline std::string freshAgent() {
   std::string name = TestSupport::freshInstanceName("tools");
   // The hardware writer's instance of an earlier agent of the same name
   // would tell a new agent that the hardware took versions it never logged.
-  TestSupport::removeInstances(name + "-hw");
+  removeAgentInstances(name);
   removeAtExit(name);
   return name;
 }
