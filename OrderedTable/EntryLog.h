@@ -20,9 +20,11 @@
 // records, then marks itself complete in the change log's auxiliary word.
 // When it is made, the entry log continues after the largest version on
 // file: the scratchpad's, the change log's, and those in the configuration
-// table of every unit on file, mounted yet or not. So an agent killed at any
-// point, a damaged scratchpad, or units mounted at different times never
-// make a version be handed out that a record already holds. A change cut off
+// table of every unit on file, mounted yet or not, and writes it back to the
+// scratchpad, so that a clean-up of those records cannot take it away before
+// the next change. So an agent killed at any point, a damaged scratchpad,
+// or units mounted at different times never make a version be handed out
+// that a record already holds or that one held. A change cut off
 // between its records is completed then too, before any other change can
 // start and whichever unit is mounted first (completeLastChange): a write or
 // deletion of one entry writes the configuration record before the
@@ -617,6 +619,12 @@ private:
     });
     if (newest) {
       version = std::max(version, newest->second.logVersion);
+    }
+    // The records that raised it above the scratchpad can all be cleaned
+    // up before the next change writes the scratchpad: it takes the version
+    // now, or a later restart would find neither and hand it out again.
+    if (version > stored) {
+      log.control().scratchpadIs(version);
     }
     tableVersionIs(version);
     if (!logWiped && version > log.control().auxiliary()) {

@@ -283,6 +283,16 @@ TYPED_TEST(EntryLog, NoVersionIsHandedOutTwiceWhenTheScratchpadFallsBehind) {
   damageScratchpad();
   env.log = F::make(env.stateDb, env.group);
   EXPECT_EQ(env.log->tableVersion(), 6u);
+  // A version found only in records outlives their clean-up.
+  env.restart();
+  env.log->mountSlateConfig(1, 0);
+  const auto deleted = env.log->entryDel(typename F::Key(9), nullptr, 1);
+  damageScratchpad();
+  env.restart();
+  env.log->mountSlateConfig(1, 0);
+  env.log->cleanupEntryLog(deleted); // retires the version's only records
+  env.restart();
+  EXPECT_EQ(env.log->tableVersion(), deleted);
 
   // Damaged to the end of the version space: changes fail, and write
   // nothing, rather than wrap to version 0.
