@@ -107,11 +107,10 @@ std::string treeDigest(const std::string &dir) {
   return out;
 }
 
-// Each test's agents get fresh names (their store instances go when the
-// process exits: freshAgent); the test's files are removed when it ends.
+// Agents get fresh names (freshAgent: their store instances go when the
+// process exits); each test's files are removed when it ends.
 class AgentInstances : public ::testing::Test {
 protected:
-  std::string fresh() { return freshAgent(); }
   void TearDown() override {
     std::error_code ec;
     for (const auto &e : fs::directory_iterator(::testing::TempDir(), ec)) {
@@ -132,7 +131,7 @@ using AgentGenerate = AgentInstances;
 using AgentConfirm = AgentInstances;
 
 TEST_F(AgentStory, AfterAKillAndARestartTheHardwareEqualsTheDesiredSet) {
-  const std::string agent = fresh();
+  const std::string agent = freshAgent();
   const std::string one = tempFile("one.conf"), two = tempFile("two.conf");
   ASSERT_EQ(agentRun(agent, {"--generate", "300", "--seed", "3", "--units",
                              "1,2,3", "--emit", one})
@@ -198,7 +197,7 @@ TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   int n = 0;
   for (const Case &c : cases) {
     SCOPED_TRACE(c.message);
-    const std::string agent = fresh();
+    const std::string agent = freshAgent();
     const std::string name = "bad" + std::to_string(n++) + ".conf";
     std::string file = tempFile(name);
     fs::remove(file);
@@ -214,17 +213,17 @@ TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   }
   // The example in the repository is a valid file.
   const Exit example =
-      agentRun(fresh(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
+      agentRun(freshAgent(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
                          "--emit", "-"});
   EXPECT_EQ(example.code, 0) << example.err;
   EXPECT_TRUE(contains(example.out, "lem 2 1048575/0 adj=9")) << example.out;
   // A directory is no desired-state file either.
-  const Exit dir = agentRun(fresh(), {::testing::TempDir()});
+  const Exit dir = agentRun(freshAgent(), {::testing::TempDir()});
   EXPECT_EQ(dir.code, 2);
   EXPECT_TRUE(contains(dir.err, "cannot read: is a directory")) << dir.err;
 
   // A store that holds state stays byte for byte what it was.
-  Agent existing(fresh());
+  Agent existing(freshAgent());
   existing.lem->mountSlateConfig(1, 0);
   existing.write<Lem>(1, 100, 7);
   existing.stop();
@@ -237,7 +236,7 @@ TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
 }
 
 TEST_F(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
-  const std::string agent = fresh();
+  const std::string agent = freshAgent();
   const std::string file = writeFile("lock.conf", "lem 1 5 adj=1\n");
   Program hwWriter("mpls-hw",
                    {"--agent", agent, "--store", Shm::rootDirectory()});
@@ -254,7 +253,7 @@ TEST_F(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
 }
 
 TEST_F(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
-  const std::string agent = fresh();
+  const std::string agent = freshAgent();
   const std::string file = writeFile(
       "reload.conf", "isem2 1 100 inlif=5 data=7\nisem2 1 101 inlif=5 "
                      "data=7\nlem 1 100 adj=3\nlem 2 100/4 adj=3\n");
@@ -286,7 +285,7 @@ TEST_F(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
 }
 
 TEST_F(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
-  const std::string agent = fresh();
+  const std::string agent = freshAgent();
   Program hwWriter("mpls-hw",
                    {"--agent", agent, "--store", Shm::rootDirectory()});
   // 4000 changes at 2000 a second.
@@ -325,7 +324,7 @@ TEST_F(AgentShow, ShowReadsTheLiveStoreAsJsonWhileTheAgentWrites) {
 }
 
 TEST_F(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
-  const std::string agent = fresh();
+  const std::string agent = freshAgent();
   const std::string before =
       writeFile("before.conf", "isem2 1 100 inlif=1 data=5\n"
                                "isem2 1 101 inlif=1 data=5\n"
@@ -384,11 +383,11 @@ TEST_F(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
   EXPECT_TRUE(contains(old.out, "in the hardware, not desired: lem unit 2 "
                                 "label 9/0"))
       << old.out;
-  EXPECT_EQ(agentRun(fresh(), {"--verify", after}).code, 4);
+  EXPECT_EQ(agentRun(freshAgent(), {"--verify", after}).code, 4);
 }
 
 TEST_F(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
-  const std::string agent = fresh(); // no hardware writer
+  const std::string agent = freshAgent(); // no hardware writer
   Program a("mpls-agent", agentArgs(agent, {"--generate", "10"}));
   ASSERT_TRUE(
       eventually([&] { return contains(a.errSoFar(), "replay written"); }));
@@ -404,7 +403,7 @@ TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
   const auto emit = [this](std::vector<std::string> args) {
     args.insert(args.end(),
                 {"--generate", "200", "--seed", "5", "--emit", "-"});
-    const Exit e = agentRun(fresh(), args);
+    const Exit e = agentRun(freshAgent(), args);
     EXPECT_EQ(e.code, 0) << e.err;
     std::map<std::string, std::string> set; // key -> what it points at
     std::istringstream in(e.out);
@@ -441,7 +440,7 @@ TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
 }
 
 TEST_F(AgentConfirm, WaitsForTheHardwareWriterAndRefusesOneAheadOfItsLog) {
-  const std::string agent = fresh();
+  const std::string agent = freshAgent();
   const Exit e =
       agentRun(agent, {"--generate", "10", "--confirm-timeout", "2"});
   EXPECT_EQ(e.code, 1);
