@@ -539,20 +539,8 @@ template <typename T> struct OrderedSwTableAccessor {
 
   // ---- Reads ----
 
-  // The committed record of a key; corrupt shared memory reads as absent.
-  static bool configRecord(const T &t, const Key &key, ConfigEntry &out) {
-    const auto &log = t.entryLog();
-    if (!log) {
-      return false;
-    }
-    auto slate = log->tableConfigSlate(t.unitId());
-    if (!slate) {
-      return false;
-    }
-    return slate->swTableEntries().findOrDrop(key, out);
-  }
-
-  // The same, read in place; valid until the collection changes.
+  // The committed record of a key, read in place; valid until the
+  // collection changes. Corrupt shared memory reads as absent.
   static const ConfigEntry *configRecordRef(const T &t, const Key &key) {
     auto *slate =
         t.entryLog() ? t.entryLog()->tableConfigSlatePtr(t.unitId()) : nullptr;
@@ -597,11 +585,13 @@ template <typename T> struct OrderedSwTableAccessor {
     return Entry{};
   }
 
+  // Read in place: no 856-byte record is built, copied or compared per read.
   static Entry entryFromConfig(const T &t, const Key &key) {
     OT_TRACE(8, "key: {}", key);
-    ConfigEntry r;
-    if (configRecord(t, key, r) && !(r == ConfigEntry{}) && !r.isDeleted) {
-      return r.entry();
+    static const ConfigEntry kAbsent{};
+    const ConfigEntry *r = configRecordRef(t, key);
+    if (r && !r->isDeleted && !(*r == kAbsent)) {
+      return r->entry();
     }
     return Entry{};
   }
@@ -1004,9 +994,10 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
       sizeof(ConfigSlateEntry<typename SwTable::Binding>) >= 256 ? 4 : 0;
 
   // One step in the configuration table; false when no record is left.
+  // The record is checked and read in place, and only its entry is copied.
   static bool configStep(IterState &s, const SwTable &t) {
-    auto slate =
-        t.entryLog() ? t.entryLog()->tableConfigSlate(t.unitId()) : nullptr;
+    auto *slate =
+        t.entryLog() ? t.entryLog()->tableConfigSlatePtr(t.unitId()) : nullptr;
     if (!slate) {
       return false;
     }
@@ -1014,13 +1005,14 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
     try {
       auto k = s.state().bookmarkValid() ? coll.lowerBoundKey(s.bookmarkKey())
                                          : coll.firstKey();
-      ConfigSlateEntry<typename SwTable::Binding> r;
+      const ConfigSlateEntry<typename SwTable::Binding> *r = nullptr;
       for (; k; k = coll.nextKey(*k)) {
         if (t.transientRemoveEntryColl().contains(*k) ||
             t.transientAddEntryColl().contains(*k)) {
           continue; // being removed, or yielded with its pending value
         }
-        if (coll.find(*k, r) && !r.isDeleted) {
+        r = coll.findRef(*k);
+        if (r && !r->isDeleted) {
           break;
         }
       }
@@ -1028,7 +1020,7 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
         return false;
       }
       s.state().set(S::kEntryValid);
-      s.currentEntryIs(r.entry());
+      s.currentEntryIs(r->entry());
       trace(9, __LINE__, "  found entry: {}", *k);
       if (auto next = coll.nextKey(*k, kIterPrefetch)) {
         s.bookmarkKeyIs(*next);

@@ -216,8 +216,10 @@ template <typename T> constexpr std::string_view bareTypeName() noexcept {
   return p;
 }
 
-// The handle of generic code instantiated for T, named after T.
-template <typename T> Handle &handleOf() {
+// The handle of generic code instantiated for T, named after T. Forced
+// inline: a table's operations check it about a dozen times per change, and
+// the compiler otherwise keeps it out of line for its static's guard.
+template <typename T> [[gnu::always_inline]] inline Handle &handleOf() {
   static Handle h(bareTypeName<T>());
   return h;
 }
