@@ -21,6 +21,7 @@
 #pragma once
 
 #include <chrono>
+#include <type_traits>
 #include <vector>
 
 #include "OrderedTable/SwTableState.h"
@@ -994,7 +995,8 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
       sizeof(ConfigSlateEntry<typename SwTable::Binding>) >= 256 ? 4 : 0;
 
   // One step in the configuration table; false when no record is left.
-  // The record is checked and read in place, and only its entry is copied.
+  // The step looks its bookmark up once and goes on by position; the record
+  // is checked and read in place, and only its entry is copied.
   static bool configStep(IterState &s, const SwTable &t) {
     auto *slate =
         t.entryLog() ? t.entryLog()->tableConfigSlatePtr(t.unitId()) : nullptr;
@@ -1002,28 +1004,30 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
       return false;
     }
     auto &coll = slate->swTableEntries();
+    constexpr std::size_t kEnd = std::remove_reference_t<decltype(coll)>::kEnd;
     try {
-      auto k = s.state().bookmarkValid() ? coll.lowerBoundKey(s.bookmarkKey())
-                                         : coll.firstKey();
+      auto pos = s.state().bookmarkValid() ? coll.lowerBoundPos(s.bookmarkKey())
+                                           : coll.firstPos();
       const ConfigSlateEntry<typename SwTable::Binding> *r = nullptr;
-      for (; k; k = coll.nextKey(*k)) {
-        if (t.transientRemoveEntryColl().contains(*k) ||
-            t.transientAddEntryColl().contains(*k)) {
+      for (; pos != kEnd; pos = coll.nextPos(pos)) {
+        const Key &k = coll.keyAtPos(pos);
+        if (t.transientRemoveEntryColl().contains(k) ||
+            t.transientAddEntryColl().contains(k)) {
           continue; // being removed, or yielded with its pending value
         }
-        r = coll.findRef(*k);
-        if (r && !r->isDeleted) {
+        r = coll.recordAtPos(pos);
+        if (!r->isDeleted) {
           break;
         }
       }
-      if (!k) {
+      if (pos == kEnd) {
         return false;
       }
       s.state().set(S::kEntryValid);
       s.currentEntryIs(r->entry());
-      trace(9, __LINE__, "  found entry: {}", *k);
-      if (auto next = coll.nextKey(*k, kIterPrefetch)) {
-        s.bookmarkKeyIs(*next);
+      trace(9, __LINE__, "  found entry: {}", coll.keyAtPos(pos));
+      if (const auto next = coll.nextPos(pos, kIterPrefetch); next != kEnd) {
+        s.bookmarkKeyIs(coll.keyAtPos(next));
         s.state().set(S::kBookmark);
       } else {
         trace(9, __LINE__, "  done with cfgSlate");

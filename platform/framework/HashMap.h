@@ -60,15 +60,25 @@ public:
   std::size_t size() const noexcept { return a_.size(); }
   bool empty() const noexcept { return a_.size() == 0; }
 
+  // Lookups in an empty map (a table's pending changes, mostly) answer
+  // without hashing the key.
   V *find(const K &key) noexcept {
+    if (empty()) {
+      return nullptr;
+    }
     const auto p = locate(key);
     return p.found ? &a_.at(p.pos).value : nullptr;
   }
   const V *find(const K &key) const noexcept {
+    if (empty()) {
+      return nullptr;
+    }
     const auto p = locate(key);
     return p.found ? &a_.at(p.pos).value : nullptr;
   }
-  bool contains(const K &key) const noexcept { return locate(key).found; }
+  bool contains(const K &key) const noexcept {
+    return !empty() && locate(key).found;
+  }
   // Starts fetching the part of the array where the key is or would be, for
   // a caller that knows which keys it looks up next. Changes nothing.
   void prefetch(const K &key) const noexcept {

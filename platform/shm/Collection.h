@@ -49,6 +49,10 @@
 //                                      lowerBoundKey(k) work whether or not k
 //                                      is present. Read the index only: never
 //                                      throw, never touch the file.
+//   firstPos, nextPos, lowerBoundPos,  the same order by position, for a
+//   keyAtPos, recordAtPos              walk that does not change the
+//                                      collection; recordAtPos verifies as
+//                                      findRef does
 //   forEach(f)                         f(const Record &) in order, each
 //                                      verified first (throws CorruptionError
 //                                      at a bad one, after calling f for the
@@ -613,6 +617,41 @@ public:
     return keyAt(index_.nextUsed(locate(key).pos));
   }
 
+  // The order by position, for a walk that reads records as it goes and
+  // would otherwise look each key up three times (its bound, its record,
+  // its successor). A position is valid until the next insert, erase or
+  // doCorruptionDetected; a walk that changes the collection, or resumes
+  // later, goes by keys. Writer only.
+  static constexpr std::size_t kEnd = ~std::size_t{0}; // the index's npos
+  // The position of `key` when present, else of the first key after it.
+  std::size_t lowerBoundPos(const Key &key) const {
+    requireView();
+    return index_.nextUsed(locate(key).pos);
+  }
+  std::size_t firstPos() const {
+    requireView();
+    return index_.nextUsed(0);
+  }
+  // The next position; with `ahead` > 0, as nextKey.
+  std::size_t nextPos(std::size_t pos, unsigned ahead = 0) const {
+    const std::size_t next = index_.nextUsed(pos + 1);
+    if (ahead > 0) {
+      std::size_t at = next;
+      for (unsigned i = 0; i < ahead && at != Array::npos; ++i) {
+        at = index_.nextUsed(at + 1);
+      }
+      if (at != Array::npos) {
+        prefetchSlot(index_.at(at).slot, false);
+      }
+    }
+    return next;
+  }
+  const Key &keyAtPos(std::size_t pos) const { return index_.at(pos).key; }
+  // The record at a position, verified as findRef does.
+  const Record *recordAtPos(std::size_t pos) const {
+    return verified(index_.at(pos));
+  }
+
   // f(const Record &) for every record, in order.
   template <typename F> void forEach(F &&f) const {
     if (!writer()) {
@@ -731,6 +770,7 @@ private:
     static void vacate(Entry &e) noexcept { e.flags = 0; }
   };
   using Array = Fwk::detail::OrderedProbeArray<Entry, Ops>;
+  static_assert(Array::npos == kEnd);
 
   struct Pending {
     std::uint32_t slot;

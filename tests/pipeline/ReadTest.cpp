@@ -94,6 +94,22 @@ TYPED_TEST(Read, AWalkYieldsPendingWritesFirstThenEachCommittedEntryOnce) {
   EXPECT_EQ(*snapshot->tableEntry(Key(6)), env.committed(6));
   // A walk from a key that is neither pending nor committed ends at once.
   EXPECT_TRUE(t.entryIteratorConst(Key(99)).done());
+
+  // A committed record that fails its checks ends the walk where it lies:
+  // it is reported and dropped once, and the next walk goes past its place.
+  t.entryWrite(Key(5), F::entry(5, 5), nullptr); // shadows its removal
+  env.pass();
+  const auto order = configOrder(env);
+  auto &coll = env.log->tableConfigSlate(Env<F>::kUnit)->swTableEntries();
+  const Key bad = order[order.size() / 2];
+  const_cast<unsigned char *>(
+      reinterpret_cast<const unsigned char *>(coll.findRef(bad)))[0] ^= 0x5a;
+  const std::vector<Key> before(order.begin(), order.begin() + order.size() / 2);
+  EXPECT_EQ(keysOf(t.entryIteratorConst()), before);
+  EXPECT_EQ(coll.corruptionCount(), 1u);
+  std::vector<Key> rest = order;
+  rest.erase(rest.begin() + order.size() / 2);
+  EXPECT_EQ(keysOf(t.entryIteratorConst()), rest);
 }
 
 TYPED_TEST(Read, AKeyWrittenBehindTheBookmarkIsNotReturnedTo) {
