@@ -91,9 +91,18 @@ OrderedSwTableSet::OrderedSwTableSet(SwTableId tableId,
 
 OrderedSwTableSet::~OrderedSwTableSet() = default;
 
+namespace {
+// The first table whose unit is not below `unit`.
+template <typename Tables> auto unitLowerBound(Tables &tables, UnitId unit) {
+  return std::lower_bound(
+      tables.begin(), tables.end(), unit,
+      [](const Fwk::Ptr<OrderedSwTable> &t, UnitId u) { return t->unitId() < u; });
+}
+} // namespace
+
 Fwk::Ptr<OrderedSwTable> OrderedSwTableSet::swTable(UnitId unit) const {
-  const auto *t = tables_.find(unit);
-  return t ? *t : nullptr;
+  const auto it = unitLowerBound(tables_, unit);
+  return it != tables_.end() && (*it)->unitId() == unit ? *it : nullptr;
 }
 
 void OrderedSwTableSet::swTableIs(const Fwk::Ptr<OrderedSwTable> &table) {
@@ -101,31 +110,30 @@ void OrderedSwTableSet::swTableIs(const Fwk::Ptr<OrderedSwTable> &table) {
     return;
   }
   const UnitId unit = table->unitId();
-  tables_.insert(unit, table);
+  const auto it = unitLowerBound(tables_, unit);
+  if (it != tables_.end() && (*it)->unitId() == unit) {
+    *it = table;
+  } else {
+    tables_.insert(it, table);
+  }
   notify(attrSwTable, unit);
 }
 
 void OrderedSwTableSet::swTableDel(UnitId unit) {
-  Fwk::Ptr<OrderedSwTable> gone;
-  if (tables_.take(unit, gone)) {
+  const auto it = unitLowerBound(tables_, unit);
+  if (it != tables_.end() && (*it)->unitId() == unit) {
+    // Dropped after it has left the set: its destruction may look at the set.
+    const Fwk::Ptr<OrderedSwTable> gone = std::move(*it);
+    tables_.erase(it);
     notify(attrSwTable, unit);
   }
-}
-
-std::vector<Fwk::Ptr<OrderedSwTable>> OrderedSwTableSet::swTableList() const {
-  std::vector<Fwk::Ptr<OrderedSwTable>> out;
-  out.reserve(tables_.size());
-  for (auto it = tables_.begin(); it != tables_.end(); ++it) {
-    out.push_back(it.value());
-  }
-  return out;
 }
 
 void OrderedSwTableSet::maybeUpdatePendingHwWrites() {
   ++updates_;
   bool pending = false;
   for (auto it = tables_.begin(); it != tables_.end() && !pending; ++it) {
-    pending = it.value()->hasPendingHwWrites();
+    pending = (*it)->hasPendingHwWrites();
   }
   if (pending != pendingHwWrites_) {
     pendingHwWrites_ = pending;

@@ -315,7 +315,8 @@ public:
   void swTableIs(const Fwk::Ptr<OrderedSwTable> &table);
   void swTableDel(UnitId unit);
   std::size_t swTables() const noexcept { return tables_.size(); }
-  std::vector<Fwk::Ptr<OrderedSwTable>> swTableList() const;
+  // The tables in the order of their units.
+  std::vector<Fwk::Ptr<OrderedSwTable>> swTableList() const { return tables_; }
 
   // Whether any table waits for the hardware, as last computed.
   bool pendingHwWrites() const noexcept { return pendingHwWrites_; }
@@ -328,7 +329,10 @@ private:
   ~OrderedSwTableSet() override;
   SwTableId tableId_;
   Fwk::Ptr<OrderedSwTableStatus> status_;
-  Fwk::HashMap<UnitId, Fwk::Ptr<OrderedSwTable>> tables_{0x3b1e42d7u};
+  // Ordered by unit. A set holds a table per unit of one chip family (a
+  // handful), and every change of every table walks it
+  // (maybeUpdatePendingHwWrites): a short dense array, not a hash map.
+  std::vector<Fwk::Ptr<OrderedSwTable>> tables_;
   bool pendingHwWrites_ = false;
   std::uint64_t updates_ = 0;
 };

@@ -224,6 +224,48 @@ TYPED_TEST(SwTableState, EntryHandleLogNumbersAndAnnouncesItsChanges) {
   }
 }
 
+TYPED_TEST(SwTableState, TheTableSetKeepsATablePerUnitInUnitOrder) {
+  using F = TypeParam;
+  TableEnv<F> env; // its table is unit 1
+  auto &set = *env.set;
+  auto make = [&](Asic::UnitId unit) {
+    auto t = F::make(env.set.ptr(), env.resolver, env.name, unit);
+    set.swTableIs(t);
+    return t;
+  };
+  const auto t3 = make(3);
+  set.swTableIs(env.table);
+  make(2);
+  const auto again2 = make(2); // replaces the table of unit 2
+  auto units = [&] {
+    std::vector<Asic::UnitId> out;
+    for (const auto &t : set.swTableList()) {
+      out.push_back(t->unitId());
+    }
+    return out;
+  };
+  EXPECT_EQ(units(), (std::vector<Asic::UnitId>{1, 2, 3}));
+  EXPECT_EQ(set.swTable(2), again2);
+  EXPECT_FALSE(set.swTable(4));
+
+  // The pending flag comes from every table, the last one too.
+  set.maybeUpdatePendingHwWrites();
+  EXPECT_FALSE(set.pendingHwWrites());
+  typename F::Entry e;
+  e.key = typename F::Key(7);
+  t3->transientAddEntryIs(Fwk::make<typename F::Wrapper>(
+      e, t3->entryHandleFactory(Asic::EntryVersion(0, 0), e.key, t3.ptr())));
+  set.maybeUpdatePendingHwWrites();
+  EXPECT_TRUE(set.pendingHwWrites());
+  EXPECT_TRUE(env.status->pendingHwWrites());
+  set.swTableDel(3);
+  set.swTableDel(3); // no longer there: nothing happens
+  set.maybeUpdatePendingHwWrites();
+  EXPECT_FALSE(set.pendingHwWrites());
+  EXPECT_EQ(units(), (std::vector<Asic::UnitId>{1, 2}));
+  t3->transientAddEntryDelAll();
+}
+
 TYPED_TEST(SwTableState, EntryHandlesKnowTheirTable) {
   using F = TypeParam;
   TableEnv<F> env;
