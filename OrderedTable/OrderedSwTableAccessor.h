@@ -48,7 +48,7 @@ template <typename T> struct OrderedSwTableAccessor {
 
   // Traces of the generic algorithms: the table's handle, no class name.
   template <typename... Args>
-  static void trace(Trace::Level level, const char *function, int line,
+  [[gnu::always_inline]] static void trace(Trace::Level level, const char *function, int line,
                     fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<T>();
     if (h.enabled(level)) [[unlikely]] {
@@ -58,7 +58,7 @@ template <typename T> struct OrderedSwTableAccessor {
   }
   // Traces of the table's own operations, as its class.
   template <typename... Args>
-  static void traceTable(Trace::Level level, const char *function, int line,
+  [[gnu::always_inline]] static void traceTable(Trace::Level level, const char *function, int line,
                          fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<T>();
     if (h.enabled(level)) [[unlikely]] {
@@ -928,7 +928,7 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
   using S = typename IterState::State;
 
   template <typename... Args>
-  static void trace(Trace::Level level, int line, fmt::format_string<Args...> f,
+  [[gnu::always_inline]] static void trace(Trace::Level level, int line, fmt::format_string<Args...> f,
                     Args &&...args) {
     Trace::Handle &h = iterTraceHandle();
     if (h.enabled(level)) [[unlikely]] {

@@ -36,7 +36,7 @@ template <typename L> struct SwTableResourceAccessor {
   // Traces of the generic algorithms: the linkage's handle, no class name,
   // the calling function and line (RA_TRACE).
   template <typename... Args>
-  static void trace(Trace::Level level, const char *function, int line,
+  [[gnu::always_inline]] static void trace(Trace::Level level, const char *function, int line,
                     fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<L>();
     if (h.enabled(level)) [[unlikely]] {

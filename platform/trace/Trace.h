@@ -151,8 +151,11 @@ MICA_PLATFORM_API void emit(const Handle &handle, Level level,
 formatFailed(const Handle &handle, std::string_view sourceUnit,
              std::string_view function, int line, const char *what) noexcept;
 
+// Out of line and cold: a call site keeps only its level test inline, and
+// the formatting (with its buffer on the stack) stays out of the hot paths.
 template <typename... Args>
-void emitf(const Handle &handle, Level level, std::string_view sourceUnit,
+[[gnu::noinline, gnu::cold]] void
+emitf(const Handle &handle, Level level, std::string_view sourceUnit,
            std::string_view function, int line, std::string_view className,
            fmt::format_string<Args...> format, Args &&...args) noexcept {
   // Traces run in no-throw context: a failing formatter ends the process,
