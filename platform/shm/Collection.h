@@ -589,32 +589,18 @@ public:
   // The order. Writer only.
   // The key walk reads only the writer's index, never a record: it does not
   // throw CorruptionError.
-  std::optional<Key> firstKey() const {
-    requireView();
-    return keyAt(index_.nextUsed(0));
-  }
+  std::optional<Key> firstKey() const { return keyAt(firstPos()); }
   // The first key after `key` in the order, present or not.
   // With `ahead` > 0 it also starts fetching the record `ahead` places
   // further on, for a walk in order that reads it some steps later.
   std::optional<Key> nextKey(const Key &key, unsigned ahead = 0) const {
     requireView();
     const auto p = locate(key);
-    const std::size_t next = index_.nextUsed(p.found ? p.pos + 1 : p.pos);
-    if (ahead > 0) {
-      std::size_t pos = next;
-      for (unsigned i = 0; i < ahead && pos != Array::npos; ++i) {
-        pos = index_.nextUsed(pos + 1);
-      }
-      if (pos != Array::npos) {
-        prefetchSlot(index_.at(pos).slot, false);
-      }
-    }
-    return keyAt(next);
+    return keyAt(usedFrom(p.found ? p.pos + 1 : p.pos, ahead));
   }
   // `key` when present, else the first key after it.
   std::optional<Key> lowerBoundKey(const Key &key) const {
-    requireView();
-    return keyAt(index_.nextUsed(locate(key).pos));
+    return keyAt(lowerBoundPos(key));
   }
 
   // The order by position, for a walk that reads records as it goes and
@@ -634,17 +620,7 @@ public:
   }
   // The next position; with `ahead` > 0, as nextKey.
   std::size_t nextPos(std::size_t pos, unsigned ahead = 0) const {
-    const std::size_t next = index_.nextUsed(pos + 1);
-    if (ahead > 0) {
-      std::size_t at = next;
-      for (unsigned i = 0; i < ahead && at != Array::npos; ++i) {
-        at = index_.nextUsed(at + 1);
-      }
-      if (at != Array::npos) {
-        prefetchSlot(index_.at(at).slot, false);
-      }
-    }
-    return next;
+    return usedFrom(pos + 1, ahead);
   }
   const Key &keyAtPos(std::size_t pos) const { return index_.at(pos).key; }
   // The record at a position, verified as findRef does.
@@ -801,6 +777,21 @@ private:
       return std::nullopt;
     }
     return index_.at(pos).key;
+  }
+  // The first used position at or after `from`; with `ahead` > 0 it also
+  // starts fetching the record `ahead` used positions further on.
+  std::size_t usedFrom(std::size_t from, unsigned ahead) const {
+    const std::size_t next = index_.nextUsed(from);
+    if (ahead > 0) {
+      std::size_t at = next;
+      for (unsigned i = 0; i < ahead && at != Array::npos; ++i) {
+        at = index_.nextUsed(at + 1);
+      }
+      if (at != Array::npos) {
+        prefetchSlot(index_.at(at).slot, false);
+      }
+    }
+    return next;
   }
   void requireView() const {
     FWK_ASSERT_MSG(writer(),
