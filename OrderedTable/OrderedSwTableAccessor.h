@@ -48,8 +48,9 @@ template <typename T> struct OrderedSwTableAccessor {
 
   // Traces of the generic algorithms: the table's handle, no class name.
   template <typename... Args>
-  [[gnu::always_inline]] static void trace(Trace::Level level, const char *function, int line,
-                    fmt::format_string<Args...> f, Args &&...args) {
+  [[gnu::always_inline]] static void
+  trace(Trace::Level level, const char *function, int line,
+        fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<T>();
     if (h.enabled(level)) [[unlikely]] {
       Trace::emitf(h, level, kUnit, function, line, "", f,
@@ -58,8 +59,9 @@ template <typename T> struct OrderedSwTableAccessor {
   }
   // Traces of the table's own operations, as its class.
   template <typename... Args>
-  [[gnu::always_inline]] static void traceTable(Trace::Level level, const char *function, int line,
-                         fmt::format_string<Args...> f, Args &&...args) {
+  [[gnu::always_inline]] static void
+  traceTable(Trace::Level level, const char *function, int line,
+             fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<T>();
     if (h.enabled(level)) [[unlikely]] {
       Trace::emitf(h, level, B::kTableSourceUnit, function, line,
@@ -928,8 +930,9 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
   using S = typename IterState::State;
 
   template <typename... Args>
-  [[gnu::always_inline]] static void trace(Trace::Level level, int line, fmt::format_string<Args...> f,
-                    Args &&...args) {
+  [[gnu::always_inline]] static void trace(Trace::Level level, int line,
+                                           fmt::format_string<Args...> f,
+                                           Args &&...args) {
     Trace::Handle &h = iterTraceHandle();
     if (h.enabled(level)) [[unlikely]] {
       Trace::emitf(h, level, Acc::kUnit, "maybeUpdateCurrentEntry", line, "", f,

@@ -36,8 +36,9 @@ template <typename L> struct SwTableResourceAccessor {
   // Traces of the generic algorithms: the linkage's handle, no class name,
   // the calling function and line (RA_TRACE).
   template <typename... Args>
-  [[gnu::always_inline]] static void trace(Trace::Level level, const char *function, int line,
-                    fmt::format_string<Args...> f, Args &&...args) {
+  [[gnu::always_inline]] static void
+  trace(Trace::Level level, const char *function, int line,
+        fmt::format_string<Args...> f, Args &&...args) {
     Trace::Handle &h = Trace::handleOf<L>();
     if (h.enabled(level)) [[unlikely]] {
       Trace::emitf(h, level, kUnit, function, line, "", f,

@@ -94,9 +94,10 @@ OrderedSwTableSet::~OrderedSwTableSet() = default;
 namespace {
 // The first table whose unit is not below `unit`.
 template <typename Tables> auto unitLowerBound(Tables &tables, UnitId unit) {
-  return std::lower_bound(
-      tables.begin(), tables.end(), unit,
-      [](const Fwk::Ptr<OrderedSwTable> &t, UnitId u) { return t->unitId() < u; });
+  return std::lower_bound(tables.begin(), tables.end(), unit,
+                          [](const Fwk::Ptr<OrderedSwTable> &t, UnitId u) {
+                            return t->unitId() < u;
+                          });
 }
 } // namespace
 

@@ -156,8 +156,8 @@ formatFailed(const Handle &handle, std::string_view sourceUnit,
 template <typename... Args>
 [[gnu::noinline, gnu::cold]] void
 emitf(const Handle &handle, Level level, std::string_view sourceUnit,
-           std::string_view function, int line, std::string_view className,
-           fmt::format_string<Args...> format, Args &&...args) noexcept {
+      std::string_view function, int line, std::string_view className,
+      fmt::format_string<Args...> format, Args &&...args) noexcept {
   // Traces run in no-throw context: a failing formatter ends the process,
   // saying which trace it was. The message is formatted on the stack unless
   // it is longer than the buffer's inline size.

@@ -104,7 +104,8 @@ TYPED_TEST(Read, AWalkYieldsPendingWritesFirstThenEachCommittedEntryOnce) {
   const Key bad = order[order.size() / 2];
   const_cast<unsigned char *>(
       reinterpret_cast<const unsigned char *>(coll.findRef(bad)))[0] ^= 0x5a;
-  const std::vector<Key> before(order.begin(), order.begin() + order.size() / 2);
+  const std::vector<Key> before(order.begin(),
+                                order.begin() + order.size() / 2);
   EXPECT_EQ(keysOf(t.entryIteratorConst()), before);
   EXPECT_EQ(coll.corruptionCount(), 1u);
   std::vector<Key> rest = order;
