@@ -545,8 +545,7 @@ template <typename T> struct OrderedSwTableAccessor {
   // The committed record of a key, read in place; valid until the
   // collection changes. Corrupt shared memory reads as absent.
   static const ConfigEntry *configRecordRef(const T &t, const Key &key) {
-    auto *slate =
-        t.entryLog() ? t.entryLog()->tableConfigSlatePtr(t.unitId()) : nullptr;
+    auto *slate = t.configSlate();
     if (!slate) {
       return nullptr;
     }
@@ -1001,8 +1000,7 @@ template <typename IterState, typename SwTable> struct IterStateAccessor {
   // The step looks its bookmark up once and goes on by position; the record
   // is checked and read in place, and only its entry is copied.
   static bool configStep(IterState &s, const SwTable &t) {
-    auto *slate =
-        t.entryLog() ? t.entryLog()->tableConfigSlatePtr(t.unitId()) : nullptr;
+    auto *slate = t.configSlate();
     if (!slate) {
       return false;
     }

@@ -143,6 +143,11 @@ public:
   }
 
   const Fwk::Ptr<EntryLog> &entryLog() const noexcept { return entryLog_; }
+  // The unit's configuration table in the entry log, without a counted
+  // reference; null when there is none.
+  auto *configSlate() const noexcept {
+    return entryLog_ ? entryLog_->tableConfigSlatePtr(unitId()) : nullptr;
+  }
   const Fwk::Ptr<GroupResolver> &groupResolver() const noexcept {
     return groupResolver_;
   }
@@ -238,13 +243,11 @@ public:
   // (`ahead` 2: its index entry; 1: its record, once the index entry is
   // there). A hint; changes nothing.
   void prefetchCommitted(const Key &key, int ahead) const noexcept {
-    if (entryLog_) {
-      if (auto *slate = entryLog_->tableConfigSlatePtr(unitId())) {
-        if (ahead > 1) {
-          slate->swTableEntries().prefetch(key);
-        } else {
-          slate->swTableEntries().prefetchRecord(key);
-        }
+    if (auto *slate = configSlate()) {
+      if (ahead > 1) {
+        slate->swTableEntries().prefetch(key);
+      } else {
+        slate->swTableEntries().prefetchRecord(key);
       }
     }
   }

@@ -92,18 +92,23 @@ OrderedSwTableSet::OrderedSwTableSet(SwTableId tableId,
 OrderedSwTableSet::~OrderedSwTableSet() = default;
 
 namespace {
-// The first table whose unit is not below `unit`.
+// Where the table of `unit` is, or would go, in a unit-ordered array.
 template <typename Tables> auto unitLowerBound(Tables &tables, UnitId unit) {
   return std::lower_bound(tables.begin(), tables.end(), unit,
                           [](const Fwk::Ptr<OrderedSwTable> &t, UnitId u) {
                             return t->unitId() < u;
                           });
 }
+// Whether `it`, from unitLowerBound, holds the table of `unit`.
+template <typename Tables, typename It>
+bool holds(const Tables &tables, It it, UnitId unit) {
+  return it != tables.end() && (*it)->unitId() == unit;
+}
 } // namespace
 
 Fwk::Ptr<OrderedSwTable> OrderedSwTableSet::swTable(UnitId unit) const {
   const auto it = unitLowerBound(tables_, unit);
-  return it != tables_.end() && (*it)->unitId() == unit ? *it : nullptr;
+  return holds(tables_, it, unit) ? *it : nullptr;
 }
 
 void OrderedSwTableSet::swTableIs(const Fwk::Ptr<OrderedSwTable> &table) {
@@ -112,7 +117,7 @@ void OrderedSwTableSet::swTableIs(const Fwk::Ptr<OrderedSwTable> &table) {
   }
   const UnitId unit = table->unitId();
   const auto it = unitLowerBound(tables_, unit);
-  if (it != tables_.end() && (*it)->unitId() == unit) {
+  if (holds(tables_, it, unit)) {
     *it = table;
   } else {
     tables_.insert(it, table);
@@ -122,7 +127,7 @@ void OrderedSwTableSet::swTableIs(const Fwk::Ptr<OrderedSwTable> &table) {
 
 void OrderedSwTableSet::swTableDel(UnitId unit) {
   const auto it = unitLowerBound(tables_, unit);
-  if (it != tables_.end() && (*it)->unitId() == unit) {
+  if (holds(tables_, it, unit)) {
     // Dropped after it has left the set: its destruction may look at the set.
     const Fwk::Ptr<OrderedSwTable> gone = std::move(*it);
     tables_.erase(it);

@@ -457,7 +457,7 @@ public:
   const Record *findRef(const Key &key) const {
     requireView();
     const auto p = locate(key);
-    return p.found ? verified(index_.at(p.pos)) : nullptr;
+    return p.found ? recordAtPos(p.pos) : nullptr;
   }
 
   // Starts fetching what a lookup or an insert of the key will touch (its
