@@ -434,6 +434,13 @@ public:
       cleanupVersion_ = logVersion;
       notify(attrCleanupVersion);
     }
+    // Changes that waited for room: as many as there is room for now.
+    if (parked() != 0 && tableEntryLog_) {
+      const std::uint32_t count = entryLogRecords();
+      if (count < EntryLogSlateT::kCapacity) {
+        wake(EntryLogSlateT::kCapacity - count);
+      }
+    }
   }
 
 protected:

@@ -222,16 +222,20 @@ template <typename T> struct OrderedSwTableAccessor {
 
   static bool isResolverEntryResolved(T &t, const Fwk::Ptr<Resolver> &r,
                                       Linkage *linkage) {
+    // A change that is not ready names what it waits for, where the
+    // resolver parks it until that changes (WaitPoint.h).
     const auto &w = r->entryWrapper();
     if (t.entryLog() &&
         t.entryLog()->entryLogRecords() > T::kEntryLogRecordLimit) {
       OT_TRACE(1, "key: {}, isEntryDeleted: {} : no space in entryLog!",
                w->key(), r->isEntryDeleted());
+      r->waitOn(*t.entryLog());
       return false;
     }
     if (const auto &dep = r->dependencyHandle()) {
       if (dep->entryState() == EntryState::made) {
         OT_TRACE(3, "key: {} dependant entry not yet resolved", w->key());
+        r->waitOn(*dep);
         return false;
       }
       // A failed dependency counts as resolved; the commit rejects it.
@@ -241,6 +245,9 @@ template <typename T> struct OrderedSwTableAccessor {
     if (!r->isEntryDeleted()) {
       t.setRsrcPtrs(w, true);
       resolved = resAccessorCheckResolved(w, linkage);
+      if (!resolved) {
+        r->waitOn(*w->resourcePtr()); // pending: there is a handle
+      }
     }
     if (resolved) {
       OT_TRACE(

@@ -184,6 +184,15 @@ template <typename B> void SwTableInterface<B>::reconcile() {
 template <typename B> void SwTableInterface<B>::onDelete() {
   TI_TRACE(2, " onDelete ");
   Fwk::Ptr<Interface> keep(static_cast<Interface *>(this));
+  // The tables no longer hear of the hardware's progress: what they still
+  // hold queued can never finish, and fails now.
+  if (swTableSet_) {
+    for (const auto &t : swTableSet_->swTableList()) {
+      if (auto table = Fwk::ptrCast<SwTable>(t)) {
+        table->resolverQueueDelAll();
+      }
+    }
+  }
   if (auto groupIntf = group();
       groupIntf && swTableSet_ &&
       groupIntf->swTableSet(swTableId()) == swTableSet_) {

@@ -386,6 +386,26 @@ public:
     }
   }
 
+  // Ends every change still queued with the resolver, oldest first: each
+  // fails (state 5) with its response handler called, and the pending
+  // state of the table is forgotten. For a table taken off its interface;
+  // a table that is destroyed does the same. Handlers may write again:
+  // those changes are queued as usual.
+  void resolverQueueDelAll() {
+    if (!groupResolver_) {
+      return;
+    }
+    Fwk::Ptr<OrderedSwTableState> keep(this);
+    const auto dropped = groupResolver_->resolverQueueDelAll(this);
+    transientAddEntryDelAll();
+    transientRemoveEntryDelAll();
+    transientVersionForKeyDelAll();
+    transientRemoveAllVersionIs(MajorVersion::invalid());
+    for (const auto &r : dropped) {
+      endDropped(*r, false);
+    }
+  }
+
   // Makes the handle of a change of this table.
   static Fwk::Ptr<EntryHandle> entryHandleFactory(EntryVersion version,
                                                   const Key &key,
@@ -425,9 +445,12 @@ protected:
   // so nothing is announced.
   ~OrderedSwTableState() override {
     // Queued changes name their table by its address (the family class
-    // adds no base, so it is this one's).
+    // adds no base, so it is this one's). They end failed, their handles
+    // no longer naming the table.
     if (groupResolver_) {
-      groupResolver_->resolverQueueDelAll(this);
+      for (const auto &r : groupResolver_->resolverQueueDelAll(this)) {
+        endDropped(*r, true);
+      }
     }
     handleLog_.clear();
     marked_.clear();
@@ -446,6 +469,31 @@ private:
   }
   const typename B::SwTable &cself() const noexcept {
     return static_cast<const typename B::SwTable &>(*this);
+  }
+
+  // A change taken out of the resolver without being committed fails, its
+  // handler called once; `dying`: the table is being destroyed, and the
+  // handle no longer names it.
+  static void endDropped(ResolverEntry &base, bool dying) {
+    auto &r = static_cast<typename B::ResolverEntry &>(base);
+    const Fwk::Ptr<EntryHandle> handle(
+        static_cast<EntryHandle *>(r.entryWrapper()->entryHandle().ptr()));
+    if (!handle || handle->entryState() != EntryState::made) {
+      return;
+    }
+    MICA_TRACE(Trace::handleOf<typename B::SwTable>(), 1,
+               "OrderedTable/OrderedSwTableAccessor", "",
+               "Dropped queued change of key: {}, isEntryDeleted: {}, "
+               "isTableDeleted: {}",
+               handle->key(), r.isEntryDeleted(), r.isTableDeleted());
+    if (dying) {
+      handle->swTableIs(nullptr);
+    }
+    handle->entryStateIs(EntryState::failed);
+    if (handle->responseHandler()) {
+      const ResponseHandler handler = handle->responseHandler();
+      handler(Fwk::Ptr<const OrderedSwTable::EntryHandle>(handle));
+    }
   }
 
   // The constants print as the agent's configuration shows them.

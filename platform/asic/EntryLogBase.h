@@ -9,6 +9,7 @@
 #include "platform/Export.h"
 #include "platform/asic/GroupInterface.h"
 #include "platform/asic/Types.h"
+#include "platform/asic/WaitPoint.h"
 #include "platform/framework/Notifier.h"
 #include "platform/shm/Store.h"
 #include "platform/statedb/EntityManager.h"
@@ -22,7 +23,9 @@ namespace Asic {
 MICA_PLATFORM_API Fwk::Ptr<Shm::EntityManager>
 agentShmEntityManager(const StateDb::EntityManager &entityManager);
 
-class MICA_PLATFORM_API EntryLogBase : public Fwk::Notifier {
+// Changes that find no room in the change log wait on the entry log (a
+// WaitPoint), which hands them back as its clean-up makes room.
+class MICA_PLATFORM_API EntryLogBase : public Fwk::Notifier, public WaitPoint {
 public:
   static constexpr Fwk::AttrId attrTableVersion{5, "tableVersion"};
 

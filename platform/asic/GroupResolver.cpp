@@ -15,10 +15,88 @@ std::uint64_t tableOf(const ResolverEntry &e) noexcept {
 }
 } // namespace
 
+bool GroupResolver::olderFirst(const Fwk::Ptr<ResolverEntry> &a,
+                               const Fwk::Ptr<ResolverEntry> &b) noexcept {
+  return a->queueSeq_ < b->queueSeq_;
+}
+
+// ---- Wait points ----
+
+WaitPoint::~WaitPoint() {
+  // Whatever still waits here is offered again: it finds out itself what
+  // it waits for now.
+  wake();
+}
+
+void WaitPoint::park(ResolverEntry &e) const noexcept {
+  e.parkedOn_ = this;
+  e.parkPrev_ = tail_;
+  e.parkNext_ = nullptr;
+  (tail_ ? tail_->parkNext_ : head_) = &e;
+  tail_ = &e;
+  ++parked_;
+}
+
+void WaitPoint::unpark(ResolverEntry &e) const noexcept {
+  (e.parkPrev_ ? e.parkPrev_->parkNext_ : head_) = e.parkNext_;
+  (e.parkNext_ ? e.parkNext_->parkPrev_ : tail_) = e.parkPrev_;
+  e.parkPrev_ = e.parkNext_ = nullptr;
+  e.parkedOn_ = nullptr;
+  --parked_;
+}
+
+void WaitPoint::wake(std::size_t n) {
+  if (head_ == nullptr || n == 0) {
+    return;
+  }
+  // Unparked first, handed back after: a resolver that hands a change on
+  // may call out, and nothing it does can reach the changes taken here.
+  std::vector<Fwk::Ptr<ResolverEntry>> woken;
+  woken.reserve(std::min(n, parked_));
+  while (head_ && woken.size() < n) {
+    woken.emplace_back(head_);
+    unpark(*head_);
+  }
+  for (const auto &e : woken) {
+    // A change dropped meanwhile (its table went away) has no resolver.
+    if (GroupResolver *r = e->resolver_) {
+      r->handBack(e);
+    }
+  }
+}
+
+// ---- The resolver ----
+
 GroupResolver::GroupResolver(Scheduler schedule)
     : schedule_(std::move(schedule)) {}
 
-GroupResolver::~GroupResolver() = default;
+GroupResolver::~GroupResolver() {
+  // Parked changes leave their wait points, which may outlive the queue.
+  for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
+    for (ResolverEntry *e = it.value().head.ptr(); e; e = e->laneNext_.ptr()) {
+      if (e->parkedOn_) {
+        e->parkedOn_->unpark(*e);
+      }
+      e->resolver_ = nullptr;
+    }
+  }
+  for (auto it = tables_.begin(); it != tables_.end(); ++it) {
+    for (const Barrier &b : it.value().barriers) {
+      if (b.removeAll->parkedOn_) {
+        b.removeAll->parkedOn_->unpark(*b.removeAll);
+      }
+      b.removeAll->resolver_ = nullptr;
+    }
+  }
+}
+
+void GroupResolver::handBack(const Fwk::Ptr<ResolverEntry> &e) {
+  const bool first = woken_.empty();
+  woken_.push_back(e);
+  if (first) {
+    updateGenId();
+  }
+}
 
 GroupResolver::TableOrder &GroupResolver::tableOrder(std::uint64_t table) {
   if (TableOrder *o = tables_.find(table)) {
@@ -32,7 +110,12 @@ GroupResolver::TableOrder &GroupResolver::tableOrder(std::uint64_t table) {
 
 void GroupResolver::offer(Fwk::Ptr<ResolverEntry> e) {
   e->offered_ = true;
-  offer_.push_back(std::move(e));
+  // A change queued during the running pass waits for the next one.
+  if (inPass_ && e->queueSeq_ > passLimit_) {
+    deferred_.push_back(std::move(e));
+  } else {
+    offer_.push_back(std::move(e));
+  }
 }
 
 void GroupResolver::headIs(TableOrder &order,
@@ -56,6 +139,7 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
     return;
   }
   entry->queueSeq_ = ++enqueued_;
+  entry->resolver_ = this;
   ++queued_;
   const std::uint64_t table = tableOf(*entry);
   TableOrder &order = tableOrder(table);
@@ -85,6 +169,7 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
 void GroupResolver::retire(const Fwk::Ptr<ResolverEntry> &e) {
   --queued_;
   e->offered_ = false;
+  e->resolver_ = nullptr;
   TableOrder &order = tableOrder(tableOf(*e));
   if (e->isTableDeleted()) {
     // The front barrier: every change before it has committed. Its segment
@@ -136,15 +221,18 @@ GroupResolver::resolverQueue(std::size_t position) const {
   return all[position];
 }
 
-void GroupResolver::resolverQueueDelAll(const void *table) {
+std::vector<Fwk::Ptr<ResolverEntry>>
+GroupResolver::resolverQueueDelAll(const void *table) {
   const std::uint64_t t = reinterpret_cast<std::uintptr_t>(table);
-  auto ofTable = [t](const Fwk::Ptr<ResolverEntry> &e) { return e && tableOf(*e) == t; };
-  // Only what the running pass has not reached yet is taken out of offer_.
-  offer_.erase(std::remove_if(offer_.begin() + static_cast<std::ptrdiff_t>(offerHead_),
-                              offer_.end(), ofTable),
-               offer_.end());
-  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), ofTable),
-                 waiting_.end());
+  std::vector<Fwk::Ptr<ResolverEntry>> dropped;
+  const auto drop = [&dropped](Fwk::Ptr<ResolverEntry> e) {
+    if (e->parkedOn_) {
+      e->parkedOn_->unpark(*e);
+    }
+    e->offered_ = false;
+    e->resolver_ = nullptr;
+    dropped.push_back(std::move(e));
+  };
   std::vector<LaneKey> gone;
   for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
     if (it.key().table == t) {
@@ -156,16 +244,35 @@ void GroupResolver::resolverQueueDelAll(const void *table) {
     lanes_.take(k, lane);
     // Unlinked one by one: a long lane must not unwind recursively.
     for (Fwk::Ptr<ResolverEntry> e = std::move(lane.head); e;) {
-      --queued_;
-      e = std::move(e->laneNext_);
+      Fwk::Ptr<ResolverEntry> next = std::move(e->laneNext_);
+      drop(std::move(e));
+      e = std::move(next);
     }
   }
   if (TableOrder *order = tables_.find(t)) {
-    // Its remove-alls; its other changes were counted with their lanes.
-    queued_ -= order->barriers.size();
+    for (Barrier &b : order->barriers) {
+      drop(std::move(b.removeAll));
+    }
     tables_.erase(t);
   }
+  queued_ -= dropped.size();
+  const auto ofTable = [t](const Fwk::Ptr<ResolverEntry> &e) {
+    return e && tableOf(*e) == t;
+  };
+  const auto eraseFrom = [&](std::vector<Fwk::Ptr<ResolverEntry>> &v,
+                             std::size_t from) {
+    v.erase(std::remove_if(v.begin() + static_cast<std::ptrdiff_t>(from),
+                           v.end(), ofTable),
+            v.end());
+  };
+  // Only what the running pass has not reached yet is taken out of offer_.
+  eraseFrom(offer_, offerHead_);
+  eraseFrom(deferred_, 0);
+  eraseFrom(woken_, 0);
+  eraseFrom(waiting_, 0);
+  std::sort(dropped.begin(), dropped.end(), olderFirst);
   notify(attrResolverQueue, queued_);
+  return dropped;
 }
 
 void GroupResolver::updateGenId() {
@@ -203,16 +310,24 @@ std::size_t GroupResolver::runPass() {
   }
   Fwk::Ptr<GroupResolver> self(this);
   inPass_ = true;
-  // The changes that were not ready last time are older than those that
-  // became offerable since: they are offered first.
-  if (!waiting_.empty()) {
-    waiting_.insert(
-        waiting_.end(),
-        std::make_move_iterator(offer_.begin() +
-                                static_cast<std::ptrdiff_t>(offerHead_)),
-        std::make_move_iterator(offer_.end()));
-    offer_.swap(waiting_);
-    waiting_.clear();
+  passLimit_ = enqueued_;
+  // The changes handed back since the last pass, oldest first, and those
+  // that named nothing to wait for are older than those that became
+  // offerable since: they are offered first.
+  if (!woken_.empty() || !waiting_.empty()) {
+    std::sort(woken_.begin(), woken_.end(), olderFirst);
+    std::vector<Fwk::Ptr<ResolverEntry>> all;
+    all.reserve(woken_.size() + waiting_.size() + offer_.size() - offerHead_);
+    for (auto *from : {&woken_, &waiting_}) {
+      all.insert(all.end(), std::make_move_iterator(from->begin()),
+                 std::make_move_iterator(from->end()));
+      from->clear();
+    }
+    all.insert(all.end(),
+               std::make_move_iterator(offer_.begin() +
+                                       static_cast<std::ptrdiff_t>(offerHead_)),
+               std::make_move_iterator(offer_.end()));
+    offer_.swap(all);
     offerHead_ = 0;
   }
   std::size_t committed = 0;
@@ -224,12 +339,15 @@ std::size_t GroupResolver::runPass() {
       offer_[offerHead_ + kPrefetchNear]->prefetchCommit(1);
     }
     Fwk::Ptr<ResolverEntry> e = std::move(offer_[offerHead_++]);
+    e->waitingOn_ = nullptr;
     if (!e->isResolved()) {
-      if (const auto &dep = e->dependencyHandle();
-          dep && dep->entryState() == EntryState::made) {
-        dep->waiterIs(this);
+      // Parked on what it waits for, which hands it back when it changes;
+      // its lane (or its table's barriers) keeps it queued meanwhile.
+      if (const WaitPoint *w = std::exchange(e->waitingOn_, nullptr)) {
+        w->park(*e);
+      } else {
+        waiting_.push_back(std::move(e));
       }
-      waiting_.push_back(std::move(e));
       continue;
     }
     retire(e);
@@ -237,8 +355,14 @@ std::size_t GroupResolver::runPass() {
     ++committed;
   }
   offer_.clear();
+  offer_.swap(deferred_);
   offerHead_ = 0;
   inPass_ = false;
+  // What was queued during the pass, and what was handed back meanwhile,
+  // is for the next pass.
+  if (!offer_.empty() || !woken_.empty()) {
+    updateGenId();
+  }
   maybeUpdateSuspend();
   return committed;
 }

@@ -26,28 +26,36 @@
 //      the later changes of its own key and, through a remove-all queued
 //      after it, of its own table; never those of other keys, tables or
 //      units.
-// A pass offers every offerable change once, oldest offerable first: it asks
-// isResolved() and, when that answers true, takes the change out of its lane,
-// makes the lane's next change offerable and commits it (commitEntry()); a
-// change that answers false waits for the next pass. A pass costs O(1) per
-// change it offers, plus the commits: changes parked behind another are not
-// looked at until they become offerable. Keys are told apart by the entry's
-// orderKey() (64 bits); two keys of a table that had the same order key
-// would only be kept in order between them, never reordered.
+// A pass offers every change that was offerable when it began, once, oldest
+// first: it asks isResolved() and, when that answers true, takes the change
+// out of its lane, makes the lane's next change offerable and commits it
+// (commitEntry()). A change queued before the pass that becomes offerable
+// during it (the next of a lane whose head committed, the changes behind a
+// remove-all that committed) is offered in the same pass; a change queued
+// during the pass (by a response handler, say) waits for the next one, so
+// that a pass always ends, whatever the handlers do.
+//
+// Waiting: a change that is not ready names what it waits for (its
+// dependency's handle, its resource's handle, room in its entry log: a
+// WaitPoint) and is parked there; the wait point hands it back when it
+// changes, and the next pass offers it again. A change that names nothing is
+// offered again at every pass. So a pass costs O(1) per change that can
+// progress, plus the commits: changes parked on a wait point, or behind
+// another change of their key or table, are not looked at until they can
+// progress. Keys are told apart by the entry's orderKey() (64 bits); two
+// keys of a table that had the same order key would only be kept in order
+// between them, never reordered.
 //
 // Wake-ups: nothing polls. A pass runs after updateGenId(), which whatever
 // can make a change ready calls: a change or commit of the tables, the
 // hardware's progress (tableStatusVersion), a resource table's resolution
-// (its resolved hook), and a dependency handle that changes state (a change
-// found waiting on an unfinished dependency makes the resolver a waiter of
-// that handle, DependencyEntryHandle::waiterIs).
+// (its resolved hook), and a wait point that hands back parked changes.
 //
 // Re-entrancy: commitEntry() and the response handlers it runs may queue
-// changes (those that are offerable are offered later in the same pass) and
-// call updateGenId() (which schedules another pass) or runPass() (which
-// returns 0: the running pass goes on). A change leaves its lane before it
-// commits, so everything is consistent whenever a commit calls out. The
-// resolver keeps itself alive during a pass.
+// changes (offered by the next pass) and call updateGenId() (which schedules
+// another pass) or runPass() (which returns 0: the running pass goes on). A
+// change leaves its lane before it commits, so everything is consistent
+// whenever a commit calls out. The resolver keeps itself alive during a pass.
 #pragma once
 
 #include <cstdint>
@@ -80,17 +88,20 @@ public:
 
   void resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry);
   // Takes every queued change of a table out of the queue (the table is
-  // going away); they are never offered. Safe during a pass. O(queued).
-  void resolverQueueDelAll(const void *table);
+  // going away) and hands them to the caller, oldest first, which ends each
+  // of them; they are never offered again. Safe during a pass. O(queued).
+  std::vector<Fwk::Ptr<ResolverEntry>> resolverQueueDelAll(const void *table);
   // The number of queued (not yet committed) changes, in O(1).
   std::size_t resolverQueueSize() const noexcept { return queued_; }
   // The queued change at a position in queue order (0 is the oldest), or
   // null. For introspection: it gathers and sorts every queued change.
   Fwk::Ptr<ResolverEntry> resolverQueue(std::size_t position) const;
   // How many queued changes the next pass offers (the others wait behind an
-  // older change of their key or table).
+  // older change of their key or table, or are parked on what they wait
+  // for).
   std::size_t offerable() const noexcept {
-    return offer_.size() - offerHead_ + waiting_.size();
+    return offer_.size() - offerHead_ + deferred_.size() + woken_.size() +
+           waiting_.size();
   }
 
   // Something may have become ready: advance the generation and schedule a
@@ -107,6 +118,7 @@ public:
   std::size_t runPass();
 
 private:
+  friend class WaitPoint;
   ~GroupResolver() override;
 
   // A (table, key) lane: its queued changes, oldest first, linked through
@@ -143,20 +155,29 @@ private:
   // waited behind it offerable.
   void retire(const Fwk::Ptr<ResolverEntry> &e);
   void maybeOfferRemoveAll(TableOrder &order);
+  static bool olderFirst(const Fwk::Ptr<ResolverEntry> &a,
+                         const Fwk::Ptr<ResolverEntry> &b) noexcept;
+  // A wait point hands back a change parked on it.
+  void handBack(const Fwk::Ptr<ResolverEntry> &e);
 
   Scheduler schedule_;
   Fwk::HashMap<LaneKey, Lane> lanes_{0x7f4a7c15u};
   Fwk::HashMap<std::uint64_t, TableOrder> tables_{0x94d049bbu};
-  // Offerable changes: those of earlier passes that were not ready
-  // (waiting_), then [offerHead_, end) of offer_.
+  // Offerable changes: [offerHead_, end) of offer_; during a pass, those
+  // queued after it began go to deferred_, for the next pass. woken_: handed
+  // back by their wait points; waiting_: not ready, and named nothing to
+  // wait for. Each pass offers woken_, then waiting_, then offer_.
   std::vector<Fwk::Ptr<ResolverEntry>> offer_;
   std::size_t offerHead_ = 0;
+  std::vector<Fwk::Ptr<ResolverEntry>> deferred_;
+  std::vector<Fwk::Ptr<ResolverEntry>> woken_;
   std::vector<Fwk::Ptr<ResolverEntry>> waiting_;
   std::size_t queued_ = 0;
   std::uint64_t enqueued_ = 0; // queue order of the changes
   std::uint64_t genId_ = 0;
   bool passScheduled_ = false;
   bool inPass_ = false;
+  std::uint64_t passLimit_ = 0; // the last change queued before the pass
   bool suspended_ = false;
 };
 

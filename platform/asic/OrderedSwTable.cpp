@@ -20,23 +20,6 @@ CanonicalTableName::canonicalTableNameIs(Kind kind, std::string ns,
 
 DependencyEntryHandle::~DependencyEntryHandle() = default;
 
-void DependencyEntryHandle::waiterIs(GroupResolver *resolver) const {
-  if (!resolver || std::any_of(waiters_.begin(), waiters_.end(),
-                               [resolver](const auto &w) { return w.ptr() == resolver; })) {
-    return;
-  }
-  waiters_.emplace_back(resolver);
-}
-
-void DependencyEntryHandle::wakeWaiters() {
-  // A woken resolver may register again (during a pass it runs later).
-  std::vector<Fwk::Ptr<Fwk::Object>> woken;
-  woken.swap(waiters_);
-  for (const auto &r : woken) {
-    static_cast<GroupResolver *>(r.ptr())->updateGenId();
-  }
-}
-
 NeededEntry::~NeededEntry() = default;
 
 void NeededEntry::add(const TableVersion &v) { versions_.push_back(v); }
@@ -150,6 +133,10 @@ void OrderedSwTableSet::maybeUpdatePendingHwWrites() {
   }
 }
 
-ResolverEntry::~ResolverEntry() = default;
+ResolverEntry::~ResolverEntry() {
+  if (parkedOn_) {
+    parkedOn_->unpark(*this);
+  }
+}
 
 } // namespace Asic

@@ -25,6 +25,7 @@
 
 #include "platform/Export.h"
 #include "platform/asic/Types.h"
+#include "platform/asic/WaitPoint.h"
 #include "platform/framework/HashMap.h"
 #include "platform/framework/Notifier.h"
 #include "platform/framework/Object.h"
@@ -83,10 +84,11 @@ private:
 // and the log version it was committed under.
 //
 // A group resolver that finds a change waiting on an unfinished dependency
-// registers itself as a waiter of the dependency's handle (waiterIs); the
-// handle's next change of state wakes every waiter (updateGenId) and forgets
-// them, so nothing has to poll the handle.
-class MICA_PLATFORM_API DependencyEntryHandle : public Fwk::Object {
+// parks the change on the dependency's handle (a WaitPoint); the handle's
+// next change of state hands every change parked on it back to its
+// resolver, so nothing has to poll the handle.
+class MICA_PLATFORM_API DependencyEntryHandle : public Fwk::Object,
+                                                public WaitPoint {
 public:
   EntryState entryState() const noexcept { return entryState_; }
   void entryStateIs(EntryState s) {
@@ -94,31 +96,21 @@ public:
       return;
     }
     entryState_ = s;
-    if (!waiters_.empty()) [[unlikely]] {
-      wakeWaiters();
+    if (parked() != 0) [[unlikely]] {
+      wake();
     }
   }
   LogVersion logVersion() const noexcept { return logVersion_; }
   void logVersionIs(LogVersion v) noexcept { logVersion_ = v; }
   virtual SwTableId tableId() const = 0;
 
-  // Wakes `resolver` at this handle's next change of state (once; a
-  // resolver registered twice is woken once). Const: waiting on a change
-  // does not change it.
-  void waiterIs(GroupResolver *resolver) const;
-  std::size_t waiters() const noexcept { return waiters_.size(); }
-
 protected:
   DependencyEntryHandle() noexcept = default;
   ~DependencyEntryHandle() override;
 
 private:
-  void wakeWaiters();
-
   LogVersion logVersion_ = 0;
   EntryState entryState_ = EntryState::made;
-  // The waiting resolvers (GroupResolver), held as counted objects.
-  mutable std::vector<Fwk::Ptr<Fwk::Object>> waiters_;
 };
 
 // The set of other tables' versions that a committed entry depends on. The
@@ -338,7 +330,10 @@ private:
 };
 
 // A change queued with the group resolver. The resolver asks isResolved()
-// until it answers true and then calls commitEntry() once.
+// until it answers true and then calls commitEntry() once. A change that is
+// not ready says what it waits for (waitOn) before it answers false; the
+// resolver parks it there and asks again only once that has changed. One
+// that names nothing is asked again at every pass.
 class MICA_PLATFORM_API ResolverEntry : public Fwk::Object {
 public:
   const Fwk::Ptr<const DependencyEntryHandle> &dependencyHandle() const noexcept {
@@ -351,6 +346,13 @@ public:
 
   virtual bool isResolved() = 0;
   virtual void commitEntry(const Fwk::Ptr<ResolverEntry> &self) = 0;
+
+  // Called from isResolved() when the change is not ready: it waits for
+  // `w`, which must outlive the change's parking (a wait point the change
+  // itself references, or one that outlives its table).
+  void waitOn(const WaitPoint &w) noexcept { waitingOn_ = &w; }
+  // The wait point the change is parked on, or null.
+  const WaitPoint *parkedOn() const noexcept { return parkedOn_; }
 
   // What the resolver keeps this change in order with (GroupResolver.h):
   // the changes of the same table and order key, and the remove-alls of the
@@ -368,18 +370,27 @@ protected:
   ResolverEntry(Fwk::Ptr<const DependencyEntryHandle> dependency,
                 EntryFlags flags)
       : dependency_(std::move(dependency)), flags_(flags) {}
+  // A change that is still parked leaves its wait point.
   ~ResolverEntry() override;
 
 private:
   friend class GroupResolver;
+  friend class WaitPoint;
 
   Fwk::Ptr<const DependencyEntryHandle> dependency_;
   EntryFlags flags_;
   // Kept by the resolver while the change is queued.
-  bool offered_ = false;          // in the resolver's offer or waiting list
+  bool offered_ = false;          // offered, or parked: not offered anew
   std::uint64_t queueSeq_ = 0;    // queue order
   std::uint64_t segment_ = 0;     // the segment of its table it belongs to
   Fwk::Ptr<ResolverEntry> laneNext_; // the next change of its lane
+  GroupResolver *resolver_ = nullptr; // the resolver it is queued with
+  // What the last isResolved() said it waits for (taken by the resolver).
+  const WaitPoint *waitingOn_ = nullptr;
+  // Where it is parked, and its neighbours there (WaitPoint.h).
+  const WaitPoint *parkedOn_ = nullptr;
+  ResolverEntry *parkPrev_ = nullptr;
+  ResolverEntry *parkNext_ = nullptr;
 };
 
 } // namespace Asic

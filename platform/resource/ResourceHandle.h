@@ -14,12 +14,14 @@
 #include "platform/Export.h"
 #include "platform/asic/OrderedSwTable.h"
 #include "platform/asic/Types.h"
+#include "platform/asic/WaitPoint.h"
 #include "platform/framework/Notifier.h"
 
 namespace Asic {
 
 template <typename Key, typename Data, std::uint16_t kUpdateAttrId>
-class MICA_PLATFORM_API ResourceHandle : public Fwk::Notifier {
+class MICA_PLATFORM_API ResourceHandle : public Fwk::Notifier,
+                                         public WaitPoint {
 public:
   using KeyType = Key;
   using DataType = Data;
@@ -41,10 +43,13 @@ public:
   bool isPostReleaseProtoState() const noexcept { return postRelease_; }
 
   // Mutators used by the resource table that owns the handle.
+  // Changes parked on a pending handle are handed back when it resolves or
+  // fails, and when it is released.
   void entryStateIs(std::uint8_t s) {
     if (s != entryState_) {
       entryState_ = s;
       notify(attrEntryState);
+      wake();
     }
   }
   // New data for the resource: raises the version and announces the update.
@@ -67,6 +72,7 @@ public:
     if (on != postRelease_) {
       postRelease_ = on;
       notify(attrPostRelease);
+      wake();
     }
   }
 

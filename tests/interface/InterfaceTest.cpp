@@ -259,7 +259,9 @@ TEST(Resolver, AStuckChangeHoldsBackOnlyItsKeyAndWhatItsTableOrdersAfterIt) {
   EXPECT_EQ(a.pass(), 1u);
   EXPECT_EQ(u2Later->entryState(), EntryState::logged);
   EXPECT_EQ(afterClear->entryState(), EntryState::made);
-  EXPECT_EQ(a.group->groupResolver()->offerable(), 1u); // only the stuck one
+  // The stuck one waits on its dependency: no pass asks it again.
+  EXPECT_EQ(stuck->parked(), 1u);
+  EXPECT_EQ(a.group->groupResolver()->offerable(), 0u);
 
   // The dependency finishes: its key, the remove-all and what followed it
   // commit in order.
@@ -272,6 +274,117 @@ TEST(Resolver, AStuckChangeHoldsBackOnlyItsKeyAndWhatItsTableOrdersAfterIt) {
   EXPECT_GT(afterClear->logVersion(), sameKey->logVersion());
   EXPECT_EQ(u1->entrys(), 1u); // only what came after the remove-all
   EXPECT_EQ(a.group->groupResolver()->resolverQueueSize(), 0u);
+}
+
+TEST(Resolver, APassTakesWhatWasReadyWhenItBeganAndParksWhatMustWait) {
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  using Key = Isem2::Key;
+  using Handle = Fwk::Ptr<const Asic::OrderedSwTable::EntryHandle>;
+  auto u1 = a.isem2->makeSwTable(1, nullptr, false);
+  const auto &resolver = a.group->groupResolver();
+
+  // A handler that writes its key again after each failure: each pass
+  // takes one of the writes, the next waits for the next pass.
+  auto failed = PipelineTest::dependency(EntryState::failed);
+  int rewrites = 0;
+  std::function<void(const Handle &)> again = [&](const Handle &h) {
+    if (h->entryState() == EntryState::failed && rewrites < 100) {
+      ++rewrites;
+      u1->entryWriteWithResponseHandler(Key(1), Isem2::entry(1, 0), failed,
+                                        again);
+    }
+  };
+  u1->entryWriteWithResponseHandler(Key(1), Isem2::entry(1, 0), failed, again);
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(rewrites, 1);
+  EXPECT_EQ(resolver->resolverQueueSize(), 1u);
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(rewrites, 2);
+  rewrites = 100; // the next failure ends it
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(resolver->resolverQueueSize(), 0u);
+
+  // Changes whose resource is pending wait on its handle: asked once, not
+  // again by later passes, and offered together when it resolves.
+  std::vector<std::function<void()>> allocations;
+  a.inLif->schedulerIs(
+      [&](std::function<void()> task) { allocations.push_back(task); });
+  Traces tr({Isem2::B::kSwTableClass});
+  constexpr std::uint32_t kWaiting = 500;
+  for (std::uint32_t k = 10; k < 10 + kWaiting; ++k) {
+    u1->entryWrite(Key(k), Isem2::entry(k, 5), nullptr);
+  }
+  EXPECT_EQ(a.pass(), 0u);
+  const auto pending = a.inLif->entry(Isem2::resKey(5));
+  ASSERT_TRUE(pending);
+  EXPECT_EQ(pending->parked(), kWaiting);
+  const auto asked = [&] {
+    return std::count_if(tr.lines.begin(), tr.lines.end(), [](const auto &l) {
+      return l.message.find("is still unresolved!") != std::string::npos;
+    });
+  };
+  EXPECT_EQ(asked(), kWaiting);
+  u1->entryWrite(Key(1), Isem2::entry(1, 0), nullptr);
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(asked(), kWaiting);
+  EXPECT_EQ(resolver->offerable(), 0u);
+  for (const auto &run : allocations) {
+    run();
+  }
+  EXPECT_EQ(resolver->offerable(), kWaiting);
+  EXPECT_EQ(a.pass(), kWaiting);
+  EXPECT_EQ(asked(), kWaiting);
+}
+
+TEST(Resolver, QueuedChangesOfATableThatGoesAwayFailOnce) {
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  using Key = Isem2::Key;
+  PipelineTest::Responses r;
+  auto stuck = PipelineTest::dependency(EntryState::made);
+  // Taken off its interface: a change waiting on a dependency, one behind
+  // it on its key, a remove-all and a change behind that.
+  auto u1 = a.isem2->makeSwTable(1, nullptr, false);
+  std::vector<Fwk::Ptr<const Asic::OrderedSwTable::EntryHandle>> handles{
+      u1->entryWriteWithResponseHandler(Key(1), Isem2::entry(1, 0), stuck,
+                                        r.handler()),
+      u1->entryRemoveWithResponseHandler(Key(1), nullptr, r.handler()),
+      u1->entryWriteWithResponseHandler(Key(2), Isem2::entry(2, 0), nullptr,
+                                        r.handler())};
+  u1->entryRemoveAllWithResponseHandler(nullptr, r.handler());
+  handles.push_back(u1->entryWriteWithResponseHandler(
+      Key(3), Isem2::entry(3, 0), nullptr, r.handler()));
+  EXPECT_EQ(a.pass(), 1u); // the write of key 2
+  r.calls.clear();
+  a.isem2->onDelete();
+  EXPECT_EQ(r.calls.size(), 4u); // key 1 twice, the remove-all, key 3
+  EXPECT_EQ(a.group->groupResolver()->resolverQueueSize(), 0u);
+  EXPECT_EQ(stuck->parked(), 0u);
+  EXPECT_FALSE(u1->transientRemoveAllVersion().valid());
+  EXPECT_EQ(u1->transientVersionForKeys(), 0u);
+  for (const auto &h : {handles[0], handles[1], handles[3]}) {
+    EXPECT_EQ(h->entryState(), EntryState::failed);
+    EXPECT_EQ(r.count(h), 1u);
+  }
+  a.isem2 = nullptr;
+
+  // Destroyed: the handles no longer name it.
+  auto u2 = a.lem->makeSwTable(2, nullptr, false);
+  auto h = u2->entryWriteWithResponseHandler(Lem::Key(1), Lem::entry(1, 0),
+                                             stuck, r.handler());
+  EXPECT_EQ(a.pass(), 0u);
+  r.calls.clear();
+  a.lem->swTableSet()->swTableDel(2);
+  a.group->sweepableSwTableSetDel(a.lem->swTableId(), 2);
+  u2 = nullptr;
+  EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(h->entryState(), EntryState::failed);
+  EXPECT_EQ(h->swTable(), nullptr);
+  stuck->entryStateIs(EntryState::finished);
+  EXPECT_EQ(a.pass(), 0u);
 }
 
 } // namespace

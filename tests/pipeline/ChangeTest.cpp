@@ -106,10 +106,12 @@ TYPED_TEST(Change,
   EXPECT_TRUE(tr.has(
       3, fmt::format("key: {} dependant entry not yet resolved", Key(1))));
 
-  // The dependency's change of state wakes the resolver.
-  EXPECT_EQ(dep->waiters(), 1u);
+  // The changes wait on the dependency's handle, whose change of state
+  // hands them back.
+  EXPECT_EQ(dep->parked(), 3u);
+  EXPECT_EQ(env.resolver->offerable(), 0u);
   dep->entryStateIs(EntryState::rejected);
-  EXPECT_EQ(dep->waiters(), 0u);
+  EXPECT_EQ(dep->parked(), 0u);
   EXPECT_EQ(env.pass(), 3u);
   for (const auto &h : {h1, h2, h3}) {
     EXPECT_EQ(h->entryState(), EntryState::failed);
