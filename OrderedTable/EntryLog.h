@@ -145,12 +145,18 @@ public:
       return entity;
     }
     wipedFn();
-    if (auto gen =
-            entityManager->template entity<GenId>(GenId::path(agentName))) {
-      gen->majorIdInc(1);
-    }
+    requestRelaunch(*entityManager, agentName);
     control.clearWiped();
     return entity;
+  }
+
+  // Asks for the agents to be restarted: the relaunch record's generation
+  // goes up. A missing record (or one of another type) is no error.
+  static void requestRelaunch(StateDb::EntityManager &entityManager,
+                              const std::string &agentName) {
+    if (auto gen = entityManager.template entity<GenId>(GenId::path(agentName))) {
+      gen->majorIdInc(1);
+    }
   }
 
   void mountSlateChangeLog() {
@@ -183,6 +189,7 @@ public:
   void mountSlateConfig(UnitId unitId, LogVersion logVersion) {
     EL_TRACE(8, " unitId:{}, logVersion: {}", unitId, logVersion);
     const std::string path = B::Constants::configSlatePath(unitId);
+    bool cfgWiped = false;
     auto cfgSlate = checkAndwriteMountSlate<ConfigSlateT>(
         entityManager(), ConfigSlateT::kTypeName, path, agentName(),
         [](Shm::MountInfo &info) {
@@ -192,10 +199,18 @@ public:
         [](Fwk::Ptr<ConfigSlateT> &s) -> Shm::CollectionControl & {
           return s->swTableEntries().control();
         },
-        [this] { raiseWiped("entryCfg"); });
+        [this, &cfgWiped] {
+          cfgWiped = true;
+          raiseWiped("entryCfg");
+        });
     FWK_ASSERT_NAMED(cfgSlate, "cfgSlate");
     tableConfigSlateIs(unitId, cfgSlate);
     EL_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
+    if (cfgWiped) {
+      // The hardware may hold entries of the unit that nothing here
+      // remembers: only a rebuild from the configuration removes them.
+      requestHardwareResync("the configuration of a unit was lost");
+    }
 
     // The versions this unit holds, and the change it may have been cut in,
     // were taken into account when the entry log was made.
@@ -256,6 +271,85 @@ public:
   }
   // The version up to which the change log was last cleaned.
   LogVersion cleanupVersion() const noexcept { return cleanupVersion_; }
+
+  // ---- Keeping versions in step with the hardware writer ----
+  //
+  // The hardware writer follows the change log and publishes the version it
+  // has taken. Versions never go back: a writer that has confirmed a
+  // version this log has not reached (the log was made anew, or restored
+  // from an older copy, or its version word was damaged, while the writer's
+  // record survived) would otherwise count new changes as taken that it
+  // never applies. Such a log raises its table version above the confirmed
+  // one and asks the writer to rebuild its tables from the configuration
+  // tables: it reserves a version for the rebuild (the epoch, kept in the
+  // change log's control words), and the writer, seeing an epoch it has not
+  // rebuilt at, rebuilds and publishes a version at or above it. Until the
+  // writer has confirmed the epoch, nothing committed before it is known to
+  // be in the hardware: changes that log nothing wait for the epoch
+  // (hwResyncPending).
+
+  // The version of the last rebuild asked of the hardware writer; 0 if none.
+  LogVersion hwResyncVersion() const noexcept {
+    return tableEntryLog_ ? tableEntryLog_->entryLogConfig().control().epoch()
+                          : 0;
+  }
+  // The rebuild version a change that logs nothing must wait for: the epoch
+  // while the hardware has not confirmed it, else 0.
+  LogVersion hwResyncPending() const noexcept {
+    const LogVersion epoch = hwResyncVersion();
+    return epoch > cleanupVersion_ ? epoch : 0;
+  }
+
+  // The hardware writer has confirmed `confirmed`: when the log has not
+  // reached it, the table version is raised above it and the writer is
+  // asked to rebuild. Returns whether it was raised.
+  bool tableVersionAtLeast(LogVersion confirmed) {
+    if (confirmed <= tableVersion()) {
+      return false;
+    }
+    EL_TRACE(2, " Raising tableVersion from {} to {}, confirmed by the hardware",
+             tableVersion(), confirmed);
+    tableVersionIs(confirmed);
+    requestHardwareResync("the hardware confirmed a version beyond the log");
+    return true;
+  }
+
+  // Reserves the next version as the epoch at which the hardware writer
+  // rebuilds its tables of this table type from the configuration tables.
+  // The epoch is stored first: a restart finds it whatever instant the agent
+  // was stopped at, and takes the table version at least to it.
+  LogVersion requestHardwareResync(const char *why) {
+    const LogVersion v = tableVersion() + 1;
+    auto &control = tableEntryLog_->entryLogConfig().control();
+    control.epochIs(v);
+    control.scratchpadIs(v);
+    tableVersionIs(v);
+    changeComplete(v);
+    EL_TRACE(2, " Asking the hardware writer to rebuild at version {}: {}", v,
+             why);
+    return v;
+  }
+
+  // Whether a version the hardware writer says it has taken can be one of
+  // this log's. One beyond the table version cannot: the writer follows
+  // another log. That is reported once (HW_ABSTRACTION_ERROR, with a
+  // request to relaunch the agents) and the caller ignores the version.
+  bool hwVersionMatches(LogVersion confirmed) {
+    if (confirmed <= tableVersion()) {
+      return true;
+    }
+    EL_TRACE(1,
+             " Hardware version {} is beyond tableVersion {}: the hardware "
+             "writer follows another change log",
+             confirmed, tableVersion());
+    if (!hwAheadReported_) {
+      hwAheadReported_ = true;
+      AgentLog::raise(messages_.error,
+                      fmt::format("{}::{}", "hwVersion", B::kWipedItem));
+      requestRelaunch(*entityManager(), agentName());
+    }
+    return false;
+  }
 
   // ---- Logging changes ----
 
@@ -603,7 +697,10 @@ private:
   // version if a crash cut it, unless the change log was lost.
   void restoreTableVersion(bool logWiped) {
     auto &log = tableEntryLog_->entryLogConfig();
-    const LogVersion stored = log.control().scratchpad();
+    // A rebuild asked of the hardware writer reserved its epoch: no change
+    // may take that version.
+    const LogVersion stored =
+        std::max(log.control().scratchpad(), log.control().epoch());
     LogVersion version = stored;
     forEachRecord(
         log, [&] { version = stored; },
@@ -630,7 +727,7 @@ private:
     // The records that raised it above the scratchpad can all be cleaned
     // up before the next change writes the scratchpad: it takes the version
     // now, or a later restart would find neither and hand it out again.
-    if (version > stored) {
+    if (version > log.control().scratchpad()) {
       log.control().scratchpadIs(version);
     }
     tableVersionIs(version);
@@ -766,6 +863,7 @@ private:
   }
 
   EntryLogMessages messages_;
+  bool hwAheadReported_ = false;
   Fwk::Ptr<EntryLogSlateT> tableEntryLog_;
   Fwk::HashMap<UnitId, Fwk::Ptr<ConfigSlateT>> tableConfigSlate_{0x27b70a85u};
   LogVersion cleanupVersion_ = 0;

@@ -419,8 +419,13 @@ template <typename T> struct OrderedSwTableAccessor {
     wrapper->finalizeOnSuccess(Fwk::Ptr<typename B::SwTable>(&t), true);
     const LogVersion logVersion =
         t.entryLog() ? t.entryLog()->entryDel(key, needed, t.unitId()) : 0;
-    // A deletion waits for the hardware whenever it was logged.
-    finishOrQueue(t, handle, logVersion, logVersion != 0);
+    // A deletion waits for the hardware whenever it was logged; one that
+    // logged nothing, for a rebuild of the hardware under way, which removes
+    // whatever the hardware still holds of the key.
+    const LogVersion waitFor =
+        logVersion != 0 || !t.entryLog() ? logVersion
+                                         : t.entryLog()->hwResyncPending();
+    finishOrQueue(t, handle, waitFor, waitFor != 0);
     if (linkage) {
       linkage->updateLocalUsage(wrapper, oldEntry, true);
     }
@@ -488,7 +493,9 @@ template <typename T> struct OrderedSwTableAccessor {
       needed->add(dep);
     }
     LogVersion logVersion = 0;
+    LogVersion resync = 0;
     if (const auto &log = t.entryLog()) {
+      resync = log->hwResyncPending();
       try {
         logVersion = log->entryIs(wrapper->entry().logEntry(),
                                   wrapper->entry().resourceKeys(), needed,
@@ -501,7 +508,10 @@ template <typename T> struct OrderedSwTableAccessor {
       }
     }
     // A write waits for the hardware unless the hardware has already
-    // confirmed its version (a suppressed write of an older one).
+    // confirmed its version (a suppressed write of an older one). While the
+    // hardware is being rebuilt, nothing older than the rebuild is known to
+    // be there: a suppressed write waits for the rebuild.
+    logVersion = std::max(logVersion, resync);
     finishOrQueue(t, handle, logVersion,
                   t.entryLog() && logVersion > t.entryLog()->cleanupVersion());
     if (linkage) {
@@ -515,6 +525,11 @@ template <typename T> struct OrderedSwTableAccessor {
   static void tableStatusVersion(T &t, LogVersion v) {
     Fwk::Ptr<T> keep(&t);
     OT_TRACE(8, "tableVersion: {}", v);
+    // A version this log never handed out says the hardware writer follows
+    // another log: nothing it reports is known to be in the hardware.
+    if (t.entryLog() && !t.entryLog()->hwVersionMatches(v)) {
+      return;
+    }
     if (t.entryLog()) {
       t.entryLog()->cleanupEntryLog(v);
     }

@@ -53,6 +53,10 @@ template <typename B> void SwTableInterface<B>::handleInitialized() {
   // How far the hardware writer has taken the type's changes: what it has
   // confirmed is retired, and what it has not is still to be written.
   if (const auto confirmed = groupIntf->hwTableVersion(tableId)) {
+    // Versions never go back: a log behind what the hardware confirmed
+    // continues above it, and the hardware is rebuilt from the
+    // configuration (EntryLog.h).
+    entryLog_->tableVersionAtLeast(*confirmed);
     entryLog_->cleanupEntryLog(*confirmed);
     TI_TRACE(3, " Cleaned entry log until table version: {}", *confirmed);
     if (entryLog_->tableVersion() > *confirmed) {

@@ -194,8 +194,11 @@ std::size_t GroupInterface::hwProgress() {
   std::size_t moved = 0;
   for (const auto &set : swTableSetList()) {
     const auto v = hwTableVersion(set->tableId());
+    // Any other version than the last is handed on, a lower one too (a
+    // hardware writer that rebuilt its tables from another log): the tables
+    // know which versions they can take.
     const LogVersion *last = forwarded_.find(set->tableId());
-    if (!v || (last && *v <= *last)) {
+    if (!v || (last && *v == *last)) {
       continue;
     }
     forwarded_.insert(set->tableId(), *v);

@@ -118,8 +118,8 @@ public:
   // collection's corruption handling and counts as not found.
   std::optional<LogVersion> hwTableVersion(SwTableId tableId) const;
   // The hardware may have taken more: every table of every set whose type's
-  // version moved on since the last call is told (tableStatusVersion).
-  // Returns the number of table types that moved on.
+  // version changed since the last call is told (tableStatusVersion).
+  // Returns the number of table types whose version changed.
   std::size_t hwProgress();
 
 private:

@@ -175,6 +175,17 @@ public:
     detail::wordAt(block_->auxiliary).store(v, std::memory_order_release);
   }
 
+  // A third word of the owner, with the same guarantees.
+  std::uint64_t epoch() const noexcept {
+    return detail::loadWord(block_->epoch, std::memory_order_acquire);
+  }
+  // REQUIRES: writer.
+  void epochIs(std::uint64_t v) {
+    requireWriter();
+    detail::beforeStore(detail::WriteStep::control);
+    detail::wordAt(block_->epoch).store(v, std::memory_order_release);
+  }
+
   // The high-water mark and the commit sequence word, for tools and tests.
   std::uint64_t highWater() const noexcept {
     return detail::loadWord(block_->highWater, std::memory_order_acquire);

@@ -56,7 +56,10 @@
 //                     sequence number and kSeqPlausible.
 //     32  auxiliary   a second word of the library's own (the entry log:
 //                     the version of its last complete change)
-//     40  reserved[3] 0
+//     40  epoch       a third word of the library's own (the entry log: the
+//                     version at which it last asked the hardware writer to
+//                     rebuild its tables; 0 in files made before it existed)
+//     48  reserved[2] 0
 //
 // Slot (slotSize = 16 + recordSize rounded up to 8):
 //      0  u64 seal      0 = free. Otherwise kSealTag in the top byte and a
@@ -153,7 +156,8 @@ struct ControlBlock {
   std::uint64_t highWater;
   std::uint64_t commitSeq;
   std::uint64_t auxiliary;
-  std::uint64_t reserved[3];
+  std::uint64_t epoch;
+  std::uint64_t reserved[2];
 };
 static_assert(sizeof(ControlBlock) == 64, "one cache line per collection");
 

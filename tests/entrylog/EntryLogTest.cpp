@@ -430,7 +430,12 @@ TYPED_TEST(EntryLog, AWipedCollectionIsReportedOnceAndAsksForARelaunch) {
       env.dir() + "/" + F::B::Constants::configSlatePath(3);
   ASSERT_EQ(::unlink(cfgFile.c_str()), 0);
   env.start();
+  const Asic::LogVersion before = env.log->tableVersion();
   env.log->mountSlateConfig(3, 0);
+  // The hardware may hold what the unit's configuration held: it is asked
+  // to rebuild the table type, at a version of its own.
+  EXPECT_EQ(env.log->tableVersion(), before + 1);
+  EXPECT_EQ(env.log->hwResyncVersion(), before + 1);
   EXPECT_EQ(AgentLog::raisedCount("HW_ABSTRACTION_ERROR"), 2u);
   EXPECT_EQ(AgentLog::raised().back().text,
             std::string("Hardware abstraction error: unable to load item: "

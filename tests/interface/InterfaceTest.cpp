@@ -2,6 +2,8 @@
 // reconciling units, restart with unchanged and changed resources, deletion
 // and the resolver's ordering across units and keys.
 #include "AgentFixture.h"
+#include "platform/agentlog/AgentLog.h"
+#include "platform/statedb/GenId.h"
 
 namespace {
 
@@ -91,6 +93,75 @@ TYPED_TEST(Interface, CleansTheLogToTheConfirmedVersionAndSaysWhenItIsAhead) {
   a.restart();
   EXPECT_EQ(a.intf<F>()->entryLog()->entryLogRecords(), 0u);
   EXPECT_FALSE(a.intf<F>()->swTableStatus()->pendingHwWrites());
+}
+
+TYPED_TEST(Interface, VersionsNeverGoBackBelowWhatTheHardwareConfirmed) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  PipelineTest::Responses r;
+  auto table = a.intf<F>()->makeSwTable(1, nullptr, false);
+  for (std::uint32_t l = 1; l <= 5; ++l) {
+    table->entryWrite(Key(l), F::entry(l, 0), nullptr);
+  }
+  EXPECT_EQ(a.pass(), 5u);
+  // The hardware writer says it has taken version 40, which this log never
+  // reached (its store was restored from an older copy, say).
+  a.confirm(F::kTypeId, 40);
+  {
+    Traces tr({F::B::kEntryLogClass});
+    a.restart();
+    EXPECT_TRUE(tr.has(2, " Raising tableVersion from 5 to 40, confirmed by "
+                          "the hardware"));
+  }
+  const auto &log = a.intf<F>()->entryLog();
+  EXPECT_EQ(log->tableVersion(), 41u);
+  EXPECT_EQ(log->hwResyncVersion(), 41u);
+  EXPECT_EQ(log->entryLogRecords(), 0u);
+  EXPECT_TRUE(a.intf<F>()->swTableStatus()->pendingHwWrites());
+  table = a.intf<F>()->makeSwTable(1, nullptr, false);
+  EXPECT_EQ(table->entrys(), 5u);
+
+  // Until the writer has rebuilt its tables at 41, what logs nothing waits:
+  // an identical write of a restored entry, a remove of a key never
+  // written. New changes take versions above 41.
+  auto same = table->entryWriteWithResponseHandler(Key(1), F::entry(1, 0),
+                                                   nullptr, r.handler());
+  auto absent = table->entryRemoveWithResponseHandler(Key(99), nullptr,
+                                                      r.handler());
+  auto fresh = table->entryWriteWithResponseHandler(Key(50), F::entry(50, 0),
+                                                    nullptr, r.handler());
+  EXPECT_EQ(a.pass(), 3u);
+  EXPECT_EQ(r.calls.size(), 0u);
+  EXPECT_EQ(same->logVersion(), 41u);
+  EXPECT_EQ(absent->logVersion(), 41u);
+  EXPECT_EQ(fresh->logVersion(), 42u);
+  a.confirm(F::kTypeId, 41);
+  EXPECT_EQ(a.group->hwProgress(), 1u);
+  EXPECT_EQ(same->entryState(), EntryState::finished);
+  EXPECT_EQ(absent->entryState(), EntryState::finished);
+  EXPECT_EQ(fresh->entryState(), EntryState::logged);
+
+  // A version beyond the log: the writer follows another log. It confirms
+  // nothing, and is reported once, asking for a relaunch.
+  auto gen = Asic::genIdIs(*a.stateDb);
+  const auto errors = AgentLog::raisedCount("HW_ABSTRACTION_ERROR");
+  for (Asic::LogVersion v : {1000, 1001}) {
+    a.confirm(F::kTypeId, v);
+    EXPECT_EQ(a.group->hwProgress(), 1u);
+  }
+  EXPECT_EQ(fresh->entryState(), EntryState::logged);
+  EXPECT_EQ(AgentLog::raisedCount("HW_ABSTRACTION_ERROR"), errors + 1);
+  EXPECT_EQ(AgentLog::raised().back().text,
+            std::string("Hardware abstraction error: unable to load item: "
+                        "hwVersion::") +
+                F::B::kWipedItem);
+  EXPECT_EQ(gen->majorId(), 1u);
+  a.confirm(F::kTypeId, 42);
+  EXPECT_EQ(a.group->hwProgress(), 1u);
+  EXPECT_EQ(fresh->entryState(), EntryState::finished);
 }
 
 TYPED_TEST(Interface, MakeSwTableCreatesOnceThenOnlySetsTheHelperOrClears) {

@@ -110,7 +110,6 @@ private:
   void setupSignals();
   void onSignals();
   void boot();
-  template <typename B> void refuseWriterAhead();
   template <typename B> void makeTables();
   template <typename B> void reconcile();
   void openProgressFifo();
@@ -320,8 +319,6 @@ void Host::boot() {
   statsSlate_ = Asic::mountSwTableStatsSlate(shm_, MicaMplsHw::kGroup);
   openProgressFifo();
 
-  refuseWriterAhead<Isem2>();
-  refuseWriterAhead<Lem>();
   makeTables<Isem2>();
   makeTables<Lem>();
   reconcile<Isem2>();
@@ -347,27 +344,6 @@ void Host::boot() {
                                     fmt::join(cleared, ", "), reconciled)));
   // The hardware may have moved on while no agent was running.
   hwProgress();
-}
-
-// A hardware writer that says the hardware holds versions this agent's
-// change log never reached followed an earlier store of the same agent
-// (removed while the writer's stayed). Its versions would count new changes
-// as confirmed that the hardware never takes, so the agent does not start
-// on it.
-template <typename B> void Host::refuseWriterAhead() {
-  const Asic::SwTableId tableId(B::Constants::swTableTypeId);
-  const auto hw = group_->hwTableVersion(tableId);
-  const Asic::LogVersion logged = family<B>().intf->entryLog()->tableVersion();
-  if (hw && *hw > logged) {
-    const std::string writer = MicaMplsHw::hwInstanceName(opt_.agent);
-    throw std::runtime_error(fmt::format(
-        "the hardware writer's store ({}) has {} at version {}, beyond the "
-        "last version of this agent's change log ({}): it followed an "
-        "earlier store of agent {}. Stop mpls-hw --agent {}, remove {}/{}.0 "
-        "and start both again",
-        writer, tableName(kindOf<B>()), *hw, logged, opt_.agent, opt_.agent,
-        Shm::rootDirectory(), writer));
-  }
 }
 
 template <typename B> void Host::makeTables() {
