@@ -77,10 +77,13 @@ public:
   }
 
   // Copies the resource's client data into the entry, for families whose
-  // entries carry it; without a resource it does nothing.
+  // entries carry it; without a resource, or with one not resolved (still
+  // pending after a restart that lost its allocation, or failed), it does
+  // nothing: such a handle carries no data, and the entry keeps its own.
   void retrieveClientData() {
     if constexpr (B::kCarriesClientData) {
-      if (resPtr_) {
+      if (resPtr_ && resPtr_->entryState() ==
+                         static_cast<std::uint8_t>(EntryState::finished)) {
         MICA_TRACE(th(), 3, B::kInfraSourceUnit, B::kWrapperClass,
                    " Setting clientData to: {} ", resPtr_->data().clientData);
         B::retrieveClientData(entry_, *resPtr_);

@@ -545,6 +545,11 @@ template <typename T> struct OrderedSwTableAccessor {
       h->entryStateIs(EntryState::finished);
       respond(h);
     }
+    // The resource table frees what the confirmed changes let go of.
+    if (Linkage *l = t.linkage().ptr(); l && t.entryLog()) {
+      l->resTblClient()->tableVersionConfirmed(t.swTableId(),
+                                               t.entryLog()->cleanupVersion());
+    }
     if (t.swTableSet()) {
       t.swTableSet()->maybeUpdatePendingHwWrites();
     }
@@ -881,11 +886,18 @@ template <typename T> struct OrderedSwTableAccessor {
   }
 
   // The first half of an update: the entry takes its resource's results,
-  // and the helper decides whether a change is logged.
+  // and the helper decides whether a change is logged. A resource that is
+  // not resolved (pending after a restart that lost its allocation, or
+  // failed) has no results: the entry keeps those it was committed with,
+  // so that the hardware never gets zeroes nobody asked for. A pending
+  // resource announces its results when it resolves, and the entry is
+  // updated then.
   static bool decideUpdate(T &t, const Key &key, const Fwk::Ptr<Wrapper> &w,
                            Linkage *linkage) {
-    w->setResolvedFields();
     const bool ok = checkResolveSuccess(w, linkage);
+    if (ok) {
+      w->setResolvedFields();
+    }
     const bool commitToLog = t.swTableHelper()->finalizeOnResourceUpdate(
         w, Fwk::Ptr<typename B::SwTable>(&t), !ok);
     if (!ok) {

@@ -180,7 +180,8 @@ template <typename L> struct SwTableResourceAccessor {
     if (isNull(key) || !w->resourcePtr() || linkage.entryUsageSm(key)) {
       return;
     }
-    linkage.resTblClient()->release(w->resourcePtr(), w->entryHandle());
+    // Nothing of the change reached the log: nothing to wait for.
+    linkage.resTblClient()->release(w->resourcePtr(), nullptr);
   }
 
   // After a restart: the entry's usage, without acknowledging anything.

@@ -202,6 +202,9 @@ public:
   // to it and finish, in order, every handle whose log version it covers.
   void tableStatusVersion(LogVersion version) override;
   bool hasPendingHwWrites() const override;
+  LogVersion loggedVersion() const override {
+    return entryLog_ ? entryLog_->tableVersion() : 0;
+  }
 
   // ---- Reads: pending changes merged over the committed configuration ----
 

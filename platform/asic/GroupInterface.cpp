@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace Asic {
 
 namespace {
@@ -116,9 +118,19 @@ GroupInterface::resourceTables() const {
 }
 
 std::size_t GroupInterface::releaseUnclaimedResources() {
+  // What is logged now may still use an unclaimed allocation in the
+  // hardware: the release waits until the hardware has confirmed it.
+  std::vector<TableVersion> fence;
+  for (const auto &set : swTableSetList()) {
+    LogVersion logged = 0;
+    for (const auto &t : set->swTableList()) {
+      logged = std::max(logged, t->loggedVersion());
+    }
+    fence.push_back(TableVersion{set->tableId(), logged});
+  }
   std::size_t n = 0;
   for (const auto &r : resourceTables()) {
-    n += r->releaseUnclaimed();
+    n += r->releaseUnclaimedAfter(fence);
   }
   return n;
 }

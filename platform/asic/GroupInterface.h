@@ -84,7 +84,8 @@ public:
   Fwk::Ptr<Fwk::Object> namedTable(const CanonicalTableName &name) const;
   std::vector<Fwk::Ptr<ResourceTableBase>> resourceTables() const;
   // After the first replay: frees resource allocations restored from the
-  // store that no table claimed again. Returns how many.
+  // store that no table claimed again, once the hardware has confirmed every
+  // change logged until now. Returns how many.
   std::size_t releaseUnclaimedResources();
 
   // ---- Logged changes ----

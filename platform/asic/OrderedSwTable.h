@@ -228,6 +228,8 @@ public:
   // Whether changes of this table still wait for the hardware; a table that
   // keeps no log never waits.
   virtual bool hasPendingHwWrites() const { return false; }
+  // The newest version the table's log has handed out (0: it keeps none).
+  virtual LogVersion loggedVersion() const { return 0; }
   virtual void doCreateHwTable() {}
 
 protected:

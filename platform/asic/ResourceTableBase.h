@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 #include "platform/Export.h"
 #include "platform/asic/OrderedSwTable.h"
@@ -31,6 +32,12 @@ public:
   // requested since; returns how many. Called once the agent has replayed
   // what it still wants after a restart.
   virtual std::size_t releaseUnclaimed() = 0;
+  // The same, once the hardware has confirmed every table type's changes up
+  // to the versions of `fence` (those logged so far: the hardware may still
+  // use an unclaimed allocation through a change not yet confirmed, a
+  // deletion before the restart, a clear of a unit no longer driven).
+  // Returns how many are unclaimed now.
+  virtual std::size_t releaseUnclaimedAfter(std::vector<TableVersion> fence) = 0;
 
 protected:
   ResourceTableBase() = default;

@@ -58,6 +58,15 @@ public:
     ++version_;
     notify(attrUpdate);
   }
+  // A pending resource resolved with its first data: resolved first (its
+  // waiters are handed back), then the update is announced, so that the
+  // tables that follow it see a resolved resource.
+  void resolvedIs(const Data &d) {
+    data_ = d;
+    ++version_;
+    entryStateIs(static_cast<std::uint8_t>(EntryState::finished));
+    notify(attrUpdate);
+  }
   void neededVersionsIs(std::vector<TableVersion> v) {
     neededVersions_ = std::move(v);
   }

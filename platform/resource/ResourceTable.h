@@ -12,6 +12,16 @@
 //   client->ackUpdate(handle, handle->version(), dependency);
 //   client->release(handle, dependency);    // the last holder frees it
 //
+// Break before make. A release names the change that stopped using the
+// resource (its dependency entry handle): until that change is in the
+// hardware, the hardware may still use the resource, so it is not freed and
+// nobody else can be given it. The hold ends once the change has finished,
+// or once the hardware has confirmed the version it was logged at
+// (tableVersionConfirmed, which the tables report); a request of the key by
+// the same client meanwhile keeps it. Allocations nobody claimed after a
+// restart are freed the same way, once the hardware has confirmed every
+// change logged until then (releaseUnclaimedAfter).
+//
 // Lifecycle of a resource. The first request of a key makes its handle in
 // state 0 (pending) and queues it for allocation; allocation runs on the
 // event loop when the table has a scheduler (soon after the request) and at
@@ -47,6 +57,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -164,13 +176,18 @@ public:
         std::is_same_v<ClientData, Fwk::Unit> {
       return request(key, Fwk::Unit{}, dependency);
     }
-    // Gives up this client's hold of the handle's key.
+    // Gives up this client's hold of the handle's key once `dependency`
+    // (the change that stopped using it; null: none) is in the hardware.
     void release(const Fwk::Ptr<const ResourceHandle> &handle,
-                 const Fwk::Ptr<const DependencyEntryHandle> & /*dependency*/) {
+                 const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
       ++releases_;
       if (handle) {
-        table_->drop(this, handle->key());
+        table_->releaseAfter(this, handle->key(), dependency);
       }
+    }
+    // The hardware has taken every change of the table type up to `v`.
+    void tableVersionConfirmed(SwTableId tableId, LogVersion v) {
+      table_->tableVersionConfirmed(tableId, v);
     }
     // This client has applied the resource's data up to `version`.
     void ackUpdate(const Fwk::Ptr<const ResourceHandle> &handle,
@@ -333,9 +350,7 @@ public:
       Data data{};
       if (allocator_->allocate(key, pending_[pendingHead_].clientData, data)) {
         e->allocated = true;
-        h->dataIs(data);
-        store(*h);
-        h->entryStateIs(static_cast<std::uint8_t>(EntryState::finished));
+        storeThenSet(*h, data, true);
       } else {
         h->entryStateIs(static_cast<std::uint8_t>(EntryState::failed));
       }
@@ -363,8 +378,7 @@ public:
       return false;
     }
     Fwk::Ptr<ResourceHandle> h = e->handle;
-    h->dataIs(data);
-    store(*h);
+    storeThenSet(*h, data);
     return true;
   }
   // Marks a held resource failed (state 5), as a failing hardware would.
@@ -390,6 +404,32 @@ public:
     }
     return unclaimed.size();
   }
+  std::size_t releaseUnclaimedAfter(std::vector<TableVersion> fence) override {
+    std::size_t n = 0;
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+      n += it.value().holders == 0 ? 1 : 0;
+    }
+    unclaimedFence_ = std::move(fence);
+    unclaimedPending_ = true;
+    maybeReleaseUnclaimed();
+    return n;
+  }
+  // How many releases wait for the hardware.
+  std::size_t releasesPending() const noexcept { return releasing_.size(); }
+
+  // The hardware has taken every change of a table type up to `v`: the
+  // releases that waited for those changes take effect.
+  void tableVersionConfirmed(SwTableId tableId, LogVersion v) {
+    confirmed_.insert(tableId.packed(), v);
+    if (auto *q = deferred_.find(tableId.packed())) {
+      while (!q->empty() && done(*q->front().dependency, v)) {
+        const Deferred d = std::move(q->front());
+        q->pop_front();
+        finishRelease(d);
+      }
+    }
+    maybeReleaseUnclaimed();
+  }
 
 protected:
   ~ResourceTable() override = default;
@@ -414,21 +454,32 @@ private:
     return name + '#' + std::to_string(instance);
   }
 
-  void store(const ResourceHandle &h) {
-    if (!slate_) {
-      return;
+  // New data for a resource: stored with the version it takes before the
+  // handle announces it, so that what the tables log from the announcement
+  // is never newer than what a restart finds in the store.
+  void storeThenSet(ResourceHandle &h, const Data &data,
+                    bool resolves = false) {
+    if (slate_) {
+      Allocation a{};
+      a.key = h.key();
+      a.data = data;
+      a.version = h.version() + 1; // what dataIs makes it
+      slate_->allocations().insert(a);
     }
-    Allocation a{};
-    a.key = h.key();
-    a.data = h.data();
-    a.version = h.version();
-    slate_->allocations().insert(a);
+    if (resolves) {
+      h.resolvedIs(data);
+    } else {
+      h.dataIs(data);
+    }
   }
 
   Fwk::Ptr<const ResourceHandle> hold(const ClientInstance *client,
                                       const Key &key, const ClientData &cd) {
     if (auto *e = entries_.find(key)) {
       e->holders |= client->bit_;
+      if (!releasing_.empty()) {
+        releasing_.erase(ReleaseKey{key, client->bit_}); // kept after all
+      }
       return e->handle;
     }
     Holding e;
@@ -442,12 +493,97 @@ private:
     return out;
   }
 
-  void drop(const ClientInstance *client, const Key &key) {
+  // A release waiting for its dependency: the client's hold of the key, and
+  // which release of it this is (a later one, or a request, supersedes it).
+  struct ReleaseKey {
+    Key key;
+    std::uint64_t bit = 0;
+    bool operator==(const ReleaseKey &o) const noexcept {
+      return bit == o.bit && key == o.key;
+    }
+    bool operator<(const ReleaseKey &o) const noexcept {
+      return bit != o.bit ? bit < o.bit
+                          : std::memcmp(&key, &o.key, sizeof key) < 0;
+    }
+    std::uint32_t hash(std::uint32_t seed) const noexcept {
+      return key.hash(seed ^ static_cast<std::uint32_t>(
+                                 bit * 0x9e3779b97f4a7c15ull >> 32));
+    }
+  };
+  struct Deferred {
+    ReleaseKey at;
+    std::uint64_t seq = 0;
+    Fwk::Ptr<const DependencyEntryHandle> dependency;
+  };
+
+  // Whether the change a release waits for is in the hardware, when the
+  // hardware has confirmed its table type up to `confirmed`. Not yet logged
+  // (a table deletion whose usage is dropped before it is logged): no.
+  static bool done(const DependencyEntryHandle &d, LogVersion confirmed) {
+    switch (d.entryState()) {
+    case EntryState::made:
+      return false;
+    case EntryState::logged:
+      return d.logVersion() != 0 && d.logVersion() <= confirmed;
+    default:
+      return true; // finished, or failed: it never reaches the hardware
+    }
+  }
+
+  void releaseAfter(const ClientInstance *client, const Key &key,
+                    const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
+    if (!entries_.contains(key)) {
+      return;
+    }
+    const ReleaseKey at{key, client->bit_};
+    if (dependency) {
+      const std::uint32_t table = dependency->tableId().packed();
+      const LogVersion *confirmed = confirmed_.find(table);
+      if (!done(*dependency, confirmed ? *confirmed : 0)) {
+        const std::uint64_t seq = ++releaseSeq_;
+        releasing_.insert(at, seq);
+        if (!deferred_.contains(table)) {
+          deferred_.insert(table, std::deque<Deferred>{});
+        }
+        deferred_.find(table)->push_back(Deferred{at, seq, dependency});
+        return;
+      }
+    }
+    releasing_.erase(at);
+    drop(client->bit_, key);
+  }
+
+  void finishRelease(const Deferred &d) {
+    const std::uint64_t *seq = releasing_.find(d.at);
+    if (!seq || *seq != d.seq) {
+      return; // requested again, or released again later
+    }
+    releasing_.erase(d.at);
+    drop(d.at.bit, d.at.key);
+  }
+
+  void maybeReleaseUnclaimed() {
+    if (!unclaimedPending_) {
+      return;
+    }
+    for (const TableVersion &f : unclaimedFence_) {
+      // Table types that never reported use nothing of this table.
+      const LogVersion *confirmed = confirmed_.find(f.tableId.packed());
+      if (confirmed && *confirmed < f.version) {
+        return;
+      }
+    }
+    unclaimedPending_ = false;
+    unclaimedFence_.clear();
+    releaseUnclaimed();
+  }
+
+  void drop(std::uint64_t bit, const Key &key) {
     auto *e = entries_.find(key);
     if (!e) {
       return;
     }
-    e->holders &= ~client->bit_;
+    e->holders &= ~bit;
     if (e->holders == 0) {
       free(key);
     }
@@ -507,6 +643,15 @@ private:
   bool allocationScheduled_ = false;
   Fwk::Ptr<Slate> slate_;
   std::size_t restored_ = 0;
+  // Releases waiting for the hardware, per table type of their dependency
+  // in the order they were made (the order of its versions), and the
+  // latest release of each hold; the confirmed version of each table type.
+  Fwk::HashMap<std::uint32_t, std::deque<Deferred>> deferred_{0x1d8e4e27u};
+  Fwk::HashMap<ReleaseKey, std::uint64_t> releasing_{0x7a2b1c93u};
+  std::uint64_t releaseSeq_ = 0;
+  Fwk::HashMap<std::uint32_t, LogVersion> confirmed_{0x5e2d58d9u};
+  std::vector<TableVersion> unclaimedFence_;
+  bool unclaimedPending_ = false;
 };
 
 } // namespace Asic

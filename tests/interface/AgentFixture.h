@@ -84,6 +84,9 @@ struct Agent {
   }
 
   std::size_t pass() { return group->groupResolver()->runPass(); }
+  std::string directory() const {
+    return Shm::rootDirectory() + "/" + name + ".0";
+  }
 
   // The hardware writer has taken a table type's changes up to `v`.
   void confirm(std::uint32_t typeId, Asic::LogVersion v) {

@@ -267,6 +267,9 @@ TYPED_TEST(Interface,
   EXPECT_EQ(a.otIntf->finishInitialReplay(&released), 40u);
   EXPECT_EQ(released, 0u); // unit 1 claimed all four
   EXPECT_EQ(a.pass(), 40u);
+  EXPECT_EQ(a.resources<F>().entries(), 4u); // until the hardware has it
+  a.confirm(F::kTypeId, intf->entryLog()->tableVersion());
+  a.group->hwProgress();
   EXPECT_EQ(a.resources<F>().entries(), 0u);
 }
 
@@ -297,7 +300,84 @@ TYPED_TEST(Interface, AResourceThatChangedWhileTheAgentWasDownIsUpdated) {
   std::size_t released = 0;
   a.otIntf->finishInitialReplay(&released);
   EXPECT_EQ(released, 0u);
+  a.confirm(F::kTypeId, a.intf<F>()->entryLog()->tableVersion());
+  a.group->hwProgress();
   EXPECT_EQ(a.resources<F>().entries(), 1u);
+}
+
+TYPED_TEST(Interface, ARestartThatLostItsAllocationsNeverLogsZeroes) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  auto t = a.intf<F>()->makeSwTable(1, nullptr, false);
+  t->entryWrite(Key(10), F::entry(10, 2), nullptr);
+  for (std::uint32_t l = 1; l <= 3; ++l) {
+    t->entryWrite(Key(l), F::entry(l, 9, 0x77), nullptr);
+  }
+  EXPECT_EQ(a.pass(), 4u);
+  // Resource 2 goes, so that 9 resolves to another index after a restart.
+  t->entryRemove(Key(10), nullptr);
+  EXPECT_EQ(a.pass(), 1u);
+  a.confirm(F::kTypeId, a.intf<F>()->entryLog()->tableVersion());
+  a.group->hwProgress();
+  const auto before = F::result(t->entry(Key(1)));
+  const auto expectKept = [&](const auto &table) {
+    for (std::uint32_t l = 1; l <= 3; ++l) {
+      const auto e = table->entry(Key(l));
+      EXPECT_EQ(F::result(e), before) << l;
+      if constexpr (std::is_same_v<F, Isem2>) {
+        EXPECT_EQ(e.inLifClientData.counterId, 0x77u) << l;
+      }
+    }
+  };
+  const std::string allocations = a.directory() + "/resource/" +
+                                  F::B::kResourceNamespace + "/" +
+                                  F::B::kResourceName;
+  t = nullptr;
+
+  // The allocations are lost while the agent is down, and allocating again
+  // takes a while: the restored entries keep what they were committed
+  // with, nothing is logged, and once resource 9 resolves (to another
+  // index) they take its results.
+  a.stop();
+  ASSERT_EQ(::unlink(allocations.c_str()), 0) << allocations;
+  a.boot();
+  std::vector<std::function<void()>> later;
+  a.resources<F>().schedulerIs(
+      [&](std::function<void()> task) { later.push_back(task); });
+  const auto logged = a.intf<F>()->entryLog()->tableVersion();
+  auto t1 = a.intf<F>()->makeSwTable(1, nullptr, false);
+  expectKept(t1);
+  EXPECT_EQ(a.intf<F>()->entryLog()->tableVersion(), logged);
+  for (const auto &run : later) {
+    run();
+  }
+  const auto after = F::result(t1->entry(Key(1)));
+  EXPECT_NE(after, before);
+  EXPECT_NE(after, 0u);
+  EXPECT_EQ(t1->stats()->updateCnt(), 3u);
+  t1 = nullptr;
+
+  // Lost again, and now the allocation fails: the entries keep what they
+  // had, and a write of the same entry fails through its handler.
+  a.stop();
+  ASSERT_EQ(::unlink(allocations.c_str()), 0);
+  a.boot();
+  F::allocator(a.resources<F>()).failingKeyIs(F::resKey(9));
+  auto t2 = a.intf<F>()->makeSwTable(1, nullptr, false);
+  for (std::uint32_t l = 1; l <= 3; ++l) {
+    EXPECT_EQ(F::result(t2->entry(Key(l))), after);
+  }
+  EXPECT_EQ(t2->stats()->updateCnt(), 0u);
+  PipelineTest::Responses r;
+  auto h = t2->entryWriteWithResponseHandler(Key(1), F::entry(1, 9, 0x77),
+                                             nullptr, r.handler());
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(h->entryState(), EntryState::failed);
+  EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(F::result(t2->entry(Key(1))), after);
 }
 
 TEST(Resolver, AStuckChangeHoldsBackOnlyItsKeyAndWhatItsTableOrdersAfterIt) {

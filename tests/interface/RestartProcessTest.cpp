@@ -269,6 +269,10 @@ template <typename F> void finalChecks(Agent &a) {
   a.otIntf->finishInitialReplay();
   while (a.pass() != 0) {
   }
+  // Resources let go of are freed once the hardware has the changes.
+  a.confirm(Isem2::kTypeId, a.isem2->entryLog()->tableVersion());
+  a.confirm(Lem::kTypeId, a.lem->entryLog()->tableVersion());
+  a.group->hwProgress();
   finalChecks<Isem2>(a);
   finalChecks<Lem>(a);
   for (const auto &f : failures) {

@@ -399,6 +399,10 @@ TEST(SwTableStateIsem2, InLifWrapperNamesAndClientData) {
   EXPECT_EQ(w->inLif23Index(), 200u);
   RecordingSink sink;
   Trace::maskIs("MplsIsem2EntryWrapper", 1u << 3);
+  // A resource not resolved has no client data to give.
+  w->retrieveClientData();
+  EXPECT_EQ(w->entry().clientData().qosProfile, 0u);
+  res->entryStateIs(static_cast<std::uint8_t>(Asic::EntryState::finished));
   w->retrieveClientData();
   Trace::maskIs("MplsIsem2EntryWrapper", 0);
   EXPECT_EQ(w->entry().clientData().qosProfile, 7u);
