@@ -37,12 +37,28 @@
 // (sourceIdOf) the tables are in step with. When the log is another file
 // (first start, an agent store made anew), its versions went backwards, or
 // the writer's own records were lost, the follower rebuilds the tables from
-// the agent's configuration tables, which hold every committed entry, and
-// goes on from the last change the agent wrote whole (the log's auxiliary
-// word). It publishes that version before it reads the configuration: the
-// agent retires only changes the published version covers, so every change
-// after it is still in the log to be applied on top. A hardware table found
-// wiped is rebuilt from its unit's configuration the same way.
+// the agent's configuration tables, which hold every committed entry: a
+// rebase. rebaseNeeded() is the one place that decides it; rebase() either
+// completes and publishes, or changes nothing it publishes and is retried
+// by a later step.
+//
+// A rebase takes its base, the last change the agent wrote whole (the log's
+// auxiliary word), before it reads any configuration: every change after
+// the base is still in the log (the agent retires only published versions)
+// and is applied on top, in order, so whatever the configuration read of a
+// change in progress comes out right. It publishes the base only once every
+// unit's table is rebuilt. Until then the version published and the follow
+// record say what they said: a writer killed in the middle finds its record
+// naming another log (or none), or no version published, and rebuilds
+// again. A table found wiped is rebuilt from its unit's configuration the
+// same way, before the change that found it is applied, and keeps its wiped
+// flag until then.
+//
+// A unit whose configuration cannot be read (a damaged file, a failed read
+// of its records) is never rebuilt from what was read: its table is left as
+// it is, the rebase (or the change to the wiped table) does not complete,
+// the problem is reported once until it changes, and the step is retried
+// after a pause.
 //
 // Not thread-safe.
 #pragma once
@@ -79,7 +95,7 @@ struct FollowEvent {
     waiting,    // no change log to follow (yet)
     following,  // a change log was found and is followed
     sourceLost, // the followed log's file was removed or replaced
-    problem,    // the log cannot be read (another layout, a bad header)
+    problem,    // the log or a unit's configuration cannot be read
     resync,     // tables rebuilt from the agent's configuration
     gapSkipped, // versions that were reserved and never used
     tableFull,  // a write of a new key into a full hardware table
@@ -123,9 +139,8 @@ public:
     published_ = store_.published(tableId_);
     record_ = store_.followRecord(tableId_);
     taken_ = published_.value_or(0);
-    inStep_ = published_.has_value() && record_.sourceId != 0;
-    HW_TRACE(2, "{}: resuming at version {} (in step: {})", tableName(), taken_,
-             inStep_);
+    HW_TRACE(2, "{}: resuming at version {} (log {:#x})", tableName(), taken_,
+             record_.sourceId);
   }
 
   static constexpr const char *tableName() noexcept {
@@ -136,34 +151,41 @@ public:
   Asic::LogVersion version() const noexcept { return taken_; }
   // Whether a change log is mounted and followed.
   bool following() const noexcept { return log_ != nullptr; }
+  // Whether the follower is held up: a rebase or the rebuild of a wiped
+  // table could not complete (a unit's configuration could not be read) and
+  // waits to be retried.
+  bool stalled() const noexcept { return log_ != nullptr && stalled_; }
   const FollowCounters &counters() const noexcept { return run_; }
   // The follow record as published last (counters over every run).
   const FollowRecord &followRecord() const noexcept { return record_; }
 
   // Applies up to `budget` changes that follow the version taken, in version
   // order, and publishes the new version if it moved. Mounts the change log
-  // when needed (nothing happens while there is none; after a look that
-  // found none, the next is at least 50 ms later, 1 s after one that failed).
-  // Throws the store's errors for the writer's own instance; problems of the
-  // agent's instance are reported as events and retried by the next step.
+  // when needed and rebases when needed (see the top of the file). Nothing
+  // happens while there is no log; after a look that found none, the next
+  // is at least 50 ms later, 1 s after one that failed or a unit whose
+  // configuration could not be read. Throws the store's errors for the
+  // writer's own instance; problems of the agent's instance are reported as
+  // events and retried by a later step.
   FollowStep step(std::size_t budget) {
     FollowStep out;
-    if (!attach(out)) {
+    if (std::chrono::steady_clock::now() < retryAt_ || !attach()) {
       return out;
-    }
-    const Asic::LogVersion reserved =
-        log_->entryLogConfig().control().scratchpad();
-    if (reserved < taken_) {
-      rebase(
-          fmt::format("its versions went back from {} to {}", taken_, reserved),
-          out);
     }
     bool scanned = false;
     unsigned gapScans = 0;
     while (out.applied < budget) {
+      if (const auto why = rebaseNeeded()) {
+        if (!rebase(*why, out)) {
+          break;
+        }
+        scanned = false;
+      }
       const Asic::LogVersion next = taken_ + 1;
       if (!pending_.empty() && pending_.front().logVersion == next) {
-        apply(pending_.front());
+        if (!apply(pending_.front())) {
+          break;
+        }
         pending_.pop_front();
         taken_ = next;
         ++out.applied;
@@ -191,7 +213,9 @@ public:
         skip(next, std::min(pending_.front().logVersion, seen) - 1);
       }
     }
-    if (!published_ || *published_ != taken_) {
+    // Without a version published, the tables follow no log yet: the first
+    // publication is that of a rebase.
+    if (published_ && *published_ != taken_) {
       publish(out);
     }
     return out;
@@ -230,14 +254,23 @@ private:
       event(kind, text);
     }
   }
+  // The next step does nothing before `pause` has passed.
+  template <typename D> void retryAfter(D pause) {
+    retryAt_ = std::chrono::steady_clock::now() + pause;
+  }
+  template <typename D> void stall(D pause) {
+    stalled_ = true;
+    retryAfter(pause);
+  }
+  // What held the follower up is over: a recurrence is reported again.
+  void unstall() {
+    stalled_ = false;
+    lastProblem_.clear();
+  }
 
-  bool attach(FollowStep &out) {
+  bool attach() {
     if (log_) {
       return true;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    if (now < retryAt_) {
-      return false;
     }
     Fwk::Ptr<LogSlate> log;
     try {
@@ -247,14 +280,14 @@ private:
               fmt::format("{}: cannot read the change log: {}", tableName(),
                           e.what()));
       agent_.forget(logPath_);
-      retryAt_ = now + kRetryBroken;
+      retryAfter(kRetryBroken);
       return false;
     }
     if (!log) {
       problem(FollowEvent::Kind::waiting,
               fmt::format("{}: no change log in {} yet; waiting for it",
                           tableName(), agent_.directory()));
-      retryAt_ = now + kRetryMissing;
+      retryAfter(kRetryMissing);
       return false;
     }
     const std::uint64_t id = sourceIdOf(*log);
@@ -268,11 +301,6 @@ private:
     event(FollowEvent::Kind::following,
           fmt::format("{}: following the change log in {}", tableName(),
                       agent_.directory()));
-    if (!inStep_ || record_.sourceId != id) {
-      rebase(record_.sourceId == 0 ? "the tables follow no change log yet"
-                                   : "the change log is a new one",
-             out);
-    }
     return true;
   }
 
@@ -280,22 +308,39 @@ private:
     log_ = nullptr;
     pending_.clear();
     scannedCommit_ = kNever;
+    stalled_ = false;
     agent_.forget(logPath_);
   }
 
+  // Why the tables must be rebuilt before the log can be followed on;
+  // nothing when they are in step with it.
+  std::optional<std::string> rebaseNeeded() const {
+    if (record_.sourceId == 0) {
+      return "the tables follow no change log yet";
+    }
+    if (record_.sourceId != sourceId_) {
+      return "the change log is a new one";
+    }
+    if (!published_) {
+      return "the version published for it was lost";
+    }
+    const Asic::LogVersion reserved =
+        log_->entryLogConfig().control().scratchpad();
+    if (reserved < taken_) {
+      return fmt::format("its versions went back from {} to {}", taken_,
+                         reserved);
+    }
+    return std::nullopt;
+  }
+
   // Rebuilds every unit's table from the agent's configuration and goes on
-  // from the last change the agent wrote whole.
-  void rebase(const std::string &why, FollowStep &out) {
+  // from the last change the agent wrote whole. Publishes only when every
+  // unit's table was rebuilt; otherwise the version taken, the follow record
+  // and what is published stay as they were, and a later step tries again.
+  bool rebase(const std::string &why, FollowStep &out) {
     const auto &control = log_->entryLogConfig().control();
     const Asic::LogVersion base =
         std::min(control.auxiliary(), control.scratchpad());
-    // Until the rebuild is over, the record names no log: a restart in the
-    // middle rebuilds again.
-    record_.sourceId = 0;
-    taken_ = base;
-    publish(out);
-    pending_.clear();
-    scannedCommit_ = kNever;
     std::vector<Asic::UnitId> units = agent_.units(configBase_);
     for (Asic::UnitId u : store_.template hwUnits<B>()) {
       if (std::find(units.begin(), units.end(), u) == units.end()) {
@@ -303,49 +348,74 @@ private:
       }
     }
     for (Asic::UnitId u : units) {
-      resyncUnit(u);
+      if (!resyncUnit(u)) {
+        return false;
+      }
     }
+    if (log_->stale()) {
+      // The configuration read may be that of another agent store.
+      checkSource();
+      return false;
+    }
+    taken_ = base;
+    pending_.clear();
+    scannedCommit_ = kNever;
     record_.sourceId = sourceId_;
     ++record_.resyncs;
     ++run_.resyncs;
     publish(out);
-    inStep_ = true;
+    unstall();
     event(FollowEvent::Kind::resync,
           fmt::format("{}: {}; {} unit table(s) rebuilt from the agent's "
                       "configuration, following from version {}",
                       tableName(), why, units.size(), base));
+    return true;
   }
 
-  // Makes the unit's hardware table hold the unit's committed entries. Keys
-  // the configuration does not hold are removed first, so that the writes
-  // fit. A configuration that cannot be read leaves the table as it is.
-  void resyncUnit(Asic::UnitId unit) {
+  // Makes the unit's hardware table hold the unit's committed entries (and
+  // clears its wiped flag). Keys the configuration does not hold are
+  // removed first, so that the writes fit. A configuration that cannot be
+  // read leaves the table as it is: reported, retried after a pause, false.
+  bool resyncUnit(Asic::UnitId unit) {
     const std::string path = B::Constants::configSlatePath(unit);
     std::vector<LogEntry> live;
+    std::string failure;
     try {
-      if (auto cfg = agent_.template entity<ConfigSlate>(path)) {
-        readRecords(
+      auto cfg = agent_.template entity<ConfigSlate>(path);
+      if (!cfg && log_->stale()) {
+        // No file because there is no store: nothing was read.
+        failure = "the agent's store was removed or replaced";
+      } else if (cfg) {
+        const RecordsRead read = readRecords(
             cfg->swTableEntries(), true, [&] { live.clear(); },
             [&](const ConfigEntry &r) {
               if (!r.isDeleted) {
                 live.push_back(r.logEntry);
               }
             });
+        if (!read) {
+          failure =
+              fmt::format("gave up after {} damaged records", read.dropped);
+        }
       }
     } catch (const Shm::Error &e) {
-      agent_.forget(path);
-      event(FollowEvent::Kind::problem,
-            fmt::format("{} unit {}: configuration not read, hardware table "
-                        "left as it is: {}",
-                        tableName(), unit, e.what()));
-      return;
+      failure = e.what();
     }
     agent_.forget(path); // a configuration table is big; needed only here
+    if (!failure.empty()) {
+      problem(FollowEvent::Kind::problem,
+              fmt::format("{} unit {}: configuration not read, hardware table "
+                          "left as it is until it can be: {}",
+                          tableName(), unit, failure));
+      stall(kRetryBroken);
+      return false;
+    }
     const auto less = [](const LogEntry &a, const LogEntry &b) {
       return std::memcmp(&a.key, &b.key, sizeof(Key)) < 0;
     };
     std::sort(live.begin(), live.end(), less);
-    auto &hw = store_.template hwTable<B>(unit)->hwEntries();
+    auto table = store_.template hwTable<B>(unit);
+    auto &hw = table->hwEntries();
     for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
       LogEntry probe{};
       probe.key = *k;
@@ -356,8 +426,10 @@ private:
     for (const LogEntry &e : live) {
       write(hw, unit, e, 0);
     }
+    hw.control().clearWiped();
     HW_TRACE(3, "{} unit {}: {} entries from the configuration", tableName(),
              unit, live.size());
+    return true;
   }
 
   // Whether the log may hold records the last scan did not see.
@@ -410,13 +482,18 @@ private:
                             tableName(), first, last));
   }
 
-  void apply(const LogRecord &r) {
+  // False when the change could not be applied: its unit's table was found
+  // wiped and its configuration could not be read (retried later).
+  bool apply(const LogRecord &r) {
     bool wiped = false;
     auto table = store_.template hwTable<B>(r.unitId, &wiped);
     if (wiped) {
+      if (!resyncUnit(r.unitId)) {
+        return false;
+      }
+      unstall();
       ++record_.resyncs;
       ++run_.resyncs;
-      resyncUnit(r.unitId);
       event(FollowEvent::Kind::resync,
             fmt::format("{} unit {}: the hardware table was lost; rebuilt "
                         "from the agent's configuration",
@@ -436,6 +513,7 @@ private:
     ++run_.changesApplied;
     HW_TRACE(9, "{}: applied version {} unit {} deleteBits {} {}", tableName(),
              r.logVersion, r.unitId, r.deleteBits, r.logEntry);
+    return true;
   }
 
   // `version` 0: a write of a rebuild.
@@ -474,8 +552,6 @@ private:
   Fwk::Ptr<LogSlate> log_;
   std::uint64_t sourceId_ = 0; // of log_
   FollowRecord record_;
-  // Whether the tables are known to be in step with record_.sourceId.
-  bool inStep_ = false;
   Asic::LogVersion taken_ = 0;
   std::optional<Asic::LogVersion> published_;
   // Records above taken_ found by the last scan, by version. Log records
@@ -484,6 +560,7 @@ private:
   std::deque<LogRecord> pending_;
   std::uint64_t scannedCommit_ = kNever;
   Asic::LogVersion scannedReserved_ = 0;
+  bool stalled_ = false;
   FollowCounters run_;
   std::string lastProblem_;
   std::chrono::steady_clock::time_point retryAt_{};
