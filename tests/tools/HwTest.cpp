@@ -1,8 +1,8 @@
 // mpls-hw as a real process: it applies the agent's change logs to the
-// hardware tables in version order, skips only abandoned versions, resumes
-// where it published, reports full tables, follows an agent whose store is
-// deleted and made anew, and never rebuilds a table from a configuration it
-// could not read.
+// hardware tables in version order, skips only abandoned versions (never a
+// damaged record's), resumes where it published, reports full tables,
+// follows an agent whose store is deleted and made anew, and never rebuilds
+// a table from a configuration it could not read.
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -96,6 +96,43 @@ TEST(HwFollow, AnAbandonedVersionIsSkippedOnlyBelowALaterRecord) {
   HwView hw(agent.name());
   EXPECT_EQ(hw.published<Isem2>(), 3u);
   EXPECT_EQ(hw.table<Isem2>(1), (Table{{1, 1}, {7, 70}}));
+}
+
+// A record that fails its checks reads as absent once a scan dropped it:
+// its version is never skipped as unused; the writer rebuilds from the
+// agent's configuration instead, also when the version turns up missing
+// only later, below a record written after the scan.
+TEST(HwFollow, ADamagedChangeLogRecordIsRebuiltFromNeverSkipped) {
+  Agent agent(freshAgent());
+  agent.lem->mountSlateConfig(1, 0);
+  agent.write<Lem>(1, 1, 1);
+  ASSERT_EQ(hwOnce(agent.name()).code, 0);
+  agent.write<Lem>(1, 2, 2);
+  agent.del<Lem>(1, 1);
+  agent.write<Lem>(1, 0xd4d4d, 4);
+  // The change of version 4 is still on its way (not marked complete), and
+  // its record is damaged.
+  agent.lem->tableEntryLog()->entryLogConfig().control().auxiliaryIs(3);
+  damage(changeLogFile<Lem>(agent), Lem::logEntry(0xd4d4d, 4), 0);
+
+  Program hw("mpls-hw", {"--agent", agent.name()});
+  HwView view(agent.name());
+  ASSERT_TRUE(eventually([&] { return view.published<Lem>() == 3; }));
+  agent.write<Lem>(1, 5, 5); // version 4 is now missing below version 5
+  ASSERT_TRUE(eventually([&] { return view.published<Lem>() == 5; }));
+  const Exit e = hw.stop(SIGTERM);
+  EXPECT_EQ(e.code, 0) << e.err;
+  EXPECT_FALSE(contains(e.err, "never used")) << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsLem: a damaged change-log record may hold "
+                              "a version above 1; 1 unit table(s) rebuilt "
+                              "from the agent's configuration, following "
+                              "from version 3"))
+      << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsLem: a damaged change-log record may hold "
+                              "a version above 3; 1 unit table(s) rebuilt"))
+      << e.err;
+  EXPECT_EQ(view.table<Lem>(1), (Table{{2, 2}, {0xd4d4d, 4}, {5, 5}}));
+  EXPECT_EQ(view.followRecord<Lem>().gapsSkipped, 0u);
 }
 
 TEST(HwFollow, ARestartResumesFromThePublishedVersion) {

@@ -35,12 +35,12 @@
 //
 // Following the right log. The follow record names the change-log file
 // (sourceIdOf) the tables are in step with. When the log is another file
-// (first start, an agent store made anew), its versions went backwards, or
-// the writer's own records were lost, the follower rebuilds the tables from
-// the agent's configuration tables, which hold every committed entry: a
-// rebase. rebaseNeeded() is the one place that decides it; rebase() either
-// completes and publishes, or changes nothing it publishes and is retried
-// by a later step.
+// (first start, an agent store made anew), its versions went backwards, the
+// writer's own records were lost, or a scan dropped a damaged record (see
+// below), the follower rebuilds the tables from the agent's configuration
+// tables, which hold every committed entry: a rebase. rebaseNeeded() is the
+// one place that decides it; rebase() either completes and publishes, or
+// changes nothing it publishes and is retried by a later step.
 //
 // A rebase takes its base, the last change the agent wrote whole (the log's
 // auxiliary word), before it reads any configuration: every change after
@@ -49,8 +49,12 @@
 // change in progress comes out right. It publishes the base only once every
 // unit's table is rebuilt. Until then the version published and the follow
 // record say what they said: a writer killed in the middle finds its record
-// naming another log (or none), or no version published, and rebuilds
-// again. A table found wiped is rebuilt from its unit's configuration the
+// naming another log (or none) and rebuilds again, or, when it rebuilt the
+// log it follows, resumes from a version the tables still hold. For that, a
+// rebuild of the log followed waits until the base reaches the version
+// published: the configuration then holds every change published, and each
+// key of a table half rebuilt is either as it was or as the configuration
+// has it. A table found wiped is rebuilt from its unit's configuration the
 // same way, before the change that found it is applied, and keeps its wiped
 // flag until then.
 //
@@ -59,6 +63,16 @@
 // it is, the rebase (or the change to the wiped table) does not complete,
 // the problem is reported once until it changes, and the step is retried
 // after a pause.
+//
+// Damaged records. A scan drops a record that fails its checks, and the
+// record reads as absent from then on, so its version would look like one
+// reserved and never used. So after a scan that dropped records, no version
+// up to the log's last reserved one is skipped: the follower rebuilds from
+// the configuration instead, at once when those versions are above the one
+// taken, and again if one of them turns up missing below a later record.
+// That rebuild must go past the missing version; the agent's last complete
+// change has reached it then (the agent writes a record only after every
+// change before it is complete), or the rebuild waits until it has.
 //
 // Not thread-safe.
 #pragma once
@@ -152,8 +166,8 @@ public:
   // Whether a change log is mounted and followed.
   bool following() const noexcept { return log_ != nullptr; }
   // Whether the follower is held up: a rebase or the rebuild of a wiped
-  // table could not complete (a unit's configuration could not be read) and
-  // waits to be retried.
+  // table could not complete (a unit's configuration could not be read, or
+  // the agent has a change to complete first) and waits to be retried.
   bool stalled() const noexcept { return log_ != nullptr && stalled_; }
   const FollowCounters &counters() const noexcept { return run_; }
   // The follow record as published last (counters over every run).
@@ -175,8 +189,11 @@ public:
     bool scanned = false;
     unsigned gapScans = 0;
     while (out.applied < budget) {
-      if (const auto why = rebaseNeeded()) {
-        if (!rebase(*why, out)) {
+      // A rebase settles what called for it: another one in this step
+      // needs new evidence, a record dropped by a later scan or a gap (at
+      // most kMaxGapScans of them).
+      if (const auto need = rebaseNeeded()) {
+        if (!rebase(*need, out)) {
           break;
         }
         scanned = false;
@@ -201,7 +218,8 @@ public:
       }
       // A record above `next` was seen: `next` is a gap unless a scan that
       // starts now finds it. What the new scan misses is skipped only below
-      // the highest version an earlier scan saw.
+      // the highest version an earlier scan saw, and never where a record
+      // may have been dropped as damaged: there the tables are rebuilt.
       if (gapScans == kMaxGapScans) {
         break;
       }
@@ -210,7 +228,12 @@ public:
       scanned = true;
       ++gapScans;
       if (!pending_.empty() && pending_.front().logVersion > next) {
-        skip(next, std::min(pending_.front().logVersion, seen) - 1);
+        if (next <= noSkipUpTo_) {
+          damagedUpTo_ = std::max(damagedUpTo_, next);
+          missing_ = next;
+        } else {
+          skip(next, std::min(pending_.front().logVersion, seen) - 1);
+        }
       }
     }
     // Without a version published, the tables follow no log yet: the first
@@ -237,9 +260,16 @@ private:
   // A gap costs a scan of the log; a step stops after this many.
   static constexpr unsigned kMaxGapScans = 8;
   // How soon a step looks again for a change log that is not there, or
-  // that could not be read.
+  // that could not be read; and for an agent's change to complete.
   static constexpr auto kRetryMissing = std::chrono::milliseconds(50);
   static constexpr auto kRetryBroken = std::chrono::seconds(1);
+
+  // Why the tables must be rebuilt before the log can be followed on, and
+  // the version the rebuilt tables must hold at least.
+  struct RebaseNeed {
+    std::string why;
+    Asic::LogVersion atLeast = 0;
+  };
 
   void event(FollowEvent::Kind kind, std::string text) {
     HW_TRACE(2, "{}", text);
@@ -308,27 +338,40 @@ private:
     log_ = nullptr;
     pending_.clear();
     scannedCommit_ = kNever;
+    damagedUpTo_ = 0;
+    noSkipUpTo_ = 0;
+    missing_ = 0;
     stalled_ = false;
     agent_.forget(logPath_);
   }
 
   // Why the tables must be rebuilt before the log can be followed on;
   // nothing when they are in step with it.
-  std::optional<std::string> rebaseNeeded() const {
+  std::optional<RebaseNeed> rebaseNeeded() const {
     if (record_.sourceId == 0) {
-      return "the tables follow no change log yet";
+      return RebaseNeed{"the tables follow no change log yet"};
     }
     if (record_.sourceId != sourceId_) {
-      return "the change log is a new one";
+      return RebaseNeed{"the change log is a new one"};
     }
     if (!published_) {
-      return "the version published for it was lost";
+      return RebaseNeed{"the version published for it was lost"};
     }
     const Asic::LogVersion reserved =
         log_->entryLogConfig().control().scratchpad();
     if (reserved < taken_) {
-      return fmt::format("its versions went back from {} to {}", taken_,
-                         reserved);
+      return RebaseNeed{fmt::format("its versions went back from {} to {}",
+                                    taken_, reserved)};
+    }
+    if (damagedUpTo_ > taken_) {
+      // The same log on: the rebuilt tables must keep every change
+      // published, and go past a version found missing below a later
+      // record.
+      return RebaseNeed{
+          fmt::format("a damaged change-log record may hold a version "
+                      "above {}",
+                      taken_),
+          std::max(*published_, missing_)};
     }
     return std::nullopt;
   }
@@ -337,10 +380,18 @@ private:
   // from the last change the agent wrote whole. Publishes only when every
   // unit's table was rebuilt; otherwise the version taken, the follow record
   // and what is published stay as they were, and a later step tries again.
-  bool rebase(const std::string &why, FollowStep &out) {
+  bool rebase(const RebaseNeed &need, FollowStep &out) {
     const auto &control = log_->entryLogConfig().control();
     const Asic::LogVersion base =
         std::min(control.auxiliary(), control.scratchpad());
+    if (base < need.atLeast) {
+      problem(FollowEvent::Kind::waiting,
+              fmt::format("{}: {}; the rebuild waits until the agent has "
+                          "completed its change of version {}",
+                          tableName(), need.why, need.atLeast));
+      stall(kRetryMissing);
+      return false;
+    }
     std::vector<Asic::UnitId> units = agent_.units(configBase_);
     for (Asic::UnitId u : store_.template hwUnits<B>()) {
       if (std::find(units.begin(), units.end(), u) == units.end()) {
@@ -360,6 +411,8 @@ private:
     taken_ = base;
     pending_.clear();
     scannedCommit_ = kNever;
+    damagedUpTo_ = 0;
+    missing_ = 0;
     record_.sourceId = sourceId_;
     ++record_.resyncs;
     ++run_.resyncs;
@@ -368,7 +421,7 @@ private:
     event(FollowEvent::Kind::resync,
           fmt::format("{}: {}; {} unit table(s) rebuilt from the agent's "
                       "configuration, following from version {}",
-                      tableName(), why, units.size(), base));
+                      tableName(), need.why, units.size(), base));
     return true;
   }
 
@@ -440,19 +493,25 @@ private:
                                  reserved != scannedReserved_);
   }
 
-  // Reads the records above the version taken, by version.
+  // Reads the records above the version taken, by version. Records it drops
+  // as damaged held versions up to the last one reserved after it.
   void rescan() {
     auto &coll = log_->entryLogConfig();
     scannedReserved_ = coll.control().scratchpad();
     scannedCommit_ = coll.control().commitSequence();
     std::vector<LogRecord> found;
-    readRecords(
+    const RecordsRead read = readRecords(
         coll, false, [&] { found.clear(); },
         [&](const LogRecord &r) {
           if (r.logVersion > taken_) {
             found.push_back(r);
           }
         });
+    if (read.dropped > 0) {
+      const Asic::LogVersion upTo = coll.control().scratchpad();
+      damagedUpTo_ = std::max(damagedUpTo_, upTo);
+      noSkipUpTo_ = std::max(noSkipUpTo_, upTo);
+    }
     const auto byVersion = [](const LogRecord &a, const LogRecord &b) {
       return a.logVersion < b.logVersion;
     };
@@ -463,8 +522,8 @@ private:
                             }),
                 found.end());
     pending_.assign(found.begin(), found.end());
-    HW_TRACE(9, "{}: scan found {} records above {}", tableName(), found.size(),
-             taken_);
+    HW_TRACE(9, "{}: scan found {} records above {} ({} dropped)", tableName(),
+             found.size(), taken_, read.dropped);
   }
 
   void skip(Asic::LogVersion first, Asic::LogVersion last) {
@@ -560,6 +619,13 @@ private:
   std::deque<LogRecord> pending_;
   std::uint64_t scannedCommit_ = kNever;
   Asic::LogVersion scannedReserved_ = 0;
+  // Records of log_ that scans dropped as damaged held versions up to
+  // damagedUpTo_ (0: none since the last rebase; a rebase is due while it is
+  // above taken_). No version up to noSkipUpTo_ is skipped as unused;
+  // missing_ is one found missing below a later record (0: none).
+  Asic::LogVersion damagedUpTo_ = 0;
+  Asic::LogVersion noSkipUpTo_ = 0;
+  Asic::LogVersion missing_ = 0;
   bool stalled_ = false;
   FollowCounters run_;
   std::string lastProblem_;
