@@ -62,7 +62,7 @@
 // of its records) is never rebuilt from what was read: its table is left as
 // it is, the rebase (or the change to the wiped table) does not complete,
 // the problem is reported once until it changes, and the step is retried
-// after a pause.
+// after a pause that grows while the unit stays unreadable.
 //
 // Damaged records. A scan drops a record that fails its checks, and the
 // record reads as absent from then on, so its version would look like one
@@ -177,10 +177,11 @@ public:
   // order, and publishes the new version if it moved. Mounts the change log
   // when needed and rebases when needed (see the top of the file). Nothing
   // happens while there is no log; after a look that found none, the next
-  // is at least 50 ms later, 1 s after one that failed or a unit whose
-  // configuration could not be read. Throws the store's errors for the
-  // writer's own instance; problems of the agent's instance are reported as
-  // events and retried by a later step.
+  // is at least 50 ms later, 1 s after one that failed, and 1 s to 32 s
+  // after a unit whose configuration could not be read (kRetryUnreadMost).
+  // Throws the store's errors for the writer's own instance; problems of
+  // the agent's instance are reported as events and retried by a later
+  // step.
   FollowStep step(std::size_t budget) {
     FollowStep out;
     if (std::chrono::steady_clock::now() < retryAt_ || !attach()) {
@@ -263,6 +264,10 @@ private:
   // that could not be read; and for an agent's change to complete.
   static constexpr auto kRetryMissing = std::chrono::milliseconds(50);
   static constexpr auto kRetryBroken = std::chrono::seconds(1);
+  // A unit whose configuration cannot be read is tried again after
+  // kRetryBroken, then after twice as long each time, up to this: every
+  // failed read reports each damaged record it met again.
+  static constexpr auto kRetryUnreadMost = std::chrono::seconds(32);
 
   // Why the tables must be rebuilt before the log can be followed on, and
   // the version the rebuilt tables must hold at least.
@@ -295,6 +300,7 @@ private:
   // What held the follower up is over: a recurrence is reported again.
   void unstall() {
     stalled_ = false;
+    unreadPause_ = kRetryBroken;
     lastProblem_.clear();
   }
 
@@ -342,6 +348,7 @@ private:
     noSkipUpTo_ = 0;
     missing_ = 0;
     stalled_ = false;
+    unreadPause_ = kRetryBroken;
     agent_.forget(logPath_);
   }
 
@@ -460,7 +467,9 @@ private:
               fmt::format("{} unit {}: configuration not read, hardware table "
                           "left as it is until it can be: {}",
                           tableName(), unit, failure));
-      stall(kRetryBroken);
+      stall(unreadPause_);
+      unreadPause_ = std::min<std::chrono::milliseconds>(2 * unreadPause_,
+                                                         kRetryUnreadMost);
       return false;
     }
     const auto less = [](const LogEntry &a, const LogEntry &b) {
@@ -627,6 +636,7 @@ private:
   Asic::LogVersion noSkipUpTo_ = 0;
   Asic::LogVersion missing_ = 0;
   bool stalled_ = false;
+  std::chrono::milliseconds unreadPause_ = kRetryBroken;
   FollowCounters run_;
   std::string lastProblem_;
   std::chrono::steady_clock::time_point retryAt_{};
