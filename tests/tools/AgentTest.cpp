@@ -5,6 +5,7 @@
 // the live store, and an agent without a hardware writer says so and gives
 // up.
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 #include <xxhash.h>
 
 #include <filesystem>
@@ -214,13 +215,9 @@ TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   // The example in the repository is a valid file.
   const Exit example =
       agentRun(freshAgent(), {std::string(MICA_EXAMPLES_DIR) + "/labels.conf",
-                         "--emit", "-"});
+                              "--emit", "-"});
   EXPECT_EQ(example.code, 0) << example.err;
   EXPECT_TRUE(contains(example.out, "lem 2 1048575/0 adj=9")) << example.out;
-  // A directory is no desired-state file either.
-  const Exit dir = agentRun(freshAgent(), {::testing::TempDir()});
-  EXPECT_EQ(dir.code, 2);
-  EXPECT_TRUE(contains(dir.err, "cannot read: is a directory")) << dir.err;
 
   // A store that holds state stays byte for byte what it was.
   Agent existing(freshAgent());
@@ -233,6 +230,39 @@ TEST_F(AgentInput, BadInputNamesItsPlaceExitsTwoAndWritesNothing) {
   EXPECT_EQ(e.code, 2);
   EXPECT_TRUE(contains(e.err, "held.conf:2: too few fields")) << e.err;
   EXPECT_EQ(treeDigest(existing.directory()), before);
+}
+
+// Input that would not end, or that goes on beyond a file's bounds (4 Mi
+// lines of 4096 bytes), is refused before anything past them is read.
+TEST_F(AgentInput, WhatIsNoRegularFileOrGoesBeyondTheBoundsIsRefused) {
+  const std::string fifo = tempFile("fifo.conf");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string lines(4194304 - 2, '\n');
+  const std::string line = "# " + std::string(4096 - 2, 'x');
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"/dev/zero", "/dev/zero: cannot read: is a character device, not a "
+                    "regular file"},
+      {fifo, "fifo.conf: cannot read: is a FIFO, not a regular file"},
+      {::testing::TempDir(), "cannot read: is a directory, not a regular file"},
+      {writeFile("long.conf", "lem 1 5 adj=1\n" + line + "x\nlem 1 6 adj=1\n"),
+       "long.conf:2: line longer than 4096 bytes; reading stopped"},
+      {writeFile("many.conf", "lem 1 5 adj=1\n" + lines + "\n\n"),
+       "many.conf:4194305: more than 4194304 lines; reading stopped"},
+  };
+  for (const auto &[file, message] : cases) {
+    SCOPED_TRACE(message);
+    const std::string agent = freshAgent();
+    const Exit e = agentRun(agent, {file});
+    EXPECT_EQ(e.code, 2);
+    EXPECT_TRUE(contains(e.err, message)) << e.err;
+    EXPECT_FALSE(fs::exists(Shm::rootDirectory() + "/" + agent + ".0"));
+  }
+  // A file at both bounds is read like any other.
+  const Exit most = agentRun(
+      freshAgent(), {writeFile("most.conf", "lem 1 5 adj=1\n" + lines + line),
+                     "--emit", "-"});
+  EXPECT_EQ(most.code, 0) << most.err;
+  EXPECT_TRUE(contains(most.out, "\nlem 1 5/0 adj=1\n")) << most.out;
 }
 
 TEST_F(AgentStore, ASecondAgentOnTheSameStoreIsRefused) {
@@ -277,6 +307,13 @@ TEST_F(AgentReload, SighupAppliesTheDifferenceAndKeepsTheSetOnABadFile) {
   a.signal(SIGHUP);
   ASSERT_TRUE(
       eventually([&] { return contains(a.errSoFar(), "not applied"); }));
+  // A FIFO in the file's place (which no one writes) is refused at once.
+  fs::remove(file);
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  a.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] {
+    return contains(a.errSoFar(), "reload.conf: cannot read: is a FIFO");
+  }));
   const Exit e = a.stop(SIGTERM);
   EXPECT_EQ(e.code, 0) << e.err;
   EXPECT_TRUE(contains(e.err, "reload.conf:2: too few fields")) << e.err;

@@ -1,19 +1,40 @@
 // mpls-hw as a real process: it applies the agent's change logs to the
-// hardware tables in version order, skips only abandoned versions, resumes
-// where it published, reports full tables, and follows an agent whose store
-// is deleted and made anew.
+// hardware tables in version order, skips only abandoned versions (never a
+// damaged record's), resumes where it published, reports full tables,
+// follows an agent whose store is deleted and made anew, and never rebuilds
+// a table from a configuration it could not read.
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <random>
 
 #include "ToolsFixture.h"
+#include "platform/shm/Format.h"
 #include "tools/hw/AgentNotify.h"
 
 namespace {
 
 using namespace ToolsTest;
 using Table = std::map<std::uint32_t, std::uint32_t>;
+
+bool contains(const std::string &text, const std::string &what) {
+  return text.find(what) != std::string::npos;
+}
+
+// Damages the checksums of the first `n` slots of a one-collection file.
+void damageRecords(const std::string &file, std::uint32_t n) {
+  const std::string bytes = fileBytes(file);
+  Shm::format::FileHeader h{};
+  ASSERT_GE(bytes.size(), sizeof h);
+  std::memcpy(&h, bytes.data(), sizeof h);
+  std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const std::uint64_t at = h.collections[0].slotsOffset +
+                             std::uint64_t{i} * h.collections[0].slotSize + 8;
+    f.seekp(static_cast<std::streamoff>(at));
+    f.put(static_cast<char>(bytes[at] ^ 0x5a));
+  }
+}
 
 template <typename F> class HwApply : public ::testing::Test {};
 TYPED_TEST_SUITE(HwApply, EntryLogTest::Families);
@@ -77,6 +98,43 @@ TEST(HwFollow, AnAbandonedVersionIsSkippedOnlyBelowALaterRecord) {
   EXPECT_EQ(hw.table<Isem2>(1), (Table{{1, 1}, {7, 70}}));
 }
 
+// A record that fails its checks reads as absent once a scan dropped it:
+// its version is never skipped as unused; the writer rebuilds from the
+// agent's configuration instead, also when the version turns up missing
+// only later, below a record written after the scan.
+TEST(HwFollow, ADamagedChangeLogRecordIsRebuiltFromNeverSkipped) {
+  Agent agent(freshAgent());
+  agent.lem->mountSlateConfig(1, 0);
+  agent.write<Lem>(1, 1, 1);
+  ASSERT_EQ(hwOnce(agent.name()).code, 0);
+  agent.write<Lem>(1, 2, 2);
+  agent.del<Lem>(1, 1);
+  agent.write<Lem>(1, 0xd4d4d, 4);
+  // The change of version 4 is still on its way (not marked complete), and
+  // its record is damaged.
+  agent.lem->tableEntryLog()->entryLogConfig().control().auxiliaryIs(3);
+  damage(changeLogFile<Lem>(agent), Lem::logEntry(0xd4d4d, 4), 0);
+
+  Program hw("mpls-hw", {"--agent", agent.name()});
+  HwView view(agent.name());
+  ASSERT_TRUE(eventually([&] { return view.published<Lem>() == 3; }));
+  agent.write<Lem>(1, 5, 5); // version 4 is now missing below version 5
+  ASSERT_TRUE(eventually([&] { return view.published<Lem>() == 5; }));
+  const Exit e = hw.stop(SIGTERM);
+  EXPECT_EQ(e.code, 0) << e.err;
+  EXPECT_FALSE(contains(e.err, "never used")) << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsLem: a damaged change-log record may hold "
+                              "a version above 1; 1 unit table(s) rebuilt "
+                              "from the agent's configuration, following "
+                              "from version 3"))
+      << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsLem: a damaged change-log record may hold "
+                              "a version above 3; 1 unit table(s) rebuilt"))
+      << e.err;
+  EXPECT_EQ(view.table<Lem>(1), (Table{{2, 2}, {0xd4d4d, 4}, {5, 5}}));
+  EXPECT_EQ(view.followRecord<Lem>().gapsSkipped, 0u);
+}
+
 TEST(HwFollow, ARestartResumesFromThePublishedVersion) {
   Agent agent(freshAgent());
   agent.lem->mountSlateConfig(1, 0);
@@ -136,6 +194,88 @@ TEST(HwFollow, AWriterKilledAnywhereRestartsIntoTheAgentsTables) {
   EXPECT_EQ(HwView(agent.name()).table<Isem2>(1), want);
   EXPECT_EQ(HwView(agent.name()).published<Isem2>(),
             agent.isem2->tableVersion());
+}
+
+// A unit's configuration that cannot be read (a damaged header, too many
+// damaged records) never becomes an empty table: a rebuild publishes
+// nothing and leaves the follow record as it was, so the next run rebuilds
+// again; a table found wiped takes no change until it is rebuilt.
+TEST(HwRebase, AConfigurationThatCannotBeReadHoldsTheRebuildBack) {
+  const std::string name = freshAgent();
+  auto agent = std::make_unique<Agent>(name);
+  agent->isem2->mountSlateConfig(1, 0);
+  agent->isem2->mountSlateConfig(2, 0);
+  agent->write<Isem2>(1, 1, 1);
+  agent->write<Isem2>(2, 2, 2);
+  ASSERT_EQ(hwOnce(name).code, 0);
+  const MicaMplsHw::FollowRecord before = HwView(name).followRecord<Isem2>();
+  ASSERT_EQ(HwView(name).published<Isem2>(), 2u);
+
+  // The agent's store is made anew, unit 2 with 1002 entries.
+  agent.reset();
+  std::filesystem::remove_all(Shm::rootDirectory() + "/" + name + ".0");
+  agent = std::make_unique<Agent>(name);
+  agent->isem2->mountSlateConfig(1, 0);
+  agent->isem2->mountSlateConfig(2, 0);
+  agent->write<Isem2>(1, 10, 10);
+  Table unit2;
+  for (std::uint32_t l = 100; l < 1102; ++l) {
+    agent->write<Isem2>(2, l, l);
+    unit2[l] = l;
+  }
+  const std::string cfg = configFile<Isem2>(*agent, 2);
+  const std::string good = fileBytes(cfg);
+  const auto heldBack = [&](const char *why) {
+    SCOPED_TRACE(why);
+    const Exit e = hwOnce(name);
+    EXPECT_EQ(e.code, 1) << e.err;
+    EXPECT_TRUE(contains(e.err, "MplsIsem2 unit 2: configuration not read, "
+                                "hardware table left as it is"))
+        << e.err;
+    HwView hw(name);
+    EXPECT_EQ(hw.published<Isem2>(), 2u);
+    EXPECT_EQ(hw.followRecord<Isem2>().sourceId, before.sourceId);
+    EXPECT_EQ(hw.followRecord<Isem2>().resyncs, 1u);
+    EXPECT_EQ(hw.table<Isem2>(2), (Table{{2, 2}}));
+  };
+  damageRecords(cfg, 1002);
+  heldBack("too many damaged records");
+  putBytes(cfg, good);
+  damage(cfg, Shm::format::kMagic, 0);
+  heldBack("a damaged header");
+  putBytes(cfg, good);
+  Exit e = hwOnce(name);
+  ASSERT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.err, "the change log is a new one; 2 unit table(s) "
+                              "rebuilt"))
+      << e.err;
+  EXPECT_EQ(HwView(name).published<Isem2>(), 1003u);
+  EXPECT_EQ(HwView(name).table<Isem2>(1), (Table{{10, 10}}));
+  EXPECT_EQ(HwView(name).table<Isem2>(2), unit2);
+
+  // Unit 1's hardware table is lost, the agent changes the unit, and its
+  // configuration cannot be read.
+  std::filesystem::remove(Shm::rootDirectory() + "/" +
+                          MicaMplsHw::hwInstanceName(name) + ".0/" +
+                          MicaMplsHw::hwTablePath<Isem2::B>(1));
+  agent->write<Isem2>(1, 11, 11);
+  const std::string cfg1 = configFile<Isem2>(*agent, 1);
+  const std::string good1 = fileBytes(cfg1);
+  damage(cfg1, Shm::format::kMagic, 0);
+  e = hwOnce(name);
+  EXPECT_EQ(e.code, 1) << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsIsem2 unit 1: configuration not read"))
+      << e.err;
+  EXPECT_EQ(HwView(name).published<Isem2>(), 1003u);
+  EXPECT_EQ(HwView(name).table<Isem2>(1), Table{});
+  putBytes(cfg1, good1);
+  e = hwOnce(name);
+  ASSERT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsIsem2 unit 1: the hardware table was lost; "
+                              "rebuilt"))
+      << e.err;
+  EXPECT_EQ(HwView(name).published<Isem2>(), 1004u);
+  EXPECT_EQ(HwView(name).table<Isem2>(1), (Table{{10, 10}, {11, 11}}));
 }
 
 TEST(HwFollow, AWriteIntoAFullTableIsReportedAndTheVersionAdvances) {

@@ -23,18 +23,6 @@ Json showJson(const std::string &agent, std::vector<std::string> args) {
   return Json::parse(e.out);
 }
 
-// Flips one byte of `file` at the first place holding `pattern`, plus `at`.
-template <typename T>
-void damage(const std::string &file, const T &pattern, std::size_t at) {
-  std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(f)), {});
-  const auto pos = bytes.find(
-      std::string(reinterpret_cast<const char *>(&pattern), sizeof(T)));
-  ASSERT_NE(pos, std::string::npos);
-  f.seekp(static_cast<std::streamoff>(pos + at));
-  f.put(static_cast<char>(bytes[pos + at] ^ 0x5a));
-}
-
 TEST(Show, JsonAndTextMatchTheStore) {
   Agent agent(freshAgent());
   agent.isem2->mountSlateConfig(1, 0);

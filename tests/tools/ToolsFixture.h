@@ -73,13 +73,24 @@ public:
   // What the program has written to stderr so far.
   std::string errSoFar() const { return slurp(errPath_); }
 
-  // Sends `sig` (0: none) and waits for the end.
+  // Sends `sig` (0: none) and waits for the end; a program still running
+  // after two minutes hangs, and is killed (exit 128 + SIGKILL).
   Exit stop(int sig = 0) {
     if (sig != 0) {
       ::kill(pid_, sig);
     }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
     int status = 0;
-    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    for (;;) {
+      const pid_t got = ::waitpid(pid_, &status, WNOHANG);
+      if (got == pid_ || (got < 0 && errno != EINTR)) {
+        break;
+      }
+      if (got == 0 && std::chrono::steady_clock::now() > deadline) {
+        ::kill(pid_, SIGKILL);
+        deadline = std::chrono::steady_clock::time_point::max();
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     pid_ = -1;
     Exit e;
@@ -203,6 +214,38 @@ inline Exit hwOnce(const std::string &agent,
   return run("mpls-hw", args);
 }
 
+// The bytes of a file, and the same bytes written back in place (the file
+// keeps its identity, as the store's files must).
+inline std::string fileBytes(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+inline void putBytes(const std::string &path, const std::string &bytes) {
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  ASSERT_TRUE(f.good()) << path;
+}
+
+// Flips one byte of `file` at the first place holding `pattern`, plus `at`.
+template <typename T>
+void damage(const std::string &file, const T &pattern, std::size_t at) {
+  std::string bytes = fileBytes(file);
+  const auto pos = bytes.find(
+      std::string(reinterpret_cast<const char *>(&pattern), sizeof(T)));
+  ASSERT_NE(pos, std::string::npos);
+  std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
+  f.seekp(static_cast<std::streamoff>(pos + at));
+  f.put(static_cast<char>(bytes[pos + at] ^ 0x5a));
+}
+
+// The files of the agent's entry logs of a table type.
+template <typename F> std::string configFile(const Agent &agent, unsigned u) {
+  return agent.directory() + "/" + F::B::Constants::configSlatePath(u);
+}
+template <typename F> std::string changeLogFile(const Agent &agent) {
+  return agent.directory() + "/" + F::B::Constants::tableEntryLogSlatePath();
+}
+
 // What the hardware writer of `agent` published and holds.
 class HwView {
 public:
@@ -215,6 +258,16 @@ public:
         Asic::TableVersionSlate::path("MicaMpls"));
     Asic::TableVersionRecord r;
     return v && v->tableVersion().find(F::kTypeId, r) ? r.version : 0;
+  }
+  // The follow record of a table type (all zero when there is none).
+  template <typename F> MicaMplsHw::FollowRecord followRecord() {
+    auto f =
+        view_.entity<MicaMplsHw::FollowSlate>(MicaMplsHw::FollowSlate::path());
+    MicaMplsHw::FollowRecord r{};
+    if (!f || !f->follow().find(F::kTypeId, r)) {
+      r = MicaMplsHw::FollowRecord{};
+    }
+    return r;
   }
   // label -> the entry's first resolved field, of a unit's table.
   template <typename F>

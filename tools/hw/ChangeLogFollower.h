@@ -35,14 +35,44 @@
 //
 // Following the right log. The follow record names the change-log file
 // (sourceIdOf) the tables are in step with. When the log is another file
-// (first start, an agent store made anew), its versions went backwards, or
-// the writer's own records were lost, the follower rebuilds the tables from
-// the agent's configuration tables, which hold every committed entry, and
-// goes on from the last change the agent wrote whole (the log's auxiliary
-// word). It publishes that version before it reads the configuration: the
-// agent retires only changes the published version covers, so every change
-// after it is still in the log to be applied on top. A hardware table found
-// wiped is rebuilt from its unit's configuration the same way.
+// (first start, an agent store made anew), its versions went backwards, the
+// writer's own records were lost, or a scan dropped a damaged record (see
+// below), the follower rebuilds the tables from the agent's configuration
+// tables, which hold every committed entry: a rebase. rebaseNeeded() is the
+// one place that decides it; rebase() either completes and publishes, or
+// changes nothing it publishes and is retried by a later step.
+//
+// A rebase takes its base, the last change the agent wrote whole (the log's
+// auxiliary word), before it reads any configuration: every change after
+// the base is still in the log (the agent retires only published versions)
+// and is applied on top, in order, so whatever the configuration read of a
+// change in progress comes out right. It publishes the base only once every
+// unit's table is rebuilt. Until then the version published and the follow
+// record say what they said: a writer killed in the middle finds its record
+// naming another log (or none) and rebuilds again, or, when it rebuilt the
+// log it follows, resumes from a version the tables still hold. For that, a
+// rebuild of the log followed waits until the base reaches the version
+// published: the configuration then holds every change published, and each
+// key of a table half rebuilt is either as it was or as the configuration
+// has it. A table found wiped is rebuilt from its unit's configuration the
+// same way, before the change that found it is applied, and keeps its wiped
+// flag until then.
+//
+// A unit whose configuration cannot be read (a damaged file, a failed read
+// of its records) is never rebuilt from what was read: its table is left as
+// it is, the rebase (or the change to the wiped table) does not complete,
+// the problem is reported once until it changes, and the step is retried
+// after a pause that grows while the unit stays unreadable.
+//
+// Damaged records. A scan drops a record that fails its checks, and the
+// record reads as absent from then on, so its version would look like one
+// reserved and never used. So after a scan that dropped records, no version
+// up to the log's last reserved one is skipped: the follower rebuilds from
+// the configuration instead, at once when those versions are above the one
+// taken, and again if one of them turns up missing below a later record.
+// That rebuild must go past the missing version; the agent's last complete
+// change has reached it then (the agent writes a record only after every
+// change before it is complete), or the rebuild waits until it has.
 //
 // Not thread-safe.
 #pragma once
@@ -79,7 +109,7 @@ struct FollowEvent {
     waiting,    // no change log to follow (yet)
     following,  // a change log was found and is followed
     sourceLost, // the followed log's file was removed or replaced
-    problem,    // the log cannot be read (another layout, a bad header)
+    problem,    // the log or a unit's configuration cannot be read
     resync,     // tables rebuilt from the agent's configuration
     gapSkipped, // versions that were reserved and never used
     tableFull,  // a write of a new key into a full hardware table
@@ -123,9 +153,8 @@ public:
     published_ = store_.published(tableId_);
     record_ = store_.followRecord(tableId_);
     taken_ = published_.value_or(0);
-    inStep_ = published_.has_value() && record_.sourceId != 0;
-    HW_TRACE(2, "{}: resuming at version {} (in step: {})", tableName(), taken_,
-             inStep_);
+    HW_TRACE(2, "{}: resuming at version {} (log {:#x})", tableName(), taken_,
+             record_.sourceId);
   }
 
   static constexpr const char *tableName() noexcept {
@@ -136,34 +165,45 @@ public:
   Asic::LogVersion version() const noexcept { return taken_; }
   // Whether a change log is mounted and followed.
   bool following() const noexcept { return log_ != nullptr; }
+  // Whether the follower is held up: a rebase or the rebuild of a wiped
+  // table could not complete (a unit's configuration could not be read, or
+  // the agent has a change to complete first) and waits to be retried.
+  bool stalled() const noexcept { return log_ != nullptr && stalled_; }
   const FollowCounters &counters() const noexcept { return run_; }
   // The follow record as published last (counters over every run).
   const FollowRecord &followRecord() const noexcept { return record_; }
 
   // Applies up to `budget` changes that follow the version taken, in version
   // order, and publishes the new version if it moved. Mounts the change log
-  // when needed (nothing happens while there is none; after a look that
-  // found none, the next is at least 50 ms later, 1 s after one that failed).
-  // Throws the store's errors for the writer's own instance; problems of the
-  // agent's instance are reported as events and retried by the next step.
+  // when needed and rebases when needed (see the top of the file). Nothing
+  // happens while there is no log; after a look that found none, the next
+  // is at least 50 ms later, 1 s after one that failed, and 1 s to 32 s
+  // after a unit whose configuration could not be read (kRetryUnreadMost).
+  // Throws the store's errors for the writer's own instance; problems of
+  // the agent's instance are reported as events and retried by a later
+  // step.
   FollowStep step(std::size_t budget) {
     FollowStep out;
-    if (!attach(out)) {
+    if (std::chrono::steady_clock::now() < retryAt_ || !attach()) {
       return out;
-    }
-    const Asic::LogVersion reserved =
-        log_->entryLogConfig().control().scratchpad();
-    if (reserved < taken_) {
-      rebase(
-          fmt::format("its versions went back from {} to {}", taken_, reserved),
-          out);
     }
     bool scanned = false;
     unsigned gapScans = 0;
     while (out.applied < budget) {
+      // A rebase settles what called for it: another one in this step
+      // needs new evidence, a record dropped by a later scan or a gap (at
+      // most kMaxGapScans of them).
+      if (const auto need = rebaseNeeded()) {
+        if (!rebase(*need, out)) {
+          break;
+        }
+        scanned = false;
+      }
       const Asic::LogVersion next = taken_ + 1;
       if (!pending_.empty() && pending_.front().logVersion == next) {
-        apply(pending_.front());
+        if (!apply(pending_.front())) {
+          break;
+        }
         pending_.pop_front();
         taken_ = next;
         ++out.applied;
@@ -179,7 +219,8 @@ public:
       }
       // A record above `next` was seen: `next` is a gap unless a scan that
       // starts now finds it. What the new scan misses is skipped only below
-      // the highest version an earlier scan saw.
+      // the highest version an earlier scan saw, and never where a record
+      // may have been dropped as damaged: there the tables are rebuilt.
       if (gapScans == kMaxGapScans) {
         break;
       }
@@ -188,10 +229,17 @@ public:
       scanned = true;
       ++gapScans;
       if (!pending_.empty() && pending_.front().logVersion > next) {
-        skip(next, std::min(pending_.front().logVersion, seen) - 1);
+        if (next <= noSkipUpTo_) {
+          damagedUpTo_ = std::max(damagedUpTo_, next);
+          missing_ = next;
+        } else {
+          skip(next, std::min(pending_.front().logVersion, seen) - 1);
+        }
       }
     }
-    if (!published_ || *published_ != taken_) {
+    // Without a version published, the tables follow no log yet: the first
+    // publication is that of a rebase.
+    if (published_ && *published_ != taken_) {
       publish(out);
     }
     return out;
@@ -213,9 +261,20 @@ private:
   // A gap costs a scan of the log; a step stops after this many.
   static constexpr unsigned kMaxGapScans = 8;
   // How soon a step looks again for a change log that is not there, or
-  // that could not be read.
+  // that could not be read; and for an agent's change to complete.
   static constexpr auto kRetryMissing = std::chrono::milliseconds(50);
   static constexpr auto kRetryBroken = std::chrono::seconds(1);
+  // A unit whose configuration cannot be read is tried again after
+  // kRetryBroken, then after twice as long each time, up to this: every
+  // failed read reports each damaged record it met again.
+  static constexpr auto kRetryUnreadMost = std::chrono::seconds(32);
+
+  // Why the tables must be rebuilt before the log can be followed on, and
+  // the version the rebuilt tables must hold at least.
+  struct RebaseNeed {
+    std::string why;
+    Asic::LogVersion atLeast = 0;
+  };
 
   void event(FollowEvent::Kind kind, std::string text) {
     HW_TRACE(2, "{}", text);
@@ -230,14 +289,24 @@ private:
       event(kind, text);
     }
   }
+  // The next step does nothing before `pause` has passed.
+  template <typename D> void retryAfter(D pause) {
+    retryAt_ = std::chrono::steady_clock::now() + pause;
+  }
+  template <typename D> void stall(D pause) {
+    stalled_ = true;
+    retryAfter(pause);
+  }
+  // What held the follower up is over: a recurrence is reported again.
+  void unstall() {
+    stalled_ = false;
+    unreadPause_ = kRetryBroken;
+    lastProblem_.clear();
+  }
 
-  bool attach(FollowStep &out) {
+  bool attach() {
     if (log_) {
       return true;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    if (now < retryAt_) {
-      return false;
     }
     Fwk::Ptr<LogSlate> log;
     try {
@@ -247,14 +316,14 @@ private:
               fmt::format("{}: cannot read the change log: {}", tableName(),
                           e.what()));
       agent_.forget(logPath_);
-      retryAt_ = now + kRetryBroken;
+      retryAfter(kRetryBroken);
       return false;
     }
     if (!log) {
       problem(FollowEvent::Kind::waiting,
               fmt::format("{}: no change log in {} yet; waiting for it",
                           tableName(), agent_.directory()));
-      retryAt_ = now + kRetryMissing;
+      retryAfter(kRetryMissing);
       return false;
     }
     const std::uint64_t id = sourceIdOf(*log);
@@ -268,11 +337,6 @@ private:
     event(FollowEvent::Kind::following,
           fmt::format("{}: following the change log in {}", tableName(),
                       agent_.directory()));
-    if (!inStep_ || record_.sourceId != id) {
-      rebase(record_.sourceId == 0 ? "the tables follow no change log yet"
-                                   : "the change log is a new one",
-             out);
-    }
     return true;
   }
 
@@ -280,22 +344,61 @@ private:
     log_ = nullptr;
     pending_.clear();
     scannedCommit_ = kNever;
+    damagedUpTo_ = 0;
+    noSkipUpTo_ = 0;
+    missing_ = 0;
+    stalled_ = false;
+    unreadPause_ = kRetryBroken;
     agent_.forget(logPath_);
   }
 
+  // Why the tables must be rebuilt before the log can be followed on;
+  // nothing when they are in step with it.
+  std::optional<RebaseNeed> rebaseNeeded() const {
+    if (record_.sourceId == 0) {
+      return RebaseNeed{"the tables follow no change log yet"};
+    }
+    if (record_.sourceId != sourceId_) {
+      return RebaseNeed{"the change log is a new one"};
+    }
+    if (!published_) {
+      return RebaseNeed{"the version published for it was lost"};
+    }
+    const Asic::LogVersion reserved =
+        log_->entryLogConfig().control().scratchpad();
+    if (reserved < taken_) {
+      return RebaseNeed{fmt::format("its versions went back from {} to {}",
+                                    taken_, reserved)};
+    }
+    if (damagedUpTo_ > taken_) {
+      // The same log on: the rebuilt tables must keep every change
+      // published, and go past a version found missing below a later
+      // record.
+      return RebaseNeed{
+          fmt::format("a damaged change-log record may hold a version "
+                      "above {}",
+                      taken_),
+          std::max(*published_, missing_)};
+    }
+    return std::nullopt;
+  }
+
   // Rebuilds every unit's table from the agent's configuration and goes on
-  // from the last change the agent wrote whole.
-  void rebase(const std::string &why, FollowStep &out) {
+  // from the last change the agent wrote whole. Publishes only when every
+  // unit's table was rebuilt; otherwise the version taken, the follow record
+  // and what is published stay as they were, and a later step tries again.
+  bool rebase(const RebaseNeed &need, FollowStep &out) {
     const auto &control = log_->entryLogConfig().control();
     const Asic::LogVersion base =
         std::min(control.auxiliary(), control.scratchpad());
-    // Until the rebuild is over, the record names no log: a restart in the
-    // middle rebuilds again.
-    record_.sourceId = 0;
-    taken_ = base;
-    publish(out);
-    pending_.clear();
-    scannedCommit_ = kNever;
+    if (base < need.atLeast) {
+      problem(FollowEvent::Kind::waiting,
+              fmt::format("{}: {}; the rebuild waits until the agent has "
+                          "completed its change of version {}",
+                          tableName(), need.why, need.atLeast));
+      stall(kRetryMissing);
+      return false;
+    }
     std::vector<Asic::UnitId> units = agent_.units(configBase_);
     for (Asic::UnitId u : store_.template hwUnits<B>()) {
       if (std::find(units.begin(), units.end(), u) == units.end()) {
@@ -303,49 +406,78 @@ private:
       }
     }
     for (Asic::UnitId u : units) {
-      resyncUnit(u);
+      if (!resyncUnit(u)) {
+        return false;
+      }
     }
+    if (log_->stale()) {
+      // The configuration read may be that of another agent store.
+      checkSource();
+      return false;
+    }
+    taken_ = base;
+    pending_.clear();
+    scannedCommit_ = kNever;
+    damagedUpTo_ = 0;
+    missing_ = 0;
     record_.sourceId = sourceId_;
     ++record_.resyncs;
     ++run_.resyncs;
     publish(out);
-    inStep_ = true;
+    unstall();
     event(FollowEvent::Kind::resync,
           fmt::format("{}: {}; {} unit table(s) rebuilt from the agent's "
                       "configuration, following from version {}",
-                      tableName(), why, units.size(), base));
+                      tableName(), need.why, units.size(), base));
+    return true;
   }
 
-  // Makes the unit's hardware table hold the unit's committed entries. Keys
-  // the configuration does not hold are removed first, so that the writes
-  // fit. A configuration that cannot be read leaves the table as it is.
-  void resyncUnit(Asic::UnitId unit) {
+  // Makes the unit's hardware table hold the unit's committed entries (and
+  // clears its wiped flag). Keys the configuration does not hold are
+  // removed first, so that the writes fit. A configuration that cannot be
+  // read leaves the table as it is: reported, retried after a pause, false.
+  bool resyncUnit(Asic::UnitId unit) {
     const std::string path = B::Constants::configSlatePath(unit);
     std::vector<LogEntry> live;
+    std::string failure;
     try {
-      if (auto cfg = agent_.template entity<ConfigSlate>(path)) {
-        readRecords(
+      auto cfg = agent_.template entity<ConfigSlate>(path);
+      if (!cfg && log_->stale()) {
+        // No file because there is no store: nothing was read.
+        failure = "the agent's store was removed or replaced";
+      } else if (cfg) {
+        const RecordsRead read = readRecords(
             cfg->swTableEntries(), true, [&] { live.clear(); },
             [&](const ConfigEntry &r) {
               if (!r.isDeleted) {
                 live.push_back(r.logEntry);
               }
             });
+        if (!read) {
+          failure =
+              fmt::format("gave up after {} damaged records", read.dropped);
+        }
       }
     } catch (const Shm::Error &e) {
-      agent_.forget(path);
-      event(FollowEvent::Kind::problem,
-            fmt::format("{} unit {}: configuration not read, hardware table "
-                        "left as it is: {}",
-                        tableName(), unit, e.what()));
-      return;
+      failure = e.what();
     }
     agent_.forget(path); // a configuration table is big; needed only here
+    if (!failure.empty()) {
+      problem(FollowEvent::Kind::problem,
+              fmt::format("{} unit {}: configuration not read, hardware table "
+                          "left as it is until it can be: {}",
+                          tableName(), unit, failure));
+      stall(unreadPause_);
+      unreadPause_ = std::min<std::chrono::milliseconds>(2 * unreadPause_,
+                                                         kRetryUnreadMost);
+      return false;
+    }
     const auto less = [](const LogEntry &a, const LogEntry &b) {
       return std::memcmp(&a.key, &b.key, sizeof(Key)) < 0;
     };
     std::sort(live.begin(), live.end(), less);
-    auto &hw = store_.template hwTable<B>(unit)->hwEntries();
+    auto table = store_.template hwTable<B>(unit);
+    auto &hw = table->hwEntries();
     for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
       LogEntry probe{};
       probe.key = *k;
@@ -356,8 +488,10 @@ private:
     for (const LogEntry &e : live) {
       write(hw, unit, e, 0);
     }
+    hw.control().clearWiped();
     HW_TRACE(3, "{} unit {}: {} entries from the configuration", tableName(),
              unit, live.size());
+    return true;
   }
 
   // Whether the log may hold records the last scan did not see.
@@ -368,19 +502,25 @@ private:
                                  reserved != scannedReserved_);
   }
 
-  // Reads the records above the version taken, by version.
+  // Reads the records above the version taken, by version. Records it drops
+  // as damaged held versions up to the last one reserved after it.
   void rescan() {
     auto &coll = log_->entryLogConfig();
     scannedReserved_ = coll.control().scratchpad();
     scannedCommit_ = coll.control().commitSequence();
     std::vector<LogRecord> found;
-    readRecords(
+    const RecordsRead read = readRecords(
         coll, false, [&] { found.clear(); },
         [&](const LogRecord &r) {
           if (r.logVersion > taken_) {
             found.push_back(r);
           }
         });
+    if (read.dropped > 0) {
+      const Asic::LogVersion upTo = coll.control().scratchpad();
+      damagedUpTo_ = std::max(damagedUpTo_, upTo);
+      noSkipUpTo_ = std::max(noSkipUpTo_, upTo);
+    }
     const auto byVersion = [](const LogRecord &a, const LogRecord &b) {
       return a.logVersion < b.logVersion;
     };
@@ -391,8 +531,8 @@ private:
                             }),
                 found.end());
     pending_.assign(found.begin(), found.end());
-    HW_TRACE(9, "{}: scan found {} records above {}", tableName(), found.size(),
-             taken_);
+    HW_TRACE(9, "{}: scan found {} records above {} ({} dropped)", tableName(),
+             found.size(), taken_, read.dropped);
   }
 
   void skip(Asic::LogVersion first, Asic::LogVersion last) {
@@ -410,13 +550,18 @@ private:
                             tableName(), first, last));
   }
 
-  void apply(const LogRecord &r) {
+  // False when the change could not be applied: its unit's table was found
+  // wiped and its configuration could not be read (retried later).
+  bool apply(const LogRecord &r) {
     bool wiped = false;
     auto table = store_.template hwTable<B>(r.unitId, &wiped);
     if (wiped) {
+      if (!resyncUnit(r.unitId)) {
+        return false;
+      }
+      unstall();
       ++record_.resyncs;
       ++run_.resyncs;
-      resyncUnit(r.unitId);
       event(FollowEvent::Kind::resync,
             fmt::format("{} unit {}: the hardware table was lost; rebuilt "
                         "from the agent's configuration",
@@ -436,6 +581,7 @@ private:
     ++run_.changesApplied;
     HW_TRACE(9, "{}: applied version {} unit {} deleteBits {} {}", tableName(),
              r.logVersion, r.unitId, r.deleteBits, r.logEntry);
+    return true;
   }
 
   // `version` 0: a write of a rebuild.
@@ -474,8 +620,6 @@ private:
   Fwk::Ptr<LogSlate> log_;
   std::uint64_t sourceId_ = 0; // of log_
   FollowRecord record_;
-  // Whether the tables are known to be in step with record_.sourceId.
-  bool inStep_ = false;
   Asic::LogVersion taken_ = 0;
   std::optional<Asic::LogVersion> published_;
   // Records above taken_ found by the last scan, by version. Log records
@@ -484,6 +628,15 @@ private:
   std::deque<LogRecord> pending_;
   std::uint64_t scannedCommit_ = kNever;
   Asic::LogVersion scannedReserved_ = 0;
+  // Records of log_ that scans dropped as damaged held versions up to
+  // damagedUpTo_ (0: none since the last rebase; a rebase is due while it is
+  // above taken_). No version up to noSkipUpTo_ is skipped as unused;
+  // missing_ is one found missing below a later record (0: none).
+  Asic::LogVersion damagedUpTo_ = 0;
+  Asic::LogVersion noSkipUpTo_ = 0;
+  Asic::LogVersion missing_ = 0;
+  bool stalled_ = false;
+  std::chrono::milliseconds unreadPause_ = kRetryBroken;
   FollowCounters run_;
   std::string lastProblem_;
   std::chrono::steady_clock::time_point retryAt_{};

@@ -40,7 +40,10 @@
 // Crash safety: the writer changes the hardware tables first and publishes
 // the version after, so a version it published is always in the tables;
 // applying a change twice gives the same table, so a restart re-applies what
-// came after the published version.
+// came after the published version. A rebuild of the tables from the
+// agent's configuration publishes only once every unit is rebuilt (see
+// ChangeLogFollower.h), and a table whose contents were lost keeps its
+// wiped flag until it is rebuilt.
 #pragma once
 
 #include <cstddef>
@@ -211,21 +214,22 @@ public:
   std::uint32_t capacity() const noexcept { return capacity_; }
 
   // The unit's hardware table, mounted (and created) on first use.
-  // `wiped` is set when the table had been created before and its contents
-  // were lost; the caller rebuilds it and the flag is cleared.
+  // `wiped` is set while the table's contents are lost: it had been created
+  // before and its file was lost or damaged. The flag stays in the file
+  // until the caller has rebuilt the table and clears it
+  // (hwEntries().control().clearWiped()), so that a writer that stops
+  // before then finds the table wiped again.
   template <typename B>
   Fwk::Ptr<HwTable<B>> hwTable(Asic::UnitId unit, bool *wiped = nullptr) {
     ensureEntityType<HwTable<B>>();
     const std::string path = hwTablePath<B>(unit);
-    if (auto e = Fwk::ptrCast<HwTable<B>>(em_->entity(path))) {
-      return e;
+    auto table = Fwk::ptrCast<HwTable<B>>(em_->entity(path));
+    if (!table) {
+      table = Shm::mountOne<HwTable<B>>(em_, path, capacity_);
     }
-    auto table = Shm::mountOne<HwTable<B>>(em_, path, capacity_);
-    auto &control = table->hwEntries().control();
     if (wiped) {
-      *wiped = control.wiped();
+      *wiped = table->hwEntries().control().wiped();
     }
-    control.clearWiped();
     return table;
   }
   // The units that have a hardware table of the table type on disk.

@@ -77,16 +77,28 @@ private:
   std::map<std::string, Fwk::Ptr<Shm::MountGroup>> mounts_;
 };
 
+// What a read of a whole collection got: `complete` is false when it gave
+// up (nothing was collected then); `dropped` counts the records that failed
+// their checks and were left out.
+struct RecordsRead {
+  bool complete = true;
+  unsigned dropped = 0;
+  explicit operator bool() const noexcept { return complete; }
+};
+
 // Reads every record of a collection: in the collection's order (forEach,
 // which copies the records first) or in slot order (forEachUnordered, which
 // streams them). A record that fails its checks is handed to the
 // collection's corruption handling (reported, counted, then read as absent)
 // and the read starts over, `restart` running before every pass. After
-// `maxDrops` such records the read gives up and returns false.
+// `maxDrops` such records the read gives up (`restart` runs once more). A
+// caller for whom a missing record matters looks at `dropped`: a dropped
+// record reads as absent from then on, so a later read cannot tell it from
+// one that was never there.
 template <typename Coll, typename Restart, typename F>
-bool readRecords(Coll &coll, bool ordered, Restart &&restart, F &&f,
-                 unsigned maxDrops = 1000) {
-  for (unsigned drops = 0;; ++drops) {
+RecordsRead readRecords(Coll &coll, bool ordered, Restart &&restart, F &&f,
+                        unsigned maxDrops = 1000) {
+  for (RecordsRead out;; ++out.dropped) {
     restart();
     try {
       if (ordered) {
@@ -94,12 +106,12 @@ bool readRecords(Coll &coll, bool ordered, Restart &&restart, F &&f,
       } else {
         coll.forEachUnordered(f);
       }
-      return true;
+      return out;
     } catch (const Shm::CorruptionError &e) {
       coll.doCorruptionDetected(e.what());
-      if (drops == maxDrops) {
+      if (out.dropped == maxDrops) {
         restart();
-        return false;
+        return RecordsRead{false, out.dropped + 1};
       }
     }
   }

@@ -1,16 +1,18 @@
 #include "tools/mpls-agent/DesiredSet.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
+#include <string_view>
 
 namespace MplsAgent {
 
@@ -238,6 +240,129 @@ ParsedLine parseLine(const std::vector<std::string> &f, std::uint32_t line,
   return p;
 }
 
+// The words of a line, up to a '#'.
+std::vector<std::string> fieldsOf(std::string_view text) {
+  text = text.substr(0, text.find('#'));
+  std::vector<std::string> out;
+  const auto blank = [](char c) {
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+  };
+  for (std::size_t at = 0; at < text.size();) {
+    if (blank(text[at])) {
+      ++at;
+      continue;
+    }
+    std::size_t end = at;
+    while (end < text.size() && !blank(text[end])) {
+      ++end;
+    }
+    out.emplace_back(text.substr(at, end - at));
+    at = end;
+  }
+  return out;
+}
+
+// What a file is when it is not a regular file.
+const char *kindOf(mode_t mode) {
+  switch (mode & S_IFMT) {
+  case S_IFDIR:
+    return "a directory";
+  case S_IFIFO:
+    return "a FIFO";
+  case S_IFCHR:
+    return "a character device";
+  case S_IFBLK:
+    return "a block device";
+  case S_IFSOCK:
+    return "a socket";
+  default:
+    return "a special file";
+  }
+}
+
+// A desired-state file open for reading, refused unless it is a regular
+// file: a FIFO or a device may never end, and the open itself does not wait
+// for a FIFO's writer (O_NONBLOCK).
+class FileReader {
+public:
+  explicit FileReader(const std::string &path) {
+    fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd_ < 0) {
+      throw InputError(
+          fmt::format("{}: cannot read: {}", path, std::strerror(errno)));
+    }
+    struct stat st {};
+    if (::fstat(fd_, &st) != 0) {
+      const int err = errno;
+      ::close(fd_);
+      throw InputError(
+          fmt::format("{}: cannot read: {}", path, std::strerror(err)));
+    }
+    if (!S_ISREG(st.st_mode)) {
+      ::close(fd_);
+      throw InputError(fmt::format("{}: cannot read: is {}, not a regular file",
+                                   path, kindOf(st.st_mode)));
+    }
+  }
+  ~FileReader() { ::close(fd_); }
+  FileReader(const FileReader &) = delete;
+  FileReader &operator=(const FileReader &) = delete;
+
+  // Calls take(text, lineNumber) for every line, without its newline. False
+  // when reading stopped early: a line beyond kMaxLineBytes or kMaxLines,
+  // or a failed read (added to `problems`).
+  template <typename Take> bool lines(Take &&take, Problems &problems) const {
+    std::string text;
+    std::uint32_t line = 0;
+    const auto finish = [&] {
+      if (line == kMaxLines) {
+        problems.at(line + 1, fmt::format("more than {} lines; reading stopped",
+                                          kMaxLines));
+        return false;
+      }
+      take(std::string_view(text), ++line);
+      text.clear();
+      return true;
+    };
+    std::vector<char> buf(64 * 1024);
+    for (;;) {
+      const ssize_t n = ::read(fd_, buf.data(), buf.size());
+      if (n < 0 && errno == EINTR) {
+        continue;
+      }
+      if (n < 0) {
+        problems.whole(fmt::format("read failed: {}", std::strerror(errno)));
+        return false;
+      }
+      if (n == 0) {
+        return text.empty() || finish();
+      }
+      for (const char *at = buf.data(), *stop = at + n; at < stop;) {
+        const char *nl = static_cast<const char *>(
+            std::memchr(at, '\n', static_cast<std::size_t>(stop - at)));
+        const char *upTo = nl ? nl : stop;
+        if (text.size() + static_cast<std::size_t>(upTo - at) > kMaxLineBytes) {
+          problems.at(line + 1,
+                      fmt::format("line longer than {} bytes; reading stopped",
+                                  kMaxLineBytes));
+          return false;
+        }
+        text.append(at, upTo);
+        if (!nl) {
+          break;
+        }
+        if (!finish()) {
+          return false;
+        }
+        at = nl + 1;
+      }
+    }
+  }
+
+private:
+  int fd_ = -1;
+};
+
 } // namespace
 
 const char *tableWord(TableKind t) noexcept {
@@ -275,41 +400,24 @@ std::map<std::uint32_t, std::uint32_t> DesiredSet::inLifData() const {
 
 DesiredSet readFile(const std::string &path,
                     const std::optional<std::vector<Asic::UnitId>> &units) {
-  std::ifstream in(path);
-  if (in && std::filesystem::is_directory(path)) {
-    throw InputError(fmt::format("{}: cannot read: is a directory", path));
-  }
-  if (!in) {
-    throw InputError(
-        fmt::format("{}: cannot read: {}", path, std::strerror(errno)));
-  }
+  const FileReader in(path);
   Problems problems(path);
   DesiredSet set;
   // in-LIF id -> (data, line that first named it)
   std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> inLifs;
-  std::string text;
-  std::uint32_t line = 0;
-  while (std::getline(in, text)) {
-    ++line;
-    if (const auto hash = text.find('#'); hash != std::string::npos) {
-      text.resize(hash);
-    }
-    std::istringstream words(text);
-    std::vector<std::string> f;
-    for (std::string w; words >> w;) {
-      f.push_back(std::move(w));
-    }
+  const auto take = [&](std::string_view text, std::uint32_t line) {
+    const std::vector<std::string> f = fieldsOf(text);
     if (f.empty()) {
-      continue;
+      return;
     }
     const ParsedLine p = parseLine(f, line, units, problems);
     if (!p.ok) {
-      continue;
+      return;
     }
     if (const auto it = set.entries().find(p.key); it != set.entries().end()) {
       problems.at(line, fmt::format("key '{}': duplicate of line {}",
                                     keyText(p.key), it->second.line));
-      continue;
+      return;
     }
     if (p.key.table == TableKind::isem2) {
       const auto [it, fresh] =
@@ -320,15 +428,14 @@ DesiredSet readFile(const std::string &path,
                                 "entries of one in-LIF share its data",
                                 p.value.data, p.value.resource,
                                 it->second.first, it->second.second));
-        continue;
+        return;
       }
     }
     set.add(p.key, p.value, line);
+  };
+  if (in.lines(take, problems)) {
+    checkCapacity(set, problems);
   }
-  if (in.bad()) {
-    problems.whole(fmt::format("read failed: {}", std::strerror(errno)));
-  }
-  checkCapacity(set, problems);
   problems.throwIfAny();
   return set;
 }

@@ -13,6 +13,10 @@
 //   lem   <unit> <label>[/<qualifier>] adj=<l2-adjacency-id>
 //   isem2 <unit> <label>[/<qualifier>] inlif=<in-LIF id> [data=<u32>]
 //
+// The file is a regular file (a FIFO, a device or a directory is refused
+// before anything is read) of at most kMaxLines lines of at most
+// kMaxLineBytes bytes; reading stops at the first line beyond either.
+//
 // Labels are 0 to 2^20-1, qualifiers 0 to 255 (default 0), units 0 to 65535;
 // numbers are decimal or 0x-prefixed hex. adj=0 is refused (the null
 // adjacency means "no FEC"). An in-LIF id names one in-LIF: every ISEM2 entry
@@ -25,6 +29,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -74,6 +79,11 @@ inline constexpr std::uint32_t kMaxLabel = (1u << 20) - 1;
 inline constexpr std::uint32_t kUnitTableCapacity = 65536;
 inline constexpr std::uint32_t kResourceCapacity = 65536;
 
+// Bounds of a desired-state file, far above any real one (a unit's table
+// holds 65536 entries, one a line), so that endless input ends in an error.
+inline constexpr std::uint32_t kMaxLines = 4u << 20; // 4,194,304
+inline constexpr std::size_t kMaxLineBytes = 4096;   // without the newline
+
 // Bad input; what() is one or more lines "file:line: field 'text': problem".
 class InputError : public std::runtime_error {
 public:
@@ -110,7 +120,8 @@ private:
 // Reads and checks a desired-state file. `units`, when given, are the units
 // the agent drives: an entry of any other unit is an error. Throws
 // InputError (every problem found, at most 20 lines of them) when the file
-// cannot be read or anything in it is wrong.
+// cannot be read, is not a regular file, goes beyond kMaxLines or
+// kMaxLineBytes, or anything in it is wrong.
 DesiredSet readFile(const std::string &path,
                     const std::optional<std::vector<Asic::UnitId>> &units);
 

@@ -66,11 +66,14 @@ int main(int argc, char **argv) {
       "through the hardware writer (mpls-hw) and prints a summary. Over a "
       "store that holds state it restores, marks, replays, sweeps what was "
       "not replayed and reconciles units it no longer drives."};
-  app.add_option("file", opt.file,
-                 "desired-state file: one entry per line, 'lem <unit> "
-                 "<label>[/<qualifier>] adj=<id>' or 'isem2 <unit> "
-                 "<label>[/<qualifier>] inlif=<id> [data=<u32>]'; '#' starts "
-                 "a comment (see README.md)");
+  app.add_option(
+      "file", opt.file,
+      fmt::format("desired-state file: one entry per line, 'lem <unit> "
+                  "<label>[/<qualifier>] adj=<id>' or 'isem2 <unit> "
+                  "<label>[/<qualifier>] inlif=<id> [data=<u32>]'; '#' starts "
+                  "a comment; a regular file of at most {} lines of {} bytes "
+                  "(see README.md)",
+                  kMaxLines, kMaxLineBytes));
   auto *gen = app.add_option("--generate", generateN,
                              "generate N entries per table and unit instead "
                              "of reading a file (deterministic in --seed)")

@@ -7,8 +7,10 @@
 //   mpls-hw --agent a1 --rate 1000   # at most 1000 changes a second
 //   mpls-hw --once                   # apply what is there, publish, exit
 //
-// Exit codes: 0 a clean stop, 1 a failure, 2 a bad option, 3 another mpls-hw
-// writes this agent's hardware instance.
+// Exit codes: 0 a clean stop, 1 a failure (--once: also tables left out of
+// step with the change log, such as a unit whose configuration could not be
+// read), 2 a bad option, 3 another mpls-hw writes this agent's hardware
+// instance.
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
@@ -218,6 +220,11 @@ int run(const Options &opt, Output &out) {
       "{}: {}, {}; {} full-table reports", gStop ? "stopped" : "done",
       describe(isem2), describe(lem),
       isem2.counters().tableFullReports + lem.counters().tableFullReports));
+  if (opt.once && (isem2.stalled() || lem.stalled())) {
+    out.line("the hardware tables are not in step with the agent's change "
+             "logs (see above); a later run tries again");
+    return 1;
+  }
   return 0;
 }
 
