@@ -20,6 +20,7 @@
 #include "tools/mpls-soak/Child.h"
 #include "tools/mpls-soak/Damage.h"
 #include "tools/mpls-soak/Desired.h"
+#include "tools/mpls-soak/Holdings.h"
 #include "tools/mpls-soak/LogTail.h"
 
 namespace MplsSoak {
@@ -690,6 +691,22 @@ bool Soak::round(std::uint64_t n) {
       kill(k, fmt::format("at +{} (window {})", msText(d), msText(window)));
     }
   }
+  // Both stopped: the store is a still picture of an instant in the middle
+  // of the work, which must already hold what the hardware uses.
+  std::optional<Failure> inFlight;
+  if (k == Kill::both) {
+    const auto unallocated = unallocatedInHardware(storeDir(), opt_.agent);
+    if (!unallocated.empty()) {
+      inFlight = Failure{"with both stopped, the hardware holds resources "
+                         "the agent's store has freed",
+                         {}};
+      for (const auto &u : unallocated) {
+        inFlight->details.push_back("  " + u);
+      }
+      actions_.push_back("check while both are stopped: the hardware holds "
+                         "freed resources");
+    }
+  }
   if (damage) {
     const auto d = damageRecord(instanceDir(), kUnits, prefer, damageRng);
     if (!d) {
@@ -763,6 +780,9 @@ bool Soak::round(std::uint64_t n) {
   std::size_t entries = 0;
   if (!failure) {
     failure = check(entries);
+  }
+  if (!failure && inFlight) {
+    failure = std::move(inFlight);
   }
   ++counters_.rounds;
   std::string line =

@@ -20,7 +20,9 @@
 //      the agent, the hardware writer, both or neither get SIGKILL;
 //   4. every `damageEvery`th round both are killed, and one live record of
 //      the agent's store (a configuration table's or a change log's) is
-//      damaged while neither runs;
+//      damaged while neither runs; whenever both are stopped, the store is
+//      checked for hardware entries that use resources the agent has
+//      freed (Holdings.h);
 //   5. what was killed is restarted (in a drawn order, with a drawn gap);
 //      sometimes the restarted agent is killed once more while it recovers
 //      and started again;
@@ -28,8 +30,8 @@
 //      change finished, within `restTimeout`;
 //   7. mpls-agent --verify compares the hardware tables with the file.
 // A round that does not come to rest, a process that ends by itself, a
-// failed verify, or failures the agent reports is a divergence: it
-// is printed with the round's actions, what the programs said and what
+// failed verify or check, or failures the agent reports is a divergence:
+// it is printed with the round's actions, what the programs said and what
 // mpls-show says of the store, and the next round starts on a fresh store
 // (the first divergent one kept with `keepDivergent`). A verify that
 // differs is made again once the store has stayed still for a second, and

@@ -75,8 +75,9 @@ int main(int argc, char **argv) {
       "damages one record of the agent's store now and then while both are "
       "stopped, restarts what was killed, waits until the agent says every "
       "change finished, and checks with mpls-agent --verify that the "
-      "hardware tables equal the desired set. A round that does not come to "
-      "rest, a program that ends by "
+      "hardware tables equal the desired set; whenever both are stopped it "
+      "also checks that the hardware uses no resource the agent's store has "
+      "freed. A round that does not come to rest, a program that ends by "
       "itself, a failed check or failures the agent reports are "
       "divergences, printed with the round's actions. Exit codes: 0 no "
       "divergence, 1 divergences, 2 bad usage or set-up, 130 interrupted."};
