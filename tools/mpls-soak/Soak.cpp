@@ -649,8 +649,8 @@ bool Soak::round(std::uint64_t n) {
   }
   const bool killsAgent = k == Kill::agent || k == Kill::both;
   const bool killsWriter = k == Kill::writer || k == Kill::both;
-  const bool atRest = killsAgent && pick.chance(kKillAtRest);
-  const double killAt = pick.unit();
+  const bool atRestDrawn = killsAgent && pick.chance(kKillAtRest);
+  const double killAtDrawn = pick.unit();
   const bool agentFirst = pick.chance(0.5);
   const double gap = pick.uniform(0, kLongestGap);
   const bool again = killsAgent && pick.chance(kKillAgain);
@@ -660,6 +660,13 @@ bool Soak::round(std::uint64_t n) {
   const double againAt = pick.unit();
   const DamageTarget prefer =
       pick.chance(0.5) ? DamageTarget::changeLog : DamageTarget::configuration;
+  // A change log holds a record only until the writer has taken it: damage
+  // meant for one comes with a kill early in the change, not at rest, and
+  // the writer is killed a little before the agent.
+  const bool logDamage = damage && prefer == DamageTarget::changeLog;
+  const bool atRest = atRestDrawn && !logDamage;
+  const double killAt = logDamage ? killAtDrawn / 2 : killAtDrawn;
+  const double writerAhead = pick.uniform(0.005, 0.05);
 
   NextSet next = nextSet(current_, kUnits, opt_.labels, genSeed_, setRng);
   // Kill instants spread over about the time the change takes.
@@ -685,8 +692,17 @@ bool Soak::round(std::uint64_t n) {
     agentState_->hupSent();
     ++counters_.reloads;
     actions_.push_back(change + ": SIGHUP");
-    if (k != Kill::none) {
-      const double d = killAt * window;
+    const double d = killAt * window;
+    if (logDamage) {
+      // The writer first: what the agent logs after it stays in the log.
+      pause(d);
+      writer_.kill();
+      pause(writerAhead);
+      kill(k, fmt::format("at +{} (window {}), the writer {} before the "
+                          "agent",
+                          msText(d + writerAhead), msText(window),
+                          msText(writerAhead)));
+    } else if (k != Kill::none) {
       pause(d);
       kill(k, fmt::format("at +{} (window {})", msText(d), msText(window)));
     }
