@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -84,7 +85,7 @@ NextSet edited(const DesiredSet &current,
   for (TableKind t : {TableKind::isem2, TableKind::lem}) {
     for (Asic::UnitId u : units) {
       const auto want =
-          static_cast<std::size_t>(labels * percent / 100.0 + 0.5);
+          static_cast<std::size_t>(std::lround(labels * percent / 100.0));
       for (std::size_t i = 0; i < want; ++i) {
         EntryKey k{
             t, u,

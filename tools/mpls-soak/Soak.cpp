@@ -883,44 +883,38 @@ std::optional<Failure> Soak::finish() {
 void Soak::printSummary(bool interrupted) {
   status_.clear();
   const auto &c = counters_;
-  std::printf(
-      "mpls-soak: %llu round%s in %s%s (run seed %llu; %u labels per table "
-      "and unit, units %s)\n"
-      "  kills        agent %llu, writer %llu, both %llu; the agent again "
-      "while recovering %llu\n"
-      "  damaged      %llu record%s: %llu in configuration tables, %llu in "
-      "change logs\n"
-      "  reloads      %llu SIGHUP\n"
-      "  divergences  %llu\n",
-      static_cast<unsigned long long>(c.rounds), c.rounds == 1 ? "" : "s",
-      clockText(Clock::now() - started_).c_str(),
-      interrupted ? ", interrupted" : "",
-      static_cast<unsigned long long>(opt_.seed), opt_.labels, kUnitsText,
-      static_cast<unsigned long long>(c.killAgent),
-      static_cast<unsigned long long>(c.killWriter),
-      static_cast<unsigned long long>(c.killBoth),
-      static_cast<unsigned long long>(c.killAgain),
-      static_cast<unsigned long long>(c.damagedConfig + c.damagedLog),
-      c.damagedConfig + c.damagedLog == 1 ? "" : "s",
-      static_cast<unsigned long long>(c.damagedConfig),
-      static_cast<unsigned long long>(c.damagedLog),
-      static_cast<unsigned long long>(c.reloads),
-      static_cast<unsigned long long>(c.divergences));
+  const std::uint64_t damaged = c.damagedConfig + c.damagedLog;
+  std::string text = fmt::format(
+      "mpls-soak: {} round{} in {}{} (run seed {}; {} labels per table and "
+      "unit, units {})\n",
+      c.rounds, c.rounds == 1 ? "" : "s", clockText(Clock::now() - started_),
+      interrupted ? ", interrupted" : "", opt_.seed, opt_.labels, kUnitsText);
+  text += fmt::format("  kills        agent {}, writer {}, both {}; the agent "
+                      "again while recovering {}\n",
+                      c.killAgent, c.killWriter, c.killBoth, c.killAgain);
+  text += fmt::format("  damaged      {} record{}: {} in configuration "
+                      "tables, {} in change logs\n",
+                      damaged, damaged == 1 ? "" : "s", c.damagedConfig,
+                      c.damagedLog);
+  text += fmt::format("  reloads      {} SIGHUP\n", c.reloads);
+  text += fmt::format("  divergences  {}\n", c.divergences);
   if (c.transients != 0) {
-    std::printf("  transients   %llu verify difference(s) gone a second "
-                "later (shown above)\n",
-                static_cast<unsigned long long>(c.transients));
+    text += fmt::format("  transients   {} verify difference(s) gone a "
+                        "second later (shown above)\n",
+                        c.transients);
   }
   if (!finalText_.empty()) {
-    std::printf("  final        %s\n", finalText_.c_str());
+    text += fmt::format("  final        {}\n", finalText_);
   }
   if (!keptDir_.empty()) {
-    std::printf("  kept         the store of the first divergence: %s\n",
-                keptDir_.c_str());
+    text += fmt::format("  kept         the store of the first divergence: "
+                        "{}\n",
+                        keptDir_);
   }
   if (opt_.keep && !tmpDir_.empty()) {
-    std::printf("  kept         the run's directory: %s\n", tmpDir_.c_str());
+    text += fmt::format("  kept         the run's directory: {}\n", tmpDir_);
   }
+  std::fputs(text.c_str(), stdout);
   std::fflush(stdout);
 }
 
