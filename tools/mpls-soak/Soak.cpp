@@ -252,6 +252,8 @@ private:
   std::vector<std::string> notes_;
   std::string lastReport_;
   std::string finalText_; // how the final stop and verify went
+  // What the writer said when it found the agent's versions gone back.
+  std::optional<std::string> wentBack_;
 };
 
 Soak::~Soak() {
@@ -320,6 +322,11 @@ void Soak::collect() {
       }
       if (notable(l)) {
         notes_.push_back(fmt::format("hw.{}: {}", writerRuns_, l));
+      }
+      // A log version is handed out once, also across restarts: a log whose
+      // versions went back numbers two changes alike.
+      if (l.find("its versions went back") != std::string::npos && !wentBack_) {
+        wentBack_ = fmt::format("hw.{}: {}", writerRuns_, l);
       }
     }
   }
@@ -589,16 +596,21 @@ void Soak::endEpoch(bool diverged, const std::string &report) {
     if (::mkdtemp(kept.data()) != nullptr &&
         std::rename(epochDir_.c_str(), kept.c_str()) == 0) {
       keptDir_ = kept;
-      std::printf("  kept this store in %s:\n"
-                  "    %s/mpls-show summary --store %s/store\n"
-                  "    %s/mpls-agent --verify %s/desired.conf --units %s "
-                  "--store %s/store\n",
-                  kept.c_str(), opt_.tools.c_str(), kept.c_str(),
-                  opt_.tools.c_str(), kept.c_str(), kUnitsText, kept.c_str());
+      std::fputs(fmt::format(
+                     "  kept this store in {0} (the programs' output in "
+                     "{0}/logs):\n"
+                     "    {1}/mpls-show summary --agent {2} --store {0}/store\n"
+                     "    {1}/mpls-agent --verify {0}/desired.conf --units {3} "
+                     "--agent {2} --store {0}/store\n",
+                     kept, opt_.tools, opt_.agent, kUnitsText)
+                     .c_str(),
+                 stdout);
       std::fflush(stdout);
       return;
     }
-    std::printf("  could not keep the store %s\n", epochDir_.c_str());
+    std::fputs(
+        fmt::format("  could not keep the store {}\n", epochDir_).c_str(),
+        stdout);
   }
   if (!opt_.keep) {
     fs::remove_all(epochDir_, ec);
@@ -636,6 +648,7 @@ void Soak::report(const std::string &label, const Failure &f) {
 bool Soak::round(std::uint64_t n) {
   actions_.clear();
   notes_.clear();
+  wentBack_.reset();
   const auto roundStart = Clock::now();
   const std::string label = fmt::format("round {}", n);
   // Separate streams, so that how much one part draws never shifts another.
@@ -799,6 +812,11 @@ bool Soak::round(std::uint64_t n) {
   }
   if (!failure && inFlight) {
     failure = std::move(inFlight);
+  }
+  if (!failure && wentBack_) {
+    failure = Failure{"the agent's change-log versions went back (the "
+                      "writer rebuilt its tables)",
+                      {*wentBack_}};
   }
   ++counters_.rounds;
   std::string line =

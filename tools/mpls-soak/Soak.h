@@ -28,7 +28,8 @@
 //      and started again;
 //   6. the round comes to rest: both running, and the agent says every
 //      change finished, within `restTimeout`;
-//   7. mpls-agent --verify compares the hardware tables with the file.
+//   7. mpls-agent --verify compares the hardware tables with the file; the
+//      writer must not have found the agent's log versions gone back.
 // A round that does not come to rest, a process that ends by itself, a
 // failed verify or check, or failures the agent reports is a divergence:
 // it is printed with the round's actions, what the programs said and what
