@@ -476,7 +476,7 @@ TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
   EXPECT_LT(dropped, 120u);
 }
 
-TEST_F(AgentConfirm, WaitsForTheHardwareWriterAndNeverGoesBelowIt) {
+TEST_F(AgentConfirm, WaitsForTheHardwareWriterAndVersionsNeverGoBack) {
   const std::string agent = freshAgent();
   const Exit e =
       agentRun(agent, {"--generate", "10", "--confirm-timeout", "2"});
@@ -487,24 +487,76 @@ TEST_F(AgentConfirm, WaitsForTheHardwareWriterAndNeverGoesBelowIt) {
       << e.err;
   EXPECT_TRUE(contains(e.err, "confirmed nothing for 2 s")) << e.err;
 
-  // The writer takes those changes; then the agent's store goes and the
-  // writer's stays. A new agent of the name continues above the versions
-  // the writer confirmed, and the writer rebuilds its tables from the new
-  // store: both end equal to the new desired set.
+  // The writer takes those changes. Then, while the writer's store stays,
+  // the agent's store goes behind the versions it confirmed, in every way
+  // it can: made anew, restored from an older copy, its change logs made
+  // anew, its version word damaged low after its newest changes (removes)
+  // were retired. Each time the agent goes on above what was confirmed,
+  // the writer rebuilds its tables, and both end equal to the new set.
   ASSERT_EQ(hwOnce(agent).code, 0);
-  fs::remove_all(Shm::rootDirectory() + "/" + agent + ".0");
   Program hwWriter("mpls-hw",
                    {"--agent", agent, "--store", Shm::rootDirectory()});
-  const Exit again = agentRun(agent, {"--generate", "6", "--seed", "2"});
-  EXPECT_EQ(again.code, 0) << again.err;
-  EXPECT_GT(HwView(agent).published<Isem2>(), 20u);
-  const std::string set = tempFile("regress.conf");
-  ASSERT_EQ(run("mpls-agent", {"--generate", "6", "--seed", "2", "--emit", set})
-                .code,
-            0);
-  EXPECT_EQ(agentRun(agent, {"--verify", set}).code, 0);
+  HwView hw(agent);
+  const std::string dir = Shm::rootDirectory() + "/" + agent + ".0";
+  const std::string copy = tempFile("older-copy");
+  Version last = hw.published<Isem2>();
+  int step = 0;
+  const auto drive = [&](const std::string &what, std::uint32_t n,
+                         std::uint32_t churn) {
+    SCOPED_TRACE(what);
+    const std::string set = tempFile("regress.conf");
+    ASSERT_EQ(run("mpls-agent",
+                  {"--generate", std::to_string(n), "--seed",
+                   std::to_string(++step), "--churn", std::to_string(churn),
+                   "--units", "1,2", "--emit", set})
+                  .code,
+              0);
+    const Exit e = agentRun(agent, {set});
+    EXPECT_EQ(e.code, 0) << e.err;
+    EXPECT_EQ(agentRun(agent, {"--verify", set}).code, 0);
+    const Version now = hw.published<Isem2>();
+    EXPECT_GT(now, last);
+    last = now;
+    std::remove(set.c_str());
+  };
+  // The store's files, without the agent's FIFO.
+  const auto copyStore = [](const std::string &from, const std::string &to) {
+    fs::remove_all(to);
+    for (const auto &e : fs::recursive_directory_iterator(from)) {
+      const fs::path target = to / fs::relative(e.path(), from);
+      if (e.is_directory()) {
+        fs::create_directories(target);
+      } else if (e.is_regular_file()) {
+        fs::create_directories(target.parent_path());
+        fs::copy_file(e.path(), target);
+      }
+    }
+  };
+
+  fs::remove_all(dir);
+  drive("a store made anew", 6, 0);
+  copyStore(dir, copy);
+  drive("the set changes", 8, 20);
+  fs::remove_all(dir);
+  copyStore(copy, dir);
+  drive("a store restored from an older copy", 8, 30);
+  ::unlink(changeLogFile<Isem2>(dir).c_str());
+  ::unlink(changeLogFile<Lem>(dir).c_str());
+  drive("change logs made anew", 8, 10);
+  drive("removes at the end", 3, 0);
+  for (const std::string &log : {changeLogFile<Isem2>(dir),
+                                 changeLogFile<Lem>(dir)}) {
+    // The scratchpad of the change log's one collection: 8 bytes into its
+    // control block, which follows the 4096-byte header.
+    std::fstream f(log, std::ios::in | std::ios::out | std::ios::binary);
+    const std::uint64_t low = 1;
+    f.seekp(4096 + 8);
+    f.write(reinterpret_cast<const char *>(&low), sizeof low);
+    ASSERT_TRUE(f.good()) << log;
+  }
+  drive("a version word damaged low", 9, 20);
   hwWriter.stop(SIGTERM);
-  std::remove(set.c_str());
+  fs::remove_all(copy);
 }
 
 } // namespace

@@ -242,8 +242,11 @@ void damage(const std::string &file, const T &pattern, std::size_t at) {
 template <typename F> std::string configFile(const Agent &agent, unsigned u) {
   return agent.directory() + "/" + F::B::Constants::configSlatePath(u);
 }
+template <typename F> std::string changeLogFile(const std::string &dir) {
+  return dir + "/" + F::B::Constants::tableEntryLogSlatePath();
+}
 template <typename F> std::string changeLogFile(const Agent &agent) {
-  return agent.directory() + "/" + F::B::Constants::tableEntryLogSlatePath();
+  return changeLogFile<F>(agent.directory());
 }
 
 // What the hardware writer of `agent` published and holds.

@@ -34,8 +34,12 @@
 // into a full table is reported and counted, and the version still advances.
 //
 // Following the right log. The follow record names the change-log file
-// (sourceIdOf) the tables are in step with. When the log is another file
-// (first start, an agent store made anew), its versions went backwards, the
+// (sourceIdOf) the tables are in step with, and the agent's rebuild version
+// (the log's epoch word) they were rebuilt at. When the log is another file
+// (first start, an agent store made anew), the agent asks for a rebuild
+// (its log was behind what the writer had published, or it lost a unit's
+// configuration: the tables may hold what it does not know of), its
+// versions went backwards, the
 // writer's own records were lost, or a scan dropped a damaged record (see
 // below), the follower rebuilds the tables from the agent's configuration
 // tables, which hold every committed entry: a rebase. rebaseNeeded() is the
@@ -364,6 +368,15 @@ private:
     if (!published_) {
       return RebaseNeed{"the version published for it was lost"};
     }
+    // The agent asks for a rebuild at a version of its own (its epoch) when
+    // the tables may hold what its configuration does not know of: its log
+    // went behind what was published, or it lost a unit's configuration.
+    if (const Asic::LogVersion epoch = log_->entryLogConfig().control().epoch();
+        epoch != record_.epoch) {
+      return RebaseNeed{
+          fmt::format("the agent asked for a rebuild at version {}", epoch),
+          epoch};
+    }
     const Asic::LogVersion reserved =
         log_->entryLogConfig().control().scratchpad();
     if (reserved < taken_) {
@@ -389,6 +402,8 @@ private:
   // and what is published stay as they were, and a later step tries again.
   bool rebase(const RebaseNeed &need, FollowStep &out) {
     const auto &control = log_->entryLogConfig().control();
+    // The epoch first: a rebuild asked for after this read is done again.
+    const Asic::LogVersion epoch = control.epoch();
     const Asic::LogVersion base =
         std::min(control.auxiliary(), control.scratchpad());
     if (base < need.atLeast) {
@@ -421,6 +436,7 @@ private:
     damagedUpTo_ = 0;
     missing_ = 0;
     record_.sourceId = sourceId_;
+    record_.epoch = epoch;
     ++record_.resyncs;
     ++run_.resyncs;
     publish(out);

@@ -26,8 +26,8 @@
 //
 // Records (explicit padding, always zero):
 //   FollowRecord  tableId u32 | pad u32 | sourceId | changesApplied |
-//                 tableFullReports | gapsSkipped | resyncs | updatedTimeNs
-//                 = 4 + 4 + 6 * 8 = 56 bytes, keyed by tableId
+//                 tableFullReports | gapsSkipped | resyncs | updatedTimeNs |
+//                 epoch = 4 + 4 + 7 * 8 = 64 bytes, keyed by tableId
 //   <table>HwEntry  the table's log entry, keyed by its label key:
 //                 ISEM2 key 8 | inLif0Index 4 | inLif23Index 4 = 16 bytes,
 //                 LEM key 8 | fecId 4 | errorCode 4 | reserved 2 * 4 = 24
@@ -153,16 +153,19 @@ struct FollowRecord {
   std::uint64_t gapsSkipped = 0;      // versions reserved and never used
   std::uint64_t resyncs = 0; // tables rebuilt from the agent's configuration
   std::int64_t updatedTimeNs = 0; // UTC, ns since the epoch
+  // The agent's rebuild version (the change log's epoch word) the tables
+  // were last rebuilt at; a log asking for another one is rebuilt from.
+  std::uint64_t epoch = 0;
 };
 
-static_assert(sizeof(FollowRecord) == 56, "the layout at the top of the file");
+static_assert(sizeof(FollowRecord) == 64, "the layout at the top of the file");
 
 struct FollowRecordTraits {
   using Key = std::uint32_t;
   using Record = FollowRecord;
   static Key keyOf(const Record &r) noexcept { return r.tableId; }
   static constexpr const char *kRecordName = "MicaMplsHw::FollowRecord";
-  static constexpr std::uint32_t kRecordVersion = 1;
+  static constexpr std::uint32_t kRecordVersion = 2;
 };
 
 struct FollowSlateNames {
