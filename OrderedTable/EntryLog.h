@@ -182,6 +182,7 @@ public:
     restoreTableVersion(wiped);
     EL_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path,
              tableVersion());
+    resyncIfDamaged();
   }
 
   // Mounts one unit's configuration table and drops the deletions that the
@@ -211,6 +212,7 @@ public:
       // remembers: only a rebuild from the configuration removes them.
       requestHardwareResync("the configuration of a unit was lost");
     }
+    resyncIfDamaged();
 
     // The versions this unit holds, and the change it may have been cut in,
     // were taken into account when the entry log was made.
@@ -328,6 +330,26 @@ public:
     EL_TRACE(2, " Asking the hardware writer to rebuild at version {}: {}", v,
              why);
     return v;
+  }
+
+  // Records dropped as damaged, from the change log (a change the writer
+  // may never take: it cannot tell the version from one never used) or from
+  // a configuration table (an entry the hardware holds that nothing here
+  // remembers), ask for a rebuild of the hardware from the configuration.
+  // Checked after every mount and clean-up: it compares counts.
+  void resyncIfDamaged() {
+    if (!tableEntryLog_) {
+      return;
+    }
+    std::uint64_t n = tableEntryLog_->entryLogConfig().corruptionCount();
+    for (auto it = tableConfigSlate_.begin(); it != tableConfigSlate_.end();
+         ++it) {
+      n += it.value()->swTableEntries().corruptionCount();
+    }
+    if (n != corruptionsSeen_) {
+      corruptionsSeen_ = n;
+      requestHardwareResync("damaged records were dropped");
+    }
   }
 
   // Whether a version the hardware writer says it has taken can be one of
@@ -528,6 +550,7 @@ public:
       cleanupVersion_ = logVersion;
       notify(attrCleanupVersion);
     }
+    resyncIfDamaged();
     // Changes that waited for room: as many as there is room for now.
     if (parked() != 0 && tableEntryLog_) {
       const std::uint32_t count = entryLogRecords();
@@ -864,6 +887,7 @@ private:
 
   EntryLogMessages messages_;
   bool hwAheadReported_ = false;
+  std::uint64_t corruptionsSeen_ = 0;
   Fwk::Ptr<EntryLogSlateT> tableEntryLog_;
   Fwk::HashMap<UnitId, Fwk::Ptr<ConfigSlateT>> tableConfigSlate_{0x27b70a85u};
   LogVersion cleanupVersion_ = 0;

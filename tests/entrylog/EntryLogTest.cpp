@@ -596,6 +596,12 @@ TYPED_TEST(EntryLog, ACorruptRecordReadsAsAbsent) {
   EXPECT_TRUE(log.entryHas(typename F::Key(2), 1));
   EXPECT_EQ(log.entrys(1), 1u);
   EXPECT_EQ(log.entryDel(typename F::Key(1), nullptr, 1), 0u);
+  // The hardware may hold the entry nothing here remembers: the next
+  // clean-up asks the writer to rebuild from the configuration.
+  EXPECT_EQ(log.hwResyncVersion(), 0u);
+  log.cleanupEntryLog(0);
+  EXPECT_EQ(log.hwResyncVersion(), 3u);
+  EXPECT_EQ(log.tableVersion(), 3u);
 
   // A damaged key byte: a walk meets the record under a key that is not the
   // one it is indexed under. It is dropped by its slot, once, and the walk
@@ -624,6 +630,9 @@ TYPED_TEST(EntryLog, ACorruptRecordReadsAsAbsent) {
   EXPECT_EQ(reports.count, 2);
   EXPECT_EQ(changes.count(), 1u);
   EXPECT_EQ(coll.corruptionCount(), 2u);
+  // A change the writer may now miss (a dropped change-log record): a
+  // rebuild at a version of its own.
+  EXPECT_EQ(env.log->hwResyncVersion(), 4u);
 }
 
 TYPED_TEST(EntryLog, TracesItsMilestonesWithTheirTexts) {
