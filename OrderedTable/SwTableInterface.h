@@ -83,15 +83,18 @@ public:
                     const Fwk::Ptr<OrderedSwTableStatus> &status);
   void swTableSetDel() { swTableSet_ = nullptr; }
 
-  // The software table of a unit: the existing one (given the helper, and
-  // cleared when asked), or a new one, mounted, linked to its resource
-  // table, then cleared or restored, and marking until the agent has
-  // finished its first replay.
+  // The software table of a unit: the one the group's set holds (given the
+  // helper, and cleared when asked), or a new one, mounted, linked to its
+  // resource table, then cleared or restored, added to the group's set, and
+  // marking until the agent has finished its first replay. The group's set
+  // is this interface's own until onDelete(); afterwards the group has none
+  // (making a table stops the process) or a later interface's.
   Fwk::Ptr<SwTable> makeSwTable(UnitId unitId,
                                 const Fwk::Ptr<Helper> &swTableHelper,
                                 bool clearEntries);
   // Clears, through the entry log, the persisted state of every unit that
-  // has a configuration table in the store but no software table.
+  // has a configuration table in the store but no software table in the
+  // group's set.
   void reconcile();
 
   // Unregisters the interface (and takes its tables off the group).

@@ -31,9 +31,9 @@ SwTableInterface<B>::SwTableInterface(
 }
 
 template <typename B> SwTableInterface<B>::~SwTableInterface() {
-  swTableSetDel();
-  swTableStatusDel();
   entryLogDel();
+  swTableStatusDel();
+  swTableSetDel();
 }
 
 template <typename B> void SwTableInterface<B>::handleInitialized() {
@@ -103,7 +103,12 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
   const SwTableId tableId = swTableId();
   auto groupIntf = group();
   FWK_ASSERT_NAMED(groupIntf, "groupIntf");
-  if (auto existing = swTableSet_->swTable(unitId)) {
+  // The group's set is the one of record: this interface's own is the same
+  // until it is deleted, and then the group has none, or a later
+  // interface's.
+  auto swTableSet = groupIntf->swTableSet(tableId);
+  FWK_ASSERT_NAMED(swTableSet, "swTableSet");
+  if (auto existing = swTableSet->swTable(unitId)) {
     TI_TRACE(3, "swTable with unitId: {} exists", unitId);
     auto existingTbl = Fwk::ptrCast<SwTable>(existing);
     FWK_ASSERT_NAMED(existingTbl, "existingTbl");
@@ -124,7 +129,7 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
   entryLog_->mountSlateConfig(unitId, confirmed);
   auto name = CanonicalTableName::canonicalTableNameIs(
       CanonicalTableName::softwareTable, tableNamespace(), tableName());
-  auto table = Fwk::make<SwTable>(name, tableId, unitId, swTableSet_.ptr(),
+  auto table = Fwk::make<SwTable>(name, tableId, unitId, swTableSet.ptr(),
                                   entryLog_, groupIntf->groupResolver());
   if (swTableHelper) {
     table->swTableHelperIs(swTableHelper);
@@ -154,7 +159,7 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     table->restoreEntries();
     TI_TRACE(2, B::kRestoredTrace, table->entrys(), unitId);
   }
-  swTableSet_->swTableIs(table);
+  swTableSet->swTableIs(table);
   table->tableStatusVersion(confirmed);
   groupIntf->sweepableSwTableSetIs(table);
   if (!clearEntries && !orderedTableIntf()->initialReplayDone()) {
@@ -166,6 +171,10 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
 template <typename B> void SwTableInterface<B>::reconcile() {
   TI_TRACE(8, "");
   Fwk::Ptr<Interface> keep(static_cast<Interface *>(this));
+  auto groupIntf = group();
+  FWK_ASSERT_NAMED(groupIntf, "groupIntf");
+  auto swTableSet = groupIntf->swTableSet(swTableId());
+  FWK_ASSERT_NAMED(swTableSet, "swTableSet");
   auto shm = agentShmEntityManager(*orderedTableIntf()->entityManager());
   const std::string base = Constants::canonicalGroupTableConfigSlatePathBase(
       canonicalGroup(), tableName());
@@ -178,7 +187,7 @@ template <typename B> void SwTableInterface<B>::reconcile() {
       TI_TRACE(3, " Skipping config entity without a unit id: {}", path);
       continue;
     }
-    if (!swTableSet_->swTable(*unitId)) {
+    if (!swTableSet->swTable(*unitId)) {
       TI_TRACE(3, " Found inactive unit id: {}", *unitId);
       makeSwTable(*unitId, nullptr, true);
     }

@@ -42,10 +42,19 @@ TYPED_TEST(Interface, IsMadeOnceAndRegisteredUntilDeleted) {
   EXPECT_FALSE(a.otIntf->swTableIntf(key));
   EXPECT_FALSE(a.group->swTableSet(intf->swTableId()));
   EXPECT_EQ(a.group->sweepableSwTables(), 0u);
+  // Tables are made in the group's set, which has none for the type now.
+  EXPECT_DEATH(intf->makeSwTable(2, nullptr, false), "swTableSet");
   auto again = decltype(intf)::element_type::getIntf(a.otIntf);
   EXPECT_NE(again, intf);
   EXPECT_EQ(again->entryLog()->tableVersion(), 1u);
-  EXPECT_EQ(again->makeSwTable(1, nullptr, false)->entrys(), 1u);
+  auto table1 = again->makeSwTable(1, nullptr, false);
+  EXPECT_EQ(table1->entrys(), 1u);
+  // The deleted interface finds the group's tables, not its own old ones,
+  // and reconciles nothing the group has.
+  EXPECT_EQ(intf->makeSwTable(1, nullptr, false), table1);
+  intf->reconcile();
+  EXPECT_EQ(again->entryLog()->tableVersion(), 1u);
+  EXPECT_EQ(a.group->swTableSet(intf->swTableId())->swTables(), 1u);
   if constexpr (std::is_same_v<F, Isem2>) {
     a.isem2 = again;
   } else {
