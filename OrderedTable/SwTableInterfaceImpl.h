@@ -99,6 +99,14 @@ void SwTableInterface<B>::swTableSetIs(
 template <typename B>
 Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     UnitId unitId, const Fwk::Ptr<Helper> &swTableHelper, bool clearEntries) {
+  return makeTable(unitId, swTableHelper, clearEntries, true);
+}
+
+template <typename B>
+Fwk::Ptr<typename B::SwTable>
+SwTableInterface<B>::makeTable(UnitId unitId,
+                               const Fwk::Ptr<Helper> &swTableHelper,
+                               bool clearEntries, bool driven) {
   TI_TRACE(8, "unitId: {}", unitId);
   const SwTableId tableId = swTableId();
   auto groupIntf = group();
@@ -112,6 +120,11 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     TI_TRACE(3, "swTable with unitId: {} exists", unitId);
     auto existingTbl = Fwk::ptrCast<SwTable>(existing);
     FWK_ASSERT_NAMED(existingTbl, "existingTbl");
+    // A unit reconciled before and driven now takes its client slot now.
+    if (const auto &linkage = existingTbl->linkage();
+        driven && linkage && !linkage->resTblClient()->slotIs()) {
+      refuseUnit(unitId);
+    }
     if (swTableHelper) {
       TI_TRACE(2, "Update software table helper");
       existingTbl->swTableHelperIs(swTableHelper);
@@ -121,6 +134,20 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
       existingTbl->clearTable(false);
     }
     return existingTbl;
+  }
+
+  // The resource table first: a unit it cannot serve is refused before
+  // anything is mounted or made.
+  auto resName = CanonicalTableName::canonicalTableNameIs(
+      CanonicalTableName::resourceTable, B::kResourceNamespace,
+      B::kResourceName);
+  auto resTbl = groupIntf->namedTable(*resName);
+  FWK_ASSERT_NAMED(resTbl, "resTbl");
+  auto typedResourceTable = Fwk::ptrCast<ResourceTable>(resTbl);
+  FWK_ASSERT_NAMED(typedResourceTable, "typedResourceTable");
+  if (driven &&
+      !typedResourceTable->clientSlotAvailable(B::kResourceName, unitId)) {
+    refuseUnit(unitId);
   }
 
   // The version the hardware has confirmed: deletions up to it are dropped
@@ -136,21 +163,19 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
   }
   table->statusIs(status_);
 
-  auto resName = CanonicalTableName::canonicalTableNameIs(
-      CanonicalTableName::resourceTable, B::kResourceNamespace,
-      B::kResourceName);
-  auto resTbl = groupIntf->namedTable(*resName);
-  FWK_ASSERT_NAMED(resTbl, "resTbl");
-  auto typedResourceTable = Fwk::ptrCast<ResourceTable>(resTbl);
-  FWK_ASSERT_NAMED(typedResourceTable, "typedResourceTable");
   TI_TRACE(2, B::kResourceStartedTrace, typedResourceTable->entries());
   MICA_TRACE_RING(B::kInterfaceSourceUnit, B::kInterfaceClass,
                   B::kResourceStartedTrace, typedResourceTable->entries());
   // Each unit's table is its own client of the resource table, so that one
-  // unit's release never frees what another still uses.
-  table->linkageIs(Fwk::make<Linkage>(
-      table.ptr(),
-      typedResourceTable->clientInstanceIs(B::kResourceName, unitId)));
+  // unit's release never frees what another still uses. A unit only
+  // reconciled takes its client slot when it first holds a resource, if it
+  // ever does.
+  auto client = typedResourceTable->clientInstanceIs(B::kResourceName, unitId);
+  if (driven) {
+    const bool slotted = client->slotIs();
+    FWK_ASSERT_NAMED(slotted, "slotted"); // checked above
+  }
+  table->linkageIs(Fwk::make<Linkage>(table.ptr(), std::move(client)));
 
   if (clearEntries) {
     TI_TRACE(2, B::kClearingTrace, unitId);
@@ -166,6 +191,17 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     table->mark();
   }
   return table;
+}
+
+template <typename B>
+void SwTableInterface<B>::refuseUnit(UnitId unitId) const {
+  TI_TRACE(1, " No client slot left in {}::{} for unitId: {}",
+           B::kResourceNamespace, B::kResourceName, unitId);
+  throw Fwk::Exception(fmt::format(
+      "{} unit {}: every one of the {} client slots of the resource table "
+      "{}::{} is taken",
+      tableName(), unitId, ResourceTable::kMaxClients, B::kResourceNamespace,
+      B::kResourceName));
 }
 
 template <typename B> void SwTableInterface<B>::reconcile() {
@@ -189,7 +225,7 @@ template <typename B> void SwTableInterface<B>::reconcile() {
     }
     if (!swTableSet->swTable(*unitId)) {
       TI_TRACE(3, " Found inactive unit id: {}", *unitId);
-      makeSwTable(*unitId, nullptr, true);
+      makeTable(*unitId, nullptr, true, false);
     }
   }
 }

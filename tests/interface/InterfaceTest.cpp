@@ -1,6 +1,8 @@
 // The table interfaces: boot, clean-up to the hardware's version, making and
 // reconciling units, restart with unchanged and changed resources, deletion
 // and the resolver's ordering across units and keys.
+#include <filesystem>
+
 #include "AgentFixture.h"
 #include "platform/agentlog/AgentLog.h"
 #include "platform/statedb/GenId.h"
@@ -211,6 +213,70 @@ TYPED_TEST(Interface, MakeSwTableCreatesOnceThenOnlySetsTheHelperOrClears) {
   a.otIntf->finishInitialReplay();
   EXPECT_FALSE(t->inMarkingState());
   EXPECT_FALSE(intf->makeSwTable(2, nullptr, false)->inMarkingState());
+}
+
+TYPED_TEST(Interface,
+           OnlyDrivenUnitsTakeClientSlotsAndOneTooManyLeavesNothing) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  constexpr auto kSlots = static_cast<Asic::UnitId>(F::ResTable::kMaxClients);
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  auto intf = a.intf<F>();
+  const auto set = [&] { return a.group->swTableSet(intf->swTableId()); };
+  for (Asic::UnitId u = 1; u <= kSlots; ++u) {
+    intf->makeSwTable(u, nullptr, false)
+        ->entryWrite(Key(u), F::entry(u, 1), nullptr);
+  }
+  EXPECT_EQ(a.pass(), kSlots);
+  EXPECT_EQ(a.resources<F>().clientSlotsTaken(), kSlots);
+
+  // One unit too many is refused before anything is mounted or made.
+  const auto refused = [&](Asic::UnitId u) {
+    SCOPED_TRACE(u);
+    const Asic::LogVersion version = intf->entryLog()->tableVersion();
+    const bool existed = set()->swTable(u) != nullptr;
+    EXPECT_THROW(intf->makeSwTable(u, nullptr, false), Fwk::Exception);
+    EXPECT_EQ(set()->swTable(u) != nullptr, existed);
+    EXPECT_EQ(intf->entryLog()->tableConfigSlateHas(u), existed);
+    EXPECT_EQ(std::filesystem::exists(a.directory() + "/" +
+                                      F::B::Constants::configSlatePath(u)),
+              existed);
+    EXPECT_EQ(intf->entryLog()->tableVersion(), version);
+  };
+  refused(kSlots + 1);
+  EXPECT_FALSE(
+      a.resources<F>().clientInstance(F::B::kResourceName, kSlots + 1));
+
+  // Restarted, the agent drives units 1 and 2. Reconciling the others takes
+  // no slot, so as many new units as there are slots left can be driven.
+  a.restart();
+  intf = a.intf<F>();
+  intf->makeSwTable(1, nullptr, false);
+  intf->makeSwTable(2, nullptr, false);
+  intf->reconcile();
+  EXPECT_EQ(set()->swTables(), kSlots);
+  EXPECT_EQ(a.resources<F>().clientSlotsTaken(), 2u);
+  for (Asic::UnitId u = kSlots + 1; u <= 2 * kSlots - 2; ++u) {
+    intf->makeSwTable(u, nullptr, false);
+  }
+  EXPECT_EQ(a.resources<F>().clientSlotsTaken(), kSlots);
+  refused(2 * kSlots - 1);
+  refused(3); // a reconciled unit to drive again
+
+  // A write into a reconciled unit's table finds no slot: it fails, and
+  // the resource table keeps nothing for it.
+  auto t3 = Fwk::ptrCast<typename F::Table>(set()->swTable(3));
+  PipelineTest::Responses r;
+  const std::size_t entries = a.resources<F>().entries();
+  auto h = t3->entryWriteWithResponseHandler(Key(9), F::entry(9, 7), nullptr,
+                                             r.handler());
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(h->entryState(), EntryState::failed);
+  EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(a.resources<F>().entries(), entries);
+  EXPECT_FALSE(a.resources<F>().entry(F::resKey(7)));
 }
 
 TYPED_TEST(Interface, AMissingOrWronglyTypedResourceTableStopsTheProcess) {
