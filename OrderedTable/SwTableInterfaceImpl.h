@@ -214,7 +214,11 @@ template <typename B> void SwTableInterface<B>::reconcile() {
   auto shm = agentShmEntityManager(*orderedTableIntf()->entityManager());
   const std::string base = Constants::canonicalGroupTableConfigSlatePathBase(
       canonicalGroup(), tableName());
-  const std::vector<std::string> paths = shm->entityPaths(base);
+  // The store's configuration entities: a unit whose file was lost while
+  // the agent was down is one too. Its mount finds it wiped and asks the
+  // hardware writer to rebuild, which clears what the hardware still holds
+  // of it.
+  const std::vector<std::string> paths = shm->knownEntityPaths(base);
   TI_TRACE(3, " No. of config entities found: {}, in slate path: {}",
            paths.size(), base);
   for (const std::string &path : paths) {

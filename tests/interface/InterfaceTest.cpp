@@ -298,13 +298,13 @@ TYPED_TEST(Interface,
   Fixture fx;
   auto &a = fx.agent;
   a.boot();
-  for (Asic::UnitId u : {1, 2}) {
+  for (Asic::UnitId u : {1, 2, 3}) {
     auto t = a.intf<F>()->makeSwTable(u, nullptr, false);
     for (std::uint32_t l = 1; l <= 40; ++l) {
       t->entryWrite(Key(l), F::entry(l, l % 4 + 1), nullptr); // 4 resources
     }
   }
-  EXPECT_EQ(a.pass(), 80u);
+  EXPECT_EQ(a.pass(), 120u);
   const Asic::LogVersion logged = a.intf<F>()->entryLog()->tableVersion();
   a.confirm(F::kTypeId, logged);
   const auto before = F::result(
@@ -312,7 +312,13 @@ TYPED_TEST(Interface,
           ->entry(Key(5)));
   EXPECT_NE(before, 0u);
 
-  a.restart();
+  // Unit 3's configuration is lost while the agent is down.
+  a.stop();
+  ASSERT_EQ(
+      ::unlink(
+          (a.directory() + "/" + F::B::Constants::configSlatePath(3)).c_str()),
+      0);
+  a.boot();
   auto intf = a.intf<F>();
   auto t1 = intf->makeSwTable(1, nullptr, false);
   EXPECT_EQ(t1->entrys(), 40u);
@@ -323,18 +329,24 @@ TYPED_TEST(Interface,
   EXPECT_EQ(client->acks(), 4u); // one per resource in use
   EXPECT_EQ(t1->linkage()->entryUsageSms(), 4u);
 
-  // Unit 2 gets no table: reconcile clears it through the log.
+  // Units 2 and 3 get no table: reconcile clears them through the log.
+  // Unit 3, whose file was lost, is found wiped: the hardware writer is
+  // asked to rebuild (at a version of its own), which clears what the
+  // hardware holds of it.
   Traces tr({F::B::kInterfaceClass});
   intf->reconcile();
   EXPECT_TRUE(tr.has(3, " Found inactive unit id: 2"));
+  EXPECT_TRUE(tr.has(3, " Found inactive unit id: 3"));
   auto t2 = Fwk::ptrCast<typename F::Table>(intf->swTableSet()->swTable(2));
   ASSERT_TRUE(t2);
   EXPECT_EQ(t2->entrys(), 0u);
   EXPECT_FALSE(t2->inMarkingState());
-  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 1);
+  EXPECT_TRUE(intf->swTableSet()->swTable(3));
+  EXPECT_EQ(intf->entryLog()->hwResyncVersion(), logged + 2);
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 3);
   EXPECT_EQ(t1->entrys(), 40u);
   intf->reconcile(); // every unit has its table now
-  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 1);
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 3);
 
   // Nothing was replayed: the sweep removes unit 1's entries, and the
   // resources only unit 2 held are let go.
