@@ -574,7 +574,8 @@ TEST_F(AgentConfirm, WhatTheHardwareRefusesFailsAndAnIdenticalWriteRetriesIt) {
   shown = run("mpls-show", {"--agent", agent, "--store", Shm::rootDirectory(),
                             "summary", "--json"});
   ASSERT_EQ(shown.code, 0) << shown.err;
-  for (const Json &t : Json::parse(shown.out)["tables"]) {
+  const Json summary = Json::parse(shown.out);
+  for (const Json &t : summary["tables"]) {
     for (const Json &u : t["units"]) {
       EXPECT_EQ(u["hwRefused"], 0) << u;
     }
