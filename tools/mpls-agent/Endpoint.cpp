@@ -92,7 +92,6 @@ Endpoint::~Endpoint() {
 }
 
 void Endpoint::onListen() {
-  static std::uint64_t serials = 0;
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
     const int fd =
         ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -119,7 +118,7 @@ void Endpoint::onListen() {
     }
     auto c = std::make_unique<Client>();
     c->fd = fd;
-    c->serial = ++serials;
+    c->serial = ++serials_;
     c->watch = loop_.watchIs(fd, [this, fd] { onClient(fd); });
     clients_.emplace(fd, std::move(c));
   }
@@ -245,17 +244,21 @@ void Endpoint::serve(Client &c) {
   if (!c.serveScheduled && c.pending() < kOutputHigh &&
       c.in.find('\n') != std::string::npos) {
     c.serveScheduled = true;
-    loop_.defer([this, fd, serial = c.serial] {
-      auto it = clients_.find(fd);
-      if (it == clients_.end() || it->second->serial != serial) {
-        return;
-      }
-      it->second->serveScheduled = false;
-      serve(*it->second);
-      if (it->second->dead) {
-        drop(fd);
-      }
-    });
+    loop_.defer(
+        [this, alive = std::weak_ptr<bool>(alive_), fd, serial = c.serial] {
+          if (alive.expired()) {
+            return; // the endpoint is gone
+          }
+          auto it = clients_.find(fd);
+          if (it == clients_.end() || it->second->serial != serial) {
+            return;
+          }
+          it->second->serveScheduled = false;
+          serve(*it->second);
+          if (it->second->dead) {
+            drop(fd);
+          }
+        });
   }
 }
 

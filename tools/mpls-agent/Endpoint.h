@@ -87,6 +87,9 @@ private:
   std::map<int, std::unique_ptr<Client>> clients_;
   std::uint64_t answered_ = 0;
   std::uint64_t refused_ = 0;
+  std::uint64_t serials_ = 0; // tells connections on a reused fd apart
+  // Tasks the endpoint defers check it is still there.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 } // namespace MplsAgent
