@@ -170,7 +170,7 @@ void Endpoint::serve(Client &c) {
     if (c.skipping) {
       if (nl == std::string::npos) {
         c.in.clear();
-        return;
+        break;
       }
       c.in.erase(0, nl + 1);
       c.skipping = false;
@@ -185,12 +185,9 @@ void Endpoint::serve(Client &c) {
                       {"error", "request longer than " +
                                     std::to_string(kMaxRequest) + " bytes"}});
         ++n;
-        if (c.dead) {
-          return;
-        }
         continue;
       }
-      return; // the rest of the line has not arrived
+      break; // the rest of the line has not arrived
     }
     std::string line = c.in.substr(0, nl);
     c.in.erase(0, nl + 1);
@@ -200,9 +197,6 @@ void Endpoint::serve(Client &c) {
       reply(c, Json{{"ok", false},
                     {"error", "request longer than " +
                                   std::to_string(kMaxRequest) + " bytes"}});
-      if (c.dead) {
-        return;
-      }
       continue;
     }
     if (line.find_first_not_of(" \t\r") == std::string::npos) {
@@ -213,9 +207,6 @@ void Endpoint::serve(Client &c) {
       ++refused_;
       reply(c, Json{{"ok", false},
                     {"error", "a request is one JSON object on one line"}});
-      if (c.dead) {
-        return;
-      }
       continue;
     }
     Json rep;
@@ -235,9 +226,10 @@ void Endpoint::serve(Client &c) {
       rep["id"] = req["id"];
     }
     reply(c, std::move(rep));
-    if (c.dead) {
-      return;
-    }
+  }
+  if (c.pending() != 0 && !flush(c)) {
+    c.dead = true;
+    return;
   }
   // More lines than one turn answers: the rest on a later pass, so that a
   // client that floods requests takes turns with the agent's own work.
@@ -262,12 +254,10 @@ void Endpoint::serve(Client &c) {
   }
 }
 
+// Queues a reply; serve() sends a turn's replies together.
 void Endpoint::reply(Client &c, Json doc) {
   c.out += doc.dump(-1, ' ', false, Json::error_handler_t::replace);
   c.out += '\n';
-  if (!flush(c)) {
-    c.dead = true;
-  }
 }
 
 bool Endpoint::flush(Client &c) {

@@ -215,10 +215,10 @@ Json Inspector::object(const Json &req, bool walking) {
   if (name == "resolver") {
     return read(*t_.group->groupResolver());
   }
-  if (name == "inLifs") {
+  if (name == "inLifs" && t_.inLifs) {
     return read(*t_.inLifs);
   }
-  if (name == "adjacencies") {
+  if (name == "adjacencies" && t_.adjacencies) {
     return read(*t_.adjacencies);
   }
   bad(fmt::format("unknown object '{}': table, linkage, entryLog, resolver, "
@@ -278,8 +278,11 @@ template <typename B> Json Inspector::why(const Json &req) {
       if (!w->resourcePtr() && !e->isEntryDeleted()) {
         // Not asked yet: the resource table's own view of the key.
         if constexpr (std::is_same_v<B, Isem2>) {
-          c["resource"] = toJson(t_.inLifs->entry(B::resourceKey(w->entry())));
-        } else {
+          if (t_.inLifs) {
+            c["resource"] =
+                toJson(t_.inLifs->entry(B::resourceKey(w->entry())));
+          }
+        } else if (t_.adjacencies) {
           c["resource"] =
               toJson(t_.adjacencies->entry(B::resourceKey(w->entry())));
         }
@@ -347,10 +350,16 @@ Json Inspector::tables() {
   for (auto &r : tablesOf<Lem>()) {
     rows.push_back(std::move(r));
   }
+  Json resources = Json::array();
+  if (t_.inLifs) {
+    resources.push_back(inspect(*t_.inLifs));
+  }
+  if (t_.adjacencies) {
+    resources.push_back(inspect(*t_.adjacencies));
+  }
   return {{"agent", t_.agent},
           {"tables", std::move(rows)},
-          {"resources",
-           Json::array({inspect(*t_.inLifs), inspect(*t_.adjacencies)})}};
+          {"resources", std::move(resources)}};
 }
 
 Json Inspector::top() {

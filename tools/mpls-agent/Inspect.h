@@ -38,7 +38,8 @@ namespace MplsAgent {
 
 using MicaMplsInspect::Json;
 
-// What the inspector reads. The pointers outlive the inspector.
+// What the inspector reads. The pointers outlive the inspector; a null one
+// is a part the agent does not have.
 struct InspectTargets {
   std::string agent;
   Asic::GroupInterface *group = nullptr;
