@@ -414,7 +414,14 @@ public:
     if (suppressIdenticalWrites) {
       ConfigEntry stored;
       if (lookup(slate, key, stored) && !stored.isDeleted) {
-        if (stored.logEntry == logEntry && stored.rsrcKeys == rsrcKeys) {
+        const bool identical =
+            stored.logEntry == logEntry && stored.rsrcKeys == rsrcKeys;
+        if (identical && hwRefusedKey(key, unitId)) {
+          EL_TRACE(3,
+                   "key: {}: the hardware refused the stored entry; logging "
+                   "it again",
+                   key);
+        } else if (identical) {
           if (stats) {
             stats->suppressedWriteCntInc(1);
           }
@@ -450,6 +457,14 @@ public:
     logChange(v, logEntry, unitId, 0, neededEntry);
     changeComplete(v);
     return v;
+  }
+
+  // Whether the hardware writer refused the key's stored entry: an
+  // identical write is then logged again, for the writer to try again.
+  bool hwRefusedKey(const Key &key, UnitId unitId) const {
+    const auto &group = groupInterface();
+    return group && group->hasHwRefusals() &&
+           group->hwRefusal(tableId(), unitId, key.packed()) != nullptr;
   }
 
   // Logs the deletion of one entry; 0 when the key has no record. A record

@@ -513,6 +513,7 @@ template <typename T> struct OrderedSwTableAccessor {
     // hardware is being rebuilt, nothing older than the rebuild is known to
     // be there: a suppressed write waits for the rebuild.
     logVersion = std::max(logVersion, resync);
+    handle->writesKeyIs(true);
     finishOrQueue(t, handle, logVersion,
                   t.entryLog() && logVersion > t.entryLog()->cleanupVersion());
     if (linkage) {
@@ -537,13 +538,24 @@ template <typename T> struct OrderedSwTableAccessor {
     if (t.groupResolver()) {
       t.groupResolver()->updateGenId();
     }
+    // Writes the hardware refused fail; looked up only while it holds
+    // refusals.
+    const GroupInterface *refusals =
+        t.entryLog() && t.entryLog()->groupInterface() &&
+                t.entryLog()->groupInterface()->hasHwRefusals()
+            ? t.entryLog()->groupInterface().ptr()
+            : nullptr;
     while (auto front = t.entryHandleInLogFront()) {
       if (front->logVersion() > v) {
         break; // it and every later handle stay queued
       }
       auto h = t.entryHandleInLogDeq();
       OT_TRACE(3, "Processing version: {}, key: {}", h->logVersion(), h->key());
-      h->entryStateIs(EntryState::finished);
+      if (refusals && h->writesKey() && hwRefused(t, *refusals, *h)) {
+        h->entryStateIs(EntryState::failed);
+      } else {
+        h->entryStateIs(EntryState::finished);
+      }
       respond(h);
     }
     // The resource table frees what the confirmed changes let go of.
@@ -554,6 +566,21 @@ template <typename T> struct OrderedSwTableAccessor {
     if (t.swTableSet()) {
       t.swTableSet()->maybeUpdatePendingHwWrites();
     }
+  }
+
+  // Whether the hardware refused the change of the handle (a write of a new
+  // key into a full hardware table, say): traced and counted.
+  static bool hwRefused(T &t, const GroupInterface &group,
+                        const EntryHandle &h) {
+    const HwRefusalRecord *r =
+        group.hwRefusal(t.swTableId(), t.unitId(), h.key().packed());
+    if (!r || !r->refusedChange(h.logVersion())) {
+      return false;
+    }
+    OT_TRACE(1, "key: {}: refused by the hardware at version {}: {}", h.key(),
+             h.logVersion(), hwRefusalText(r->reason));
+    t.stats()->hwRefusedCntInc(1);
+    return true;
   }
 
   static bool hasPendingHwWrites(const T &t) {

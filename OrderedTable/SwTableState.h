@@ -55,6 +55,10 @@ public:
   }
 
   const Key &key() const noexcept { return key_; }
+  // Whether the change puts the key's entry in the hardware (a committed
+  // write), which the hardware can refuse; deletions it always takes.
+  bool writesKey() const noexcept { return writesKey_; }
+  void writesKeyIs(bool w) noexcept { writesKey_ = w; }
   Table *swTable() const noexcept { return swTable_; }
   void swTableIs(Table *table) noexcept { swTable_ = table; }
 
@@ -77,6 +81,7 @@ private:
 
   Key key_;
   Table *swTable_;
+  bool writesKey_ = false;
 };
 
 template <typename T> struct OrderedSwTableAccessor;

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <concepts>
+#include <cstdint>
 #include <string_view>
 
 namespace Asic {
@@ -28,9 +29,12 @@ namespace Asic {
 template <typename B>
 concept TableBinding = requires(typename B::Entry &entry,
                                 const typename B::Entry &centry,
+                                const typename B::Key &key,
                                 const typename B::ResourceHandle *handle) {
   // Records of the family.
   typename B::Key;
+  // The key in 64 bits, as the hardware writer's records name it.
+  { key.packed() } -> std::convertible_to<std::uint64_t>;
   typename B::Entry;
   typename B::LogEntry;
   typename B::ResourceKeys;

@@ -8,6 +8,11 @@
 //   rewrite   every key moved onto one of 4,096 shared resources
 //   iterate   every committed entry read through the table's iterator
 //   remove    every key removed
+//   wait      every key written again onto one resource whose allocation is
+//             held back: each batch's pass finds every change waiting, and
+//             the one allocation at the end wakes them all at once (the
+//             back-pressure case; its cost per change should stay near the
+//             others', whatever the number of keys)
 //
 // at 1,024, 16,384 and 65,536 keys per unit, on 1 and 4 units, with 1, 100
 // and 1,000 changes per resolver pass. Each row prints changes per second,
@@ -29,6 +34,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <new>
 #include <string>
 #include <vector>
@@ -224,6 +230,52 @@ Row iterate(Agent<F> &a, std::uint32_t keys, std::uint32_t units,
              (minorFaults() - faults0) / 3};
 }
 
+// Every key (of an empty table) written onto one resource whose allocation
+// waits until every change has been offered to the resolver; then the
+// allocation runs and the passes commit them all.
+template <typename F>
+Row waitPhase(Agent<F> &a, std::uint32_t keys, std::uint32_t units,
+              std::uint32_t batch, double roof,
+              const Asic::OrderedSwTable::ResponseHandler &counter,
+              std::uint64_t &finished) {
+  finished = 0;
+  bool allocationAsked = false;
+  a.resources->schedulerIs(
+      [&allocationAsked](std::function<void()>) { allocationAsked = true; });
+  const std::uint64_t changes = std::uint64_t{keys} * units;
+  const std::uint64_t allocs0 = gAllocations.load();
+  const std::uint64_t faults0 = minorFaults();
+  const auto t0 = Clock::now();
+  std::uint32_t queued = 0;
+  for (std::uint32_t k = 0; k < keys; ++k) {
+    for (std::uint32_t u = 0; u < units; ++u) {
+      a.tables[u]->entryWriteWithResponseHandler(
+          typename F::B::Key(k), F::entry(k, 1), nullptr, counter);
+      if (++queued == batch) {
+        a.passAndConfirm();
+        queued = 0;
+      }
+    }
+  }
+  a.passAndConfirm();
+  a.resources->schedulerIs(nullptr);
+  a.resources->resolvePending();
+  while (finished < changes &&
+         a.group->groupResolver()->resolverQueueSize() != 0) {
+    a.passAndConfirm();
+  }
+  const double seconds =
+      std::chrono::duration<double>(Clock::now() - t0).count();
+  if (finished != changes || !allocationAsked) {
+    std::fprintf(stderr, "bench_e2e: %s wait: %lu of %lu changes finished\n",
+                 F::kName, static_cast<unsigned long>(finished),
+                 static_cast<unsigned long>(changes));
+    std::exit(1);
+  }
+  return Row{F::kName, "wait", keys, units, batch, seconds, changes, roof,
+             gAllocations.load() - allocs0, minorFaults() - faults0};
+}
+
 template <typename F>
 void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
          std::uint32_t batch) {
@@ -288,6 +340,7 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
                        keys, units, batch, seconds, changes, roof, allocs,
                        faults});
   }
+  rows.push_back(waitPhase<F>(a, keys, units, batch, roof, counter, finished));
 }
 
 void print(const Row &r) {

@@ -182,10 +182,73 @@ void GroupInterface::maybeMountTableVersions() const {
       em = Shm::entityManager(hwAgentName_, hwInstanceId_, Shm::Access::read);
     }
     tableVersionSlate_ = mountTableVersionSlate(em, groupName_);
+    refusals_.clear();
+    refusalSeq_ = 0;
+    try {
+      hwRefusalSlate_ = mountHwRefusalSlate(em, groupName_);
+    } catch (const Shm::Error &) {
+      hwRefusalSlate_ = nullptr; // a writer that records no refusals
+    }
   } catch (const Shm::Error &) {
     // Not there yet (the hardware writer has not started): not found.
     tableVersionSlate_ = nullptr;
+    hwRefusalSlate_ = nullptr;
   }
+}
+
+namespace {
+// Scans of the writer's refusals that meet a damaged record, at most.
+constexpr unsigned kMaxRefusalScans = 64;
+} // namespace
+
+void GroupInterface::refreshHwRefusals() const {
+  // Mounted with the table versions (hwTableVersion): a writer that has
+  // not started has none, and this costs no system call per look.
+  if (!hwRefusalSlate_) {
+    refusals_.clear();
+    return;
+  }
+  auto &coll = hwRefusalSlate_->hwRefused();
+  const std::uint64_t seq = coll.control().commitSequence();
+  if (seq == refusalSeq_) {
+    return;
+  }
+  // A snapshot that a change of the writer overlapped is taken again at
+  // the next look. A damaged record is dropped (it reads as absent from
+  // then on) and the scan starts over.
+  for (unsigned tries = 0;; ++tries) {
+    refusals_.clear();
+    try {
+      coll.forEach(
+          [this](const HwRefusalRecord &r) { refusals_.insert(r.at, r); });
+      break;
+    } catch (const Shm::CorruptionError &e) {
+      coll.doCorruptionDetected(e.what());
+      if (tries == kMaxRefusalScans) {
+        refusalSeq_ = 0;
+        return;
+      }
+    }
+  }
+  refusalSeq_ = coll.lastScanConsistent() ? seq : 0;
+}
+
+bool GroupInterface::hasHwRefusals() const {
+  refreshHwRefusals();
+  return !refusals_.empty();
+}
+
+const HwRefusalRecord *
+GroupInterface::hwRefusal(SwTableId tableId, UnitId unit,
+                          std::uint64_t packedKey) const {
+  if (!hasHwRefusals()) {
+    return nullptr;
+  }
+  HwRefusalKey k;
+  k.tableId = tableId.packed();
+  k.unit = unit;
+  k.key = packedKey;
+  return refusals_.find(k);
 }
 
 std::optional<LogVersion>

@@ -23,6 +23,7 @@
 
 #include "platform/Export.h"
 #include "platform/asic/GroupResolver.h"
+#include "platform/asic/HwRefusalSlate.h"
 #include "platform/asic/OrderedSwTable.h"
 #include "platform/asic/ResourceTableBase.h"
 #include "platform/asic/TableVersionSlate.h"
@@ -123,9 +124,21 @@ public:
   // Returns the number of table types whose version changed.
   std::size_t hwProgress();
 
+  // ---- What the hardware refused ----
+
+  // Whether the hardware writer holds any refusal of a change (see
+  // HwRefusalSlate.h). Cheap: a look at the writer's commit word, and a new
+  // snapshot of its refusals only when they changed.
+  bool hasHwRefusals() const;
+  // The writer's refusal of a key (its packed()) of a table type's unit, or
+  // nothing. Valid until the next call of these two.
+  const HwRefusalRecord *hwRefusal(SwTableId tableId, UnitId unit,
+                                   std::uint64_t packedKey) const;
+
 private:
   ~GroupInterface() override;
   void maybeMountTableVersions() const;
+  void refreshHwRefusals() const;
 
   struct SweepKey {
     std::uint32_t tableId = 0;
@@ -145,6 +158,12 @@ private:
   std::uint64_t logEntries_ = 0;
   std::uint64_t withDependencies_ = 0;
   mutable Fwk::Ptr<TableVersionSlate> tableVersionSlate_;
+  // The writer's refusals (mounted with its table versions; null where it
+  // keeps none) and a snapshot of them as of commit word refusalSeq_:
+  // a reader's lookup in the mapping is a scan.
+  mutable Fwk::Ptr<HwRefusalSlate> hwRefusalSlate_;
+  mutable std::uint64_t refusalSeq_ = 0;
+  mutable Fwk::HashMap<HwRefusalKey, HwRefusalRecord> refusals_{0x27d4eb2fu};
   std::string hwAgentName_;
   std::uint32_t hwInstanceId_ = 0;
 };

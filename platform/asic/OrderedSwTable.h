@@ -149,7 +149,8 @@ public:
   X(suppressCheckDiffCnt, 7)                                                   \
   X(updateCnt, 8)                                                              \
   X(updateWithFailedResourceCnt, 9)                                            \
-  X(logRefusedCnt, 11)
+  X(logRefusedCnt, 11)                                                         \
+  X(hwRefusedCnt, 12)
 
 #define MICA_STATS_COUNTER(name, id)                                           \
   static constexpr Fwk::AttrId attr_##name{id, #name};                         \

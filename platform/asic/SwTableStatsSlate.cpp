@@ -40,6 +40,7 @@ void SwTableStatsSlate::swTableStatsIs(SwTableId tableId, UnitId unitId,
   r.counters[C::updateCnt] = s.updateCnt();
   r.counters[C::updateWithFailedResourceCnt] = s.updateWithFailedResourceCnt();
   r.counters[C::logRefusedCnt] = s.logRefusedCnt();
+  r.counters[C::hwRefusedCnt] = s.hwRefusedCnt();
   if (s.lastCommitTime() != SwTableStats::Clock::time_point{}) {
     r.lastCommitTimeNs = nanosSinceEpoch(s.lastCommitTime());
   }

@@ -38,13 +38,14 @@ struct SwTableStatsRecord {
     updateCnt,
     updateWithFailedResourceCnt,
     logRefusedCnt,
+    hwRefusedCnt,
     kCounters
   };
   static constexpr const char *kCounterNames[kCounters] = {
       "entryWriteCnt",        "entryRemoveCnt", "resolveFailCnt",
       "tableClearCnt",        "commitCnt",      "suppressedWriteCnt",
       "suppressCheckDiffCnt", "updateCnt",      "updateWithFailedResourceCnt",
-      "logRefusedCnt"};
+      "logRefusedCnt",        "hwRefusedCnt"};
 
   std::uint64_t key = 0;     // recordKey(tableId, unitId)
   std::uint32_t tableId = 0; // the packed SwTableId
@@ -65,7 +66,7 @@ struct SwTableStatsRecordTraits {
   using Record = SwTableStatsRecord;
   static Key keyOf(const Record &r) noexcept { return r.key; }
   static constexpr const char *kRecordName = "Asic::SwTableStatsRecord";
-  static constexpr std::uint32_t kRecordVersion = 1;
+  static constexpr std::uint32_t kRecordVersion = 2;
 };
 
 struct SwTableStatsSlateNames {

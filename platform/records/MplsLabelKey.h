@@ -36,6 +36,10 @@ template <typename Tag> struct MplsLabelKey {
   constexpr std::uint64_t packed() const noexcept {
     return std::uint64_t{label} << 8 | qualifier;
   }
+  static constexpr MplsLabelKey fromPacked(std::uint64_t p) noexcept {
+    return MplsLabelKey(static_cast<std::uint32_t>(p >> 8),
+                        static_cast<std::uint8_t>(p & 0xff));
+  }
 };
 
 } // namespace MicaMpls

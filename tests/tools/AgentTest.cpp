@@ -476,6 +476,77 @@ TEST_F(AgentGenerate, SetsAreDeterministicNestedAndChurnedAsAsked) {
   EXPECT_LT(dropped, 120u);
 }
 
+TEST_F(AgentConfirm, WhatTheHardwareRefusesFailsAndAnIdenticalWriteRetriesIt) {
+  const std::string agent = freshAgent();
+  const std::string set = tempFile("full.conf");
+  ASSERT_EQ(run("mpls-agent", {"--generate", "20", "--seed", "5", "--units",
+                               "1", "--emit", set})
+                .code,
+            0);
+  Program hwWriter("mpls-hw", {"--agent", agent, "--store",
+                               Shm::rootDirectory(), "--capacity", "10"});
+  // Half of each table does not fit: those changes fail, none is done.
+  Exit e = agentRun(agent, {set});
+  EXPECT_EQ(e.code, 1) << e.out << e.err;
+  EXPECT_TRUE(contains(e.out, "20 confirmed by the hardware, 0 unchanged, "
+                              "20 failed"))
+      << e.out;
+  EXPECT_TRUE(contains(e.out, "failures   20: refused by the hardware: "
+                              "hardware table full"))
+      << e.out;
+  e = agentRun(agent, {"--verify", set});
+  EXPECT_EQ(e.code, 1);
+  EXPECT_TRUE(contains(e.out, ": refused by the hardware (hardware table "
+                              "full, "))
+      << e.out;
+  Exit shown = run("mpls-show", {"--agent", agent, "--store",
+                                 Shm::rootDirectory(), "hw", "lem", "1",
+                                 "--json"});
+  ASSERT_EQ(shown.code, 0) << shown.err;
+  const Json hwDoc = Json::parse(shown.out);
+  EXPECT_EQ(hwDoc["entries"].size(), 10u);
+  ASSERT_EQ(hwDoc["refused"].size(), 10u);
+  EXPECT_EQ(hwDoc["refused"][0]["reason"], "hardware table full");
+
+  // A set of only the refused labels: their identical writes are logged
+  // again, and refused again while the sweep has not made room yet; once it
+  // has, the same set goes in.
+  HwView hw(agent);
+  const auto inHw = hwLabels(hw);
+  const std::string rest = tempFile("rest.conf");
+  {
+    std::ifstream in(set);
+    std::ofstream out(rest);
+    for (std::string line; std::getline(in, line);) {
+      std::istringstream f(line);
+      std::string table, key;
+      unsigned unit = 0;
+      if (f >> table >> unit >> key &&
+          !inHw.at({table, unit}).count(std::stoul(key))) {
+        out << line << "\n";
+      }
+    }
+  }
+  e = agentRun(agent, {rest});
+  EXPECT_EQ(e.code, 1) << e.out << e.err;
+  EXPECT_TRUE(contains(e.out, "20 failed")) << e.out;
+  e = agentRun(agent, {rest});
+  EXPECT_EQ(e.code, 0) << e.out << e.err;
+  EXPECT_TRUE(contains(e.out, "20 confirmed by the hardware, 0 unchanged, "
+                              "0 failed"))
+      << e.out;
+  EXPECT_EQ(agentRun(agent, {"--verify", rest}).code, 0);
+  shown = run("mpls-show", {"--agent", agent, "--store", Shm::rootDirectory(),
+                            "summary", "--json"});
+  ASSERT_EQ(shown.code, 0) << shown.err;
+  for (const Json &t : Json::parse(shown.out)["tables"]) {
+    for (const Json &u : t["units"]) {
+      EXPECT_EQ(u["hwRefused"], 0) << u;
+    }
+  }
+  hwWriter.stop(SIGTERM);
+}
+
 TEST_F(AgentConfirm, WaitsForTheHardwareWriterAndVersionsNeverGoBack) {
   const std::string agent = freshAgent();
   const Exit e =

@@ -278,23 +278,47 @@ TEST(HwRebase, AConfigurationThatCannotBeReadHoldsTheRebuildBack) {
   EXPECT_EQ(HwView(name).table<Isem2>(1), (Table{{10, 10}, {11, 11}}));
 }
 
-TEST(HwFollow, AWriteIntoAFullTableIsReportedAndTheVersionAdvances) {
+TEST(HwFollow, WhatAFullTableRefusesIsRecordedUntilTheKeyIsTaken) {
+  using Refused = std::map<std::uint32_t, std::pair<Version, bool>>;
   Agent agent(freshAgent());
   agent.isem2->mountSlateConfig(1, 0);
-  ASSERT_EQ(hwOnce(agent.name(), {"--capacity", "2"}).code, 0);
-  for (std::uint32_t l = 1; l <= 3; ++l) {
+  const std::vector<std::string> small{"--capacity", "2"};
+  ASSERT_EQ(hwOnce(agent.name(), small).code, 0);
+  for (std::uint32_t l = 1; l <= 4; ++l) {
     agent.write<Isem2>(1, l, l);
   }
-  const Exit e = hwOnce(agent.name(), {"--capacity", "2"});
+  Exit e = hwOnce(agent.name(), small);
   ASSERT_EQ(e.code, 0) << e.err;
-  EXPECT_NE(e.err.find("hardware table full (2 entries); write of label 3 "
-                       "qualifier 0 (version 3) not applied"),
-            std::string::npos)
+  EXPECT_TRUE(contains(e.err, "hardware table full (2 entries); write of "
+                              "label 3 qualifier 0 refused (version 3)"))
       << e.err;
-  EXPECT_NE(e.err.find("; 1 full-table reports"), std::string::npos) << e.err;
+  EXPECT_TRUE(contains(e.err, "; 2 full-table reports")) << e.err;
   HwView hw(agent.name());
-  EXPECT_EQ(hw.published<Isem2>(), 3u);
+  EXPECT_EQ(hw.published<Isem2>(), 4u);
   EXPECT_EQ(hw.table<Isem2>(1), (Table{{1, 1}, {2, 2}}));
+  EXPECT_EQ(hw.refused<Isem2>(1), (Refused{{3, {3, false}}, {4, {4, false}}}));
+
+  // A deletion makes room, but a refusal stays until a change of its key
+  // is taken: the write of 3 again goes in, its deletion forgets 4's.
+  agent.del<Isem2>(1, 1);
+  agent.write<Isem2>(1, 3, 3);
+  agent.del<Isem2>(1, 4);
+  ASSERT_EQ(hwOnce(agent.name(), small).code, 0);
+  EXPECT_EQ(hw.table<Isem2>(1), (Table{{2, 2}, {3, 3}}));
+  EXPECT_EQ(hw.refused<Isem2>(1), Refused{});
+
+  // A rebuild refuses what does not fit, for every change it takes.
+  agent.write<Isem2>(1, 5, 5);
+  ::unlink((Shm::rootDirectory() + "/" +
+            MicaMplsHw::hwInstanceName(agent.name()) + ".0/" +
+            MicaMplsHw::FollowSlate::path())
+               .c_str());
+  e = hwOnce(agent.name(), small);
+  ASSERT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.err, "write of label 5 qualifier 0 refused (rebuild "
+                              "at version 8)"))
+      << e.err;
+  EXPECT_EQ(hw.refused<Isem2>(1), (Refused{{5, {8, true}}}));
 }
 
 TEST(HwFollow, OneWriterPerInstanceAndBadOptionsAreUsageErrors) {

@@ -49,7 +49,8 @@ TEST(Show, JsonAndTextMatchTheStore) {
                                      {"unit", 1},
                                      {"entries", 1},
                                      {"inDeletion", 1},
-                                     {"hwEntries", 2}}));
+                                     {"hwEntries", 2},
+                                     {"hwRefused", 0}}));
   EXPECT_EQ(sum["tables"][1]["units"][0]["unit"], 3);
   EXPECT_EQ(sum["tables"][1]["confirmedVersion"], 1);
 

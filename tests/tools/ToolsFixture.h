@@ -286,6 +286,20 @@ public:
     return out;
   }
 
+  // label -> (version, byRebuild) of the changes the hardware refused, of
+  // a unit's table.
+  template <typename F>
+  std::map<std::uint32_t, std::pair<Version, bool>> refused(Asic::UnitId unit) {
+    std::map<std::uint32_t, std::pair<Version, bool>> out;
+    for (const auto &[at, r] : MicaMplsHw::hwRefusals(view_)) {
+      if (std::get<0>(at) == F::kTypeId && std::get<1>(at) == unit) {
+        out[static_cast<std::uint32_t>(std::get<2>(at) >> 8)] = {
+            r.logVersion, r.byRebuild != 0};
+      }
+    }
+    return out;
+  }
+
 private:
   static std::uint32_t firstField(const MicaMpls::MplsIsem2LogEntry &e) {
     return e.inLif0Index;

@@ -31,7 +31,12 @@
 // replace), an entry delete removes the key, a table delete empties the
 // unit's table. Each is idempotent, so re-applying what came after the
 // published version (a restart) gives the same tables. A write of a new key
-// into a full table is reported and counted, and the version still advances.
+// into a full table is refused: reported, counted and recorded among the
+// refusals (HwRefusalSlate.h) before the version that covers it is
+// published, so that the agent fails the change instead of reporting it
+// done; the version still advances. A later change of the key that is taken
+// (or a rebuild that puts the key in) forgets the refusal. A refusal that
+// cannot be recorded (no record left) holds the follower up until one can.
 //
 // Following the right log. The follow record names the change-log file
 // (sourceIdOf) the tables are in step with, and the agent's rebuild version
@@ -421,7 +426,7 @@ private:
       }
     }
     for (Asic::UnitId u : units) {
-      if (!resyncUnit(u)) {
+      if (!resyncUnit(u, base)) {
         return false;
       }
     }
@@ -450,9 +455,12 @@ private:
 
   // Makes the unit's hardware table hold the unit's committed entries (and
   // clears its wiped flag). Keys the configuration does not hold are
-  // removed first, so that the writes fit. A configuration that cannot be
-  // read leaves the table as it is: reported, retried after a pause, false.
-  bool resyncUnit(Asic::UnitId unit) {
+  // removed first, so that the writes fit; the keys that do not fit are
+  // recorded as refused by the rebuild, covering every change up to
+  // `through` (the changes the rebuild takes). A configuration that cannot
+  // be read leaves the table as it is: reported, retried after a pause,
+  // false; so does a refusal that cannot be recorded.
+  bool resyncUnit(Asic::UnitId unit, Asic::LogVersion through) {
     const std::string path = B::Constants::configSlatePath(unit);
     std::vector<LogEntry> live;
     std::string failure;
@@ -501,8 +509,11 @@ private:
         hw.erase(*k);
       }
     }
+    store_.refusals().refusalDelUnit(tableId_.packed(), unit);
     for (const LogEntry &e : live) {
-      write(hw, unit, e, 0);
+      if (!write(hw, unit, e, through, true)) {
+        return false;
+      }
     }
     hw.control().clearWiped();
     HW_TRACE(3, "{} unit {}: {} entries from the configuration", tableName(),
@@ -572,7 +583,9 @@ private:
     bool wiped = false;
     auto table = store_.template hwTable<B>(r.unitId, &wiped);
     if (wiped) {
-      if (!resyncUnit(r.unitId)) {
+      // The changes up to the version taken were in the lost table; the
+      // rebuild takes them again, and this one and later are applied on.
+      if (!resyncUnit(r.unitId, taken_)) {
         return false;
       }
       unstall();
@@ -588,10 +601,15 @@ private:
       for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
         hw.erase(*k);
       }
+      store_.refusals().refusalDelUnit(tableId_.packed(), r.unitId);
     } else if (r.isEntryDelete()) {
       hw.erase(r.logEntry.key);
-    } else {
-      write(hw, r.unitId, r.logEntry, r.logVersion);
+      store_.refusals().refusalDel(refusalKey(r.unitId, r.logEntry.key));
+    } else if (!write(hw, r.unitId, r.logEntry, r.logVersion, false)) {
+      return false;
+    }
+    if (stalled_) {
+      unstall(); // what held it up is over
     }
     ++record_.changesApplied;
     ++run_.changesApplied;
@@ -600,22 +618,49 @@ private:
     return true;
   }
 
-  // `version` 0: a write of a rebuild.
+  Asic::HwRefusalKey refusalKey(Asic::UnitId unit, const Key &key) const {
+    Asic::HwRefusalKey k;
+    k.tableId = tableId_.packed();
+    k.unit = unit;
+    k.key = key.packed();
+    return k;
+  }
+
+  // Puts the entry in the unit's table, or records that the table refused
+  // it: the change of `version`, or with `byRebuild` every change up to
+  // `version`. False when the refusal could not be recorded: nothing the
+  // agent could be told is in the tables then, and the step stops.
   template <typename Coll>
-  void write(Coll &hw, Asic::UnitId unit, const LogEntry &e,
-             Asic::LogVersion version) {
+  bool write(Coll &hw, Asic::UnitId unit, const LogEntry &e,
+             Asic::LogVersion version, bool byRebuild) {
+    const Asic::HwRefusalKey at = refusalKey(unit, e.key);
     try {
       hw.insert(e);
+      store_.refusals().refusalDel(at);
+      return true;
     } catch (const Shm::CollectionFullError &) {
-      ++record_.tableFullReports;
-      ++run_.tableFullReports;
-      event(FollowEvent::Kind::tableFull,
-            fmt::format("{} unit {}: hardware table full ({} entries); write "
-                        "of label {} qualifier {}{} not applied",
-                        tableName(), unit, hw.capacity(), e.key.label,
-                        e.key.qualifier,
-                        version ? fmt::format(" (version {})", version) : ""));
     }
+    try {
+      store_.refusals().refusalIs(at, version, Asic::HwRefusal::tableFull,
+                                  byRebuild);
+    } catch (const Shm::CollectionFullError &) {
+      problem(FollowEvent::Kind::problem,
+              fmt::format("{} unit {}: hardware table full and no room to "
+                          "record what it refused; waiting for room",
+                          tableName(), unit));
+      stall(kRetryBroken);
+      return false;
+    }
+    ++record_.tableFullReports;
+    ++run_.tableFullReports;
+    event(FollowEvent::Kind::tableFull,
+          fmt::format("{} unit {}: hardware table full ({} entries); write "
+                      "of label {} qualifier {} refused ({})",
+                      tableName(), unit, hw.capacity(), e.key.label,
+                      e.key.qualifier,
+                      byRebuild ? fmt::format("rebuild at version {}", version)
+                                : fmt::format("version {}", version)));
+    return true;
   }
 
   void publish(FollowStep &out) {

@@ -54,8 +54,21 @@ HwStore::HwStore(const std::string &agentName, std::uint32_t capacity)
     : em_(Shm::entityManager(hwInstanceName(agentName), 0, Shm::Access::write)),
       capacity_(capacity) {
   ensureEntityType<FollowSlate>();
+  // The refusals before the versions: an agent that finds versions finds
+  // the refusals beside them.
+  refusals_ = Asic::mountHwRefusalSlate(em_, kGroup);
   versions_ = Asic::mountTableVersionSlate(em_, kGroup);
   follow_ = Shm::mountOne<FollowSlate>(em_, FollowSlate::path());
+  if (refusals_->hwRefused().control().wiped()) {
+    // Refusals lost: the published versions would report refused changes
+    // as taken. Without them every follower rebuilds its tables, which
+    // records what the tables refuse again.
+    auto &versions = versions_->tableVersion();
+    for (auto k = versions.firstKey(); k; k = versions.nextKey(*k)) {
+      versions.erase(*k);
+    }
+    refusals_->hwRefused().control().clearWiped();
+  }
   // Lost versions or follow records read as absent, which makes every
   // follower rebuild its tables: nothing else needs the flags.
   versions_->tableVersion().control().clearWiped();
@@ -63,6 +76,7 @@ HwStore::HwStore(const std::string &agentName, std::uint32_t capacity)
 }
 
 HwStore::~HwStore() {
+  refusals_ = nullptr;
   follow_ = nullptr;
   versions_ = nullptr;
   em_->close();

@@ -15,6 +15,10 @@
 //   ordered/MicaMpls/tableVersion   Asic::TableVersionSlate: per table type,
 //                                   the version the writer has taken (what
 //                                   the agent reads to retire its log)
+//   ordered/MicaMpls/hwRefused      Asic::HwRefusalSlate: the changes the
+//                                   hardware refused (a new key into a full
+//                                   table), until a later change of the key
+//                                   is taken; the agent fails their handles
 //   hw/MicaMpls/follow              MicaMplsHw::FollowSlate: per table type,
 //                                   the change-log file followed and the
 //                                   writer's counters (FollowRecord)
@@ -37,8 +41,9 @@
 //   unit1->hwEntries().insert(logEntry);
 //   store.publish(tableId, version, followRecord);
 //
-// Crash safety: the writer changes the hardware tables first and publishes
-// the version after, so a version it published is always in the tables;
+// Crash safety: the writer changes the hardware tables (and records the
+// changes they refused) first and publishes the version after, so a version
+// it published is always in the tables or among the refusals;
 // applying a change twice gives the same table, so a restart re-applies what
 // came after the published version. A rebuild of the tables from the
 // agent's configuration publishes only once every unit is rebuilt (see
@@ -55,6 +60,7 @@
 
 #include "OrderedTable/EntryLogRecords.h"
 #include "platform/asic/Constants.h"
+#include "platform/asic/HwRefusalSlate.h"
 #include "platform/asic/TableVersionSlate.h"
 #include "platform/shm/Store.h"
 
@@ -235,6 +241,9 @@ public:
     }
     return table;
   }
+  // The changes the hardware refused.
+  Asic::HwRefusalSlate &refusals() noexcept { return *refusals_; }
+
   // The units that have a hardware table of the table type on disk.
   template <typename B> std::vector<Asic::UnitId> hwUnits() const {
     return unitsIn(*em_, hwTableBase<B>());
@@ -255,6 +264,7 @@ private:
   std::uint32_t capacity_;
   Fwk::Ptr<Asic::TableVersionSlate> versions_;
   Fwk::Ptr<FollowSlate> follow_;
+  Fwk::Ptr<Asic::HwRefusalSlate> refusals_;
 };
 
 } // namespace MicaMplsHw

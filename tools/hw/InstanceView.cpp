@@ -97,4 +97,22 @@ void InstanceView::reset() {
   }
 }
 
+std::map<std::tuple<std::uint32_t, Asic::UnitId, std::uint64_t>,
+         Asic::HwRefusalRecord>
+hwRefusals(InstanceView &hw) {
+  std::map<std::tuple<std::uint32_t, Asic::UnitId, std::uint64_t>,
+           Asic::HwRefusalRecord>
+      out;
+  auto slate =
+      hw.entity<Asic::HwRefusalSlate>(Asic::HwRefusalSlate::path(kGroup));
+  if (slate) {
+    readRecords(
+        slate->hwRefused(), false, [&] { out.clear(); },
+        [&](const Asic::HwRefusalRecord &r) {
+          out[{r.at.tableId, r.at.unit, r.at.key}] = r;
+        });
+  }
+  return out;
+}
+
 } // namespace MicaMplsHw

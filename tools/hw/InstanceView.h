@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/asic/Types.h"
@@ -116,5 +117,12 @@ RecordsRead readRecords(Coll &coll, bool ordered, Restart &&restart, F &&f,
     }
   }
 }
+
+// The changes the hardware writer's instance `hw` records as refused,
+// keyed by table type, unit and packed key; none while it keeps none.
+// Damaged records are dropped as readRecords does.
+std::map<std::tuple<std::uint32_t, Asic::UnitId, std::uint64_t>,
+         Asic::HwRefusalRecord>
+hwRefusals(InstanceView &hw);
 
 } // namespace MicaMplsHw

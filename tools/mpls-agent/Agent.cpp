@@ -627,6 +627,18 @@ void Host::onResponse(const EntryKey &key, const EntryValue &value,
 std::string Host::failureReason(const EntryKey &key, const EntryValue &value,
                                 Change::Op op) const {
   constexpr auto kFailed = static_cast<std::uint8_t>(Asic::EntryState::failed);
+  if (op == Change::Op::write) {
+    const bool isem2 = key.table == TableKind::isem2;
+    const Asic::SwTableId tableId{isem2 ? Isem2::Constants::swTableTypeId
+                                        : Lem::Constants::swTableTypeId};
+    const std::uint64_t packed =
+        isem2 ? Isem2::Key(key.label, key.qualifier).packed()
+              : Lem::Key(key.label, key.qualifier).packed();
+    if (const auto *r = group_->hwRefusal(tableId, key.unit, packed)) {
+      return fmt::format("refused by the hardware: {}",
+                         Asic::hwRefusalText(r->reason));
+    }
+  }
   if (op == Change::Op::write && key.table == TableKind::isem2) {
     const auto h = inLif_->entry(inLifKey(value.resource));
     if (!h || h->entryState() == kFailed) {

@@ -53,6 +53,8 @@ public:
 
   bool hwPresent() { return hw_.instance() != nullptr; }
 
+  void loadRefusals() { refusals_ = MicaMplsHw::hwRefusals(hw_); }
+
   void loadAllocations() {
     inLifs_ = allocations<MicaTunnelNiLib::InLifResourceTable>(
         agent_, Isem2::kResourceNamespace, Isem2::kResourceName);
@@ -86,7 +88,17 @@ public:
         const typename B::Key key(k.label, k.qualifier);
         const auto at = hw.find(key.packed());
         if (at == hw.end()) {
-          differ(fmt::format("missing in the hardware: {}", describe(k)));
+          const auto refused =
+              refusals_.find({B::Constants::swTableTypeId, u, key.packed()});
+          differ(refused == refusals_.end()
+                     ? fmt::format("missing in the hardware: {}", describe(k))
+                     : fmt::format("missing in the hardware: {}: refused by "
+                                   "the hardware ({}{} version {})",
+                                   describe(k),
+                                   Asic::hwRefusalText(refused->second.reason),
+                                   refused->second.byRebuild ? ", rebuild at"
+                                                             : ", change of",
+                                   refused->second.logVersion));
           continue;
         }
         const std::optional<std::string> wrong =
@@ -192,6 +204,9 @@ private:
   std::map<std::uint64_t,
            MicaAdjLib::L2AdjToFecResourceTableResourceTable::Allocation>
       fecs_;
+  std::map<std::tuple<std::uint32_t, Asic::UnitId, std::uint64_t>,
+           Asic::HwRefusalRecord>
+      refusals_;
   std::vector<std::string> rows_;
   std::vector<std::string> shown_;
   std::uint64_t differences_ = 0;
@@ -212,6 +227,7 @@ int verify(const std::string &agent, const DesiredSet &desired,
     return kExitMissing;
   }
   c.loadAllocations();
+  c.loadRefusals();
   c.compare<Isem2>(units);
   c.compare<Lem>(units);
   return c.report(out);

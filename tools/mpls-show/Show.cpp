@@ -124,6 +124,7 @@ constexpr const char *kCounterHelp[] = {
     "Updates of committed entries.",
     "Updates of entries whose resource had failed.",
     "Changes refused because the entry log had no room for them.",
+    "Writes the hardware refused (a full hardware table).",
 };
 static_assert(std::size(kCounterHelp) == Asic::SwTableStatsRecord::kCounters,
               "one help line per published counter");
@@ -277,12 +278,14 @@ template <typename B> Json Show::tableSummary() {
     }
   }
   std::sort(units.begin(), units.end());
+  const auto refusals = MicaMplsHw::hwRefusals(hw_);
   for (Asic::UnitId u : units) {
     Json row = {{"table", B::Constants::tableName},
                 {"unit", u},
                 {"entries", nullptr},
                 {"inDeletion", nullptr},
-                {"hwEntries", nullptr}};
+                {"hwEntries", nullptr},
+                {"hwRefused", nullptr}};
     if (auto cfg =
             maybe<ConfigSlate>(agent_, B::Constants::configSlatePath(u))) {
       std::uint64_t live = 0, deleted = 0;
@@ -300,6 +303,10 @@ template <typename B> Json Show::tableSummary() {
           hwt->hwEntries(), false, [&] { n = 0; },
           [&](const typename B::LogEntry &) { ++n; });
       row["hwEntries"] = n;
+      const std::uint32_t id = B::Constants::swTableTypeId;
+      row["hwRefused"] = std::distance(
+          refusals.lower_bound({id, u, 0}),
+          refusals.upper_bound({id, u, ~std::uint64_t{0}}));
     }
     t["units"].push_back(std::move(row));
   }
@@ -342,7 +349,8 @@ void Show::summary() {
                   {"unit", "/unit"},
                   {"entries", "/entries"},
                   {"inDeletion", "/inDeletion"},
-                  {"hwEntries", "/hwEntries"}});
+                  {"hwEntries", "/hwEntries"},
+                  {"hwRefused", "/hwRefused"}});
   });
 }
 
@@ -496,11 +504,26 @@ template <typename B> void Show::hwOf(Asic::UnitId unit) {
     putFields(row, V::resolved(e));
     rows.push_back(std::move(row));
   }
+  // The changes the hardware refused, by key.
+  Json refused = Json::array();
+  const std::uint32_t id = B::Constants::swTableTypeId;
+  const auto refusals = MicaMplsHw::hwRefusals(hw_);
+  for (auto it = refusals.lower_bound({id, unit, 0});
+       it != refusals.upper_bound({id, unit, ~std::uint64_t{0}}); ++it) {
+    const Asic::HwRefusalRecord &r = it->second;
+    Json row;
+    putKey(row, B::Key::fromPacked(r.at.key));
+    row["version"] = r.logVersion;
+    row["byRebuild"] = r.byRebuild != 0;
+    row["reason"] = Asic::hwRefusalText(r.reason);
+    refused.push_back(std::move(row));
+  }
   Json doc = {{"table", B::Constants::tableName},
               {"unit", unit},
               {"confirmedVersion", confirmed},
               {"capacity", table->hwEntries().capacity()},
-              {"entries", std::move(rows)}};
+              {"entries", std::move(rows)},
+              {"refused", std::move(refused)}};
   print(std::move(doc), [&](const Json &d) {
     std::printf("%s hardware table of unit %u: %zu of %u entries, confirmed "
                 "version %s\n\n",
@@ -508,6 +531,16 @@ template <typename B> void Show::hwOf(Asic::UnitId unit) {
                 table->hwEntries().capacity(),
                 confirmed.is_null() ? "-" : confirmed.dump().c_str());
     printColumns(stdout, d["entries"], keyAndResolvedColumns<B>());
+    if (!d["refused"].empty()) {
+      std::printf("\nrefused by the hardware (not in the table): %zu\n\n",
+                  d["refused"].size());
+      printColumns(stdout, d["refused"],
+                   {{"label", "/label"},
+                    {"qualifier", "/qualifier"},
+                    {"version", "/version"},
+                    {"byRebuild", "/byRebuild"},
+                    {"reason", "/reason"}});
+    }
   });
 }
 
