@@ -288,7 +288,10 @@ int main(int argc, char **argv) {
       }
       if (m == "burn") {
         clients.emplace_back([&stop] {
-          for (volatile std::uint64_t n = 0; !stop; n = n + 1) {
+          std::uint64_t n = 0;
+          while (!stop.load(std::memory_order_relaxed)) {
+            asm volatile("" : "+r"(n));
+            ++n;
           }
         });
       }

@@ -86,6 +86,11 @@ class Store:
         """A unit's hardware table (the hardware writer's), by label."""
         return json.loads(_micampls.hw(self.agent, table, unit))["entries"]
 
+    def refused(self, table, unit):
+        """The changes of a unit the hardware refused (the hardware writer's
+        records): label, qualifier, version, reason."""
+        return json.loads(_micampls.hw(self.agent, table, unit))["refused"]
+
     def stats(self):
         """The table counters the agent publishes."""
         return json.loads(_micampls.stats(self.agent))["stats"]

@@ -92,6 +92,7 @@ def test_live_agent_then_store_and_the_readme_example(root):
     assert len(store.hw("lem", 1)) == 2  # the hardware table holds two
     states = sorted(store.why("lem", 1, l)["verdict"]["state"] for l in (10, 11, 12))
     assert states == ["inHardware", "inHardware", "refused"]
+    assert [r["reason"] for r in store.refused("lem", 1)] == ["hardware table full"]
     lem = store.summary()["tables"][1]
     assert lem["loggedVersion"] == lem["confirmedVersion"] == 3
     # What is not retired yet of the change log: writes of those versions.

@@ -111,14 +111,25 @@ TEST(Inspect, WhyNamesWhatHoldsALabelLiveAndFromTheStoresOnceTheAgentIsGone) {
 
   // Of the four others, three are in the hardware and one was refused.
   std::map<std::string, int> states;
+  Json refused;
   ASSERT_TRUE(eventually([&] {
     states.clear();
     for (const char *l : {"10", "11", "12", "13"}) {
       const Json w = whyJson(agent, "lem", "1", l);
-      ++states[w.contains("verdict") ? w["verdict"].value("state", "") : ""];
+      const std::string state =
+          w.contains("verdict") ? w["verdict"].value("state", "") : "";
+      ++states[state];
+      if (state == "refused") {
+        refused = w;
+      }
     }
     return states["inHardware"] == 3 && states["refused"] == 1;
   })) << Json(states).dump();
+  // The hardware writer's record says why, and the agent failed the change.
+  EXPECT_EQ(refused["hardware"]["refused"]["reason"], "hardware table full");
+  EXPECT_EQ(refused["hardware"]["refused"]["logVersion"],
+            refused["committed"]["logVersion"]);
+  EXPECT_EQ(refused["pending"], nullptr);
 
   // top: the held change is the oldest, waiting on a resource.
   const Exit top = show(agent, {"top", "--once", "--json"});
@@ -219,14 +230,18 @@ TEST(Inspect, WhyNamesWhatHoldsALabelLiveAndFromTheStoresOnceTheAgentIsGone) {
   const Json gone = whyJson(agent, "lem", "1", "20");
   EXPECT_EQ(gone["source"], "store");
   EXPECT_EQ(gone["verdict"]["state"], "absent");
-  int inHw = 0, refused = 0;
+  int inHw = 0, refusedNow = 0;
   for (const char *l : {"10", "11", "12", "13"}) {
-    const std::string s = whyJson(agent, "lem", "1", l)["verdict"]["state"];
+    const Json w = whyJson(agent, "lem", "1", l);
+    const std::string s = w["verdict"]["state"];
     inHw += s == "inHardware";
-    refused += s == "refused";
+    if (s == "refused") {
+      ++refusedNow;
+      EXPECT_EQ(w["hardware"]["refused"]["reason"], "hardware table full");
+    }
   }
   EXPECT_EQ(inHw, 3);
-  EXPECT_EQ(refused, 1);
+  EXPECT_EQ(refusedNow, 1);
   EXPECT_EQ(show(agent, {"top", "--once"}).code, 4);
 }
 

@@ -128,8 +128,13 @@ Json verdictOf(const Json &why) {
                                  *confirmed, v));
     }
     if (hw.contains("refused") && hw["refused"].is_object()) {
-      return verdict("refused", fmt::format("the hardware refused it: {}",
-                                            hw["refused"].value("reason", "")));
+      const Json &r = hw["refused"];
+      return verdict("refused",
+                     fmt::format("the hardware refused it ({}) at version {}{}",
+                                 r.value("reason", ""), u64(r, "logVersion"),
+                                 r.value("byRebuild", false)
+                                     ? ", rebuilding its table"
+                                     : ""));
     }
     const std::uint64_t n = u64(hw, "entries"), cap = u64(hw, "capacity");
     if (cap != 0 && n >= cap) {

@@ -24,7 +24,9 @@
 //   handle          the newest change's handle when it waits for the
 //                   hardware (live only): {logVersion, entryState}
 //   hardware        hardwareFacts(): {present, entry, entries, capacity,
-//                   tableFullReports, refused}
+//                   tableFullReports, confirmedVersion}, and "refused":
+//                   the hardware writer's refusal record of the key
+//                   (refusalJson), or null
 //   verdict         {state, cause}: state one of notDesired, waiting,
 //                   committed, confirmed, inHardware, missingInHardware,
 //                   refused, absent, removing
@@ -34,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/asic/HwRefusalSlate.h"
 #include "tools/hw/HwStore.h"
 #include "tools/hw/InstanceView.h"
 #include "tools/inspect/JsonVisitor.h"
@@ -91,6 +94,17 @@ Json hardwareFacts(MicaMplsHw::InstanceView &hw, Asic::UnitId unit,
     // A store that cannot be read says nothing; what was read stays.
   }
   return out;
+}
+
+// The hardware writer's refusal of a key (HwRefusalSlate.h) as the
+// document shows it: {logVersion, reason, byRebuild}, or null.
+inline Json refusalJson(const Asic::HwRefusalRecord *r) {
+  if (!r) {
+    return nullptr;
+  }
+  return {{"logVersion", r->logVersion},
+          {"reason", Asic::hwRefusalText(r->reason)},
+          {"byRebuild", r->byRebuild != 0}};
 }
 
 // The state of the key and its cause in a few words, from the document.

@@ -313,6 +313,8 @@ template <typename B> Json Inspector::why(const Json &req) {
   const auto confirmed = t_.group->hwTableVersion(tableId);
   why["confirmedVersion"] = confirmed ? Json(*confirmed) : Json();
   why["hardware"] = MicaMplsInspect::hardwareFacts<B>(hw_, unit, key);
+  why["hardware"]["refused"] = MicaMplsInspect::refusalJson(
+      t_.group->hwRefusal(tableId, unit, key.packed()));
   why["verdict"] = MicaMplsInspect::verdictOf(why);
   return why;
 }

@@ -659,6 +659,11 @@ Json Show::whyFromStores(Asic::UnitId unit, const typename B::Key &key) {
   }
   why["hardware"] = MicaMplsInspect::hardwareFacts<B>(hw_, unit, key);
   why["confirmedVersion"] = why["hardware"]["confirmedVersion"];
+  const auto refusals = MicaMplsHw::hwRefusals(hw_);
+  const auto refused =
+      refusals.find({B::Constants::swTableTypeId, unit, key.packed()});
+  why["hardware"]["refused"] = MicaMplsInspect::refusalJson(
+      refused == refusals.end() ? nullptr : &refused->second);
   why["verdict"] = MicaMplsInspect::verdictOf(why);
   return why;
 }
