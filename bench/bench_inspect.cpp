@@ -22,9 +22,10 @@
 // Each row: changes per second through the loop (rewrites of every key onto
 // one of 4,096 adjacencies, after a first load) and the loop thread's CPU
 // time per change, each against "off", and the answers the asking client
-// got per second. The CPU time is what the endpoint takes from the change
-// path; the wall rate also counts the CPU the flooding clients themselves
-// take from the loop's thread on a machine with few cores.
+// got per second, and the share of the run's time the endpoint spent
+// answering (its own clock). The CPU time is what the endpoint takes from the
+// change path; the wall rate also counts the CPU the flooding clients
+// themselves take from the loop's thread on a machine with few cores.
 //
 //   bench_inspect [--keys N] [--rounds R]   (default 65,536 keys per unit,
 //                                            5 rounds)
@@ -244,6 +245,7 @@ struct Host {
 };
 
 struct Result {
+  double endpointShare = 0; // of the run's time, answering
   double perSecond = 0;
   double cpuNsPerChange = 0;
   double answersPerSecond = 0;
@@ -296,6 +298,10 @@ int main(int argc, char **argv) {
         });
       }
       const double s = host.rewrite(keys, shift++, cpu);
+      const double answering =
+          host.endpoint
+              ? std::chrono::duration<double>(host.endpoint->busy()).count()
+              : 0.0;
       stop = true;
       host.endpoint.reset(); // ends the clients' connections
       for (auto &t : clients) {
@@ -303,6 +309,7 @@ int main(int argc, char **argv) {
       }
       Result res;
       res.perSecond = static_cast<double>(keys) * kUnits / s;
+      res.endpointShare = answering / s;
       res.cpuNsPerChange = cpu * 1e9 / (static_cast<double>(keys) * kUnits);
       res.answersPerSecond = static_cast<double>(answered) / s;
       results[m].push_back(res);
@@ -314,30 +321,33 @@ int main(int argc, char **argv) {
     std::sort(v.begin(), v.end());
     return v.empty() ? 0.0 : v[v.size() / 2];
   };
-  std::map<std::string, double> rate, cpuNs;
+  std::map<std::string, double> rate, cpuNs, share;
   for (const auto &m : modes) {
-    std::vector<double> v, c;
+    std::vector<double> v, c, e;
     for (const auto &x : results[m]) {
       v.push_back(x.perSecond);
       c.push_back(x.cpuNsPerChange);
+      e.push_back(x.endpointShare);
     }
     rate[m] = median(v);
     cpuNs[m] = median(c);
+    share[m] = median(e);
   }
   std::printf("LEM, %u units of %u keys, batches of %u, %u rounds "
               "(medians)\n\n",
               kUnits, keys, kBatch, rounds);
-  std::printf("%-6s %12s %8s %14s %8s %10s\n", "mode", "changes/s", "vs off",
-              "loop ns/change", "vs off", "answers/s");
+  std::printf("%-7s %10s %8s %14s %8s %10s %10s\n", "mode", "changes/s",
+              "vs off", "loop ns/change", "vs off", "answers/s", "answering");
   for (const auto &m : modes) {
     std::vector<double> ans;
     for (const auto &x : results[m]) {
       ans.push_back(x.answersPerSecond);
     }
-    std::printf("%-6s %12.0f %7.1f%% %14.0f %7.1f%% %10.0f\n", m.c_str(),
-                rate[m], 100.0 * (rate[m] - rate["off"]) / rate["off"],
-                cpuNs[m], 100.0 * (cpuNs[m] - cpuNs["off"]) / cpuNs["off"],
-                median(ans));
+    std::printf("%-7s %10.0f %7.1f%% %14.0f %7.1f%% %10.0f %9.2f%%\n",
+                m.c_str(), rate[m],
+                100.0 * (rate[m] - rate["off"]) / rate["off"], cpuNs[m],
+                100.0 * (cpuNs[m] - cpuNs["off"]) / cpuNs["off"], median(ans),
+                100.0 * share[m]);
   }
   return 0;
 }

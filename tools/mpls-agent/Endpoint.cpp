@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <system_error>
+#include <vector>
 
 namespace MplsAgent {
 
@@ -163,10 +164,67 @@ void Endpoint::onClient(int fd) {
   }
 }
 
+bool Endpoint::withinBudget() {
+  // A token bucket: each window that passed pays kBudget of what was
+  // spent, so that over time answering takes no more than kBudget per
+  // kWindow, a long answer included.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - windowStart_ >= kWindow) {
+    const auto windows = (now - windowStart_) / kWindow;
+    const std::chrono::steady_clock::duration paid = kBudget * windows;
+    windowBusy_ = windowBusy_ > paid ? windowBusy_ - paid
+                                     : std::chrono::steady_clock::duration{};
+    windowStart_ += kWindow * windows;
+  }
+  if (windowBusy_ < kBudget) {
+    return true;
+  }
+  if (!resumeTimer_.pending()) {
+    resumeTimer_ = loop_.timerIs(
+        std::chrono::duration_cast<Evt::Duration>(windowStart_ + kWindow - now),
+        [this] { resume(); });
+  }
+  return false;
+}
+
+// A new window: every client with a request waiting is served again.
+void Endpoint::resume() {
+  std::vector<int> waiting;
+  for (const auto &[fd, c] : clients_) {
+    if (c->in.find('\n') != std::string::npos) {
+      waiting.push_back(fd);
+    }
+  }
+  for (int fd : waiting) {
+    auto it = clients_.find(fd);
+    if (it == clients_.end()) {
+      continue;
+    }
+    serve(*it->second);
+    if (it->second->dead) {
+      drop(fd);
+    }
+  }
+}
+
 void Endpoint::serve(Client &c) {
   const int fd = c.fd;
   for (std::size_t n = 0; n < kRequestsPerTurn && c.pending() < kOutputHigh;) {
     const std::size_t nl = c.in.find('\n');
+    if (nl != std::string::npos && !c.skipping && !withinBudget()) {
+      break; // resumed by the timer
+    }
+    const auto started = std::chrono::steady_clock::now();
+    // Counts this step's work (answering, replying) against the window.
+    struct Charge {
+      Endpoint &e;
+      std::chrono::steady_clock::time_point t0;
+      ~Charge() {
+        const auto d = std::chrono::steady_clock::now() - t0;
+        e.windowBusy_ += d;
+        e.busy_ += d;
+      }
+    } charge{*this, started};
     if (c.skipping) {
       if (nl == std::string::npos) {
         c.in.clear();
@@ -233,7 +291,8 @@ void Endpoint::serve(Client &c) {
   }
   // More lines than one turn answers: the rest on a later pass, so that a
   // client that floods requests takes turns with the agent's own work.
-  if (!c.serveScheduled && c.pending() < kOutputHigh &&
+  // (Over budget, the timer that resumes serving takes them.)
+  if (!c.serveScheduled && c.pending() < kOutputHigh && windowBusy_ < kBudget &&
       c.in.find('\n') != std::string::npos) {
     c.serveScheduled = true;
     loop_.defer(

@@ -11,9 +11,12 @@
 //
 // What a client can do to the agent: nothing but ask. Each request runs to
 // its end in one loop callback, so the answer function must bound its own
-// work (a walk answers a page at a time). A request line longer than
-// kMaxRequest is refused with an error reply and skipped up to its newline;
-// a line that is not a JSON object gets an error reply. At most
+// work (a walk answers a page at a time); and answering takes at most
+// kBudget of every kWindow of the loop's time, whoever asks: requests
+// beyond it wait for the next window (a timer), so that clients flooding
+// requests leave the agent's changes at least 95% of its loop. A request line
+// longer than kMaxRequest is refused with an error reply and skipped up to its
+// newline; a line that is not a JSON object gets an error reply. At most
 // kRequestsPerTurn requests of one client are answered per loop pass, so a
 // client that floods requests shares the loop with the agent's own work.
 // Replies go out with non-blocking sends (MSG_NOSIGNAL: a client gone
@@ -26,6 +29,7 @@
 // socket file.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -51,6 +55,8 @@ public:
   static constexpr std::size_t kRequestsPerTurn = 8;
   static constexpr std::size_t kOutputHigh = 256 * 1024;
   static constexpr std::size_t kOutputMax = 4 * 1024 * 1024;
+  static constexpr std::chrono::milliseconds kWindow{100};
+  static constexpr std::chrono::microseconds kBudget{5000};
 
   // Listens at `path`, replacing a socket left there by an earlier run.
   // Throws std::system_error (a path too long, a directory that cannot
@@ -65,6 +71,8 @@ public:
   // Requests answered and refused (malformed, oversized, unknown) so far.
   std::uint64_t answered() const noexcept { return answered_; }
   std::uint64_t refused() const noexcept { return refused_; }
+  // The loop's time spent answering, in all.
+  std::chrono::steady_clock::duration busy() const noexcept { return busy_; }
 
 private:
   struct Client;
@@ -78,6 +86,10 @@ private:
   // Sends what it can; false when the client is gone.
   bool flush(Client &c);
   void drop(int fd);
+  // Whether answering may go on in this window; when not, arms the timer
+  // that serves the waiting clients in the next one.
+  bool withinBudget();
+  void resume();
 
   Evt::Loop &loop_;
   std::string path_;
@@ -88,6 +100,10 @@ private:
   std::uint64_t answered_ = 0;
   std::uint64_t refused_ = 0;
   std::uint64_t serials_ = 0; // tells connections on a reused fd apart
+  std::chrono::steady_clock::time_point windowStart_{};
+  std::chrono::steady_clock::duration windowBusy_{};
+  std::chrono::steady_clock::duration busy_{};
+  Evt::Timer resumeTimer_;
   // Tasks the endpoint defers check it is still there.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
