@@ -35,6 +35,15 @@
 // holds its own instance, so that one unit's release never frees what
 // another unit still uses.
 //
+// Client slots. A resource records its holders as one bit per client, so
+// at most kMaxClients clients hold resources of one table. A client takes
+// its slot (its bit) when it first holds a resource, or before, when its
+// user asks (slotIs, so that a unit that cannot be served is refused before
+// it starts); a client that never holds anything (the table of a unit that
+// is only cleared) takes none. A client keeps its slot for its life. A
+// request of a client that finds every slot taken fails: its handle is
+// failed (state 5) and belongs to no key of the table.
+//
 // Persistence. With a store (storeIs), every allocation is kept in the
 // agent's shared-memory instance ("resource/<namespace>/<name>", one record
 // per key: data and version), written when it is made or updated and erased
@@ -146,7 +155,8 @@ public:
   using Task = std::function<void()>;
   using Scheduler = std::function<void(Task)>;
 
-  // Client instances of one table (one per software table that uses it).
+  // Clients that hold resources of one table (one bit each in a resource's
+  // holders; see "Client slots" above).
   static constexpr std::size_t kMaxClients = 64;
 
   static constexpr Fwk::AttrId attrClientInstance{1, "clientInstance"};
@@ -156,12 +166,17 @@ public:
   class ClientInstance : public Fwk::Object {
   public:
     ClientInstance(ResourceTable *table, std::string name,
-                   std::uint32_t instance, unsigned slot)
-        : table_(table), name_(std::move(name)), instance_(instance),
-          bit_(std::uint64_t{1} << slot) {}
+                   std::uint32_t instance)
+        : table_(table), name_(std::move(name)), instance_(instance) {}
     const std::string &name() const noexcept { return name_; }
     std::uint32_t instance() const noexcept { return instance_; }
     ResourceTable *table() const noexcept { return table_; }
+
+    // Whether the client has its slot.
+    bool slotted() const noexcept { return bit_ != 0; }
+    // Takes the client's slot now, if it has none; false when every slot
+    // is taken.
+    bool slotIs() { return table_->takeSlot(*this); }
 
     // The handle of the key's resource; made (pending) if the key is new.
     Fwk::Ptr<const ResourceHandle>
@@ -216,7 +231,7 @@ public:
     ResourceTable *table_;
     std::string name_;
     std::uint32_t instance_;
-    std::uint64_t bit_; // this client's bit in a resource's holders
+    std::uint64_t bit_ = 0; // its bit in a resource's holders; 0: no slot
     std::uint64_t requests_ = 0;
     std::uint64_t releases_ = 0;
     std::uint64_t acks_ = 0;
@@ -297,19 +312,15 @@ public:
     }
   }
 
-  // The client instance of a name and instance number, made on first use.
+  // The client instance of a name and instance number, made on first use
+  // (without a slot).
   Fwk::Ptr<ClientInstance> clientInstanceIs(const std::string &name,
                                             std::uint32_t instance = 0) {
     const std::string key = clientKey(name, instance);
     if (auto *c = clients_.find(key)) {
       return *c;
     }
-    if (clients_.size() >= kMaxClients) {
-      throw Fwk::Exception(fmt::format("{}: more than {} client instances",
-                                       name_->str(), kMaxClients));
-    }
-    auto c = Fwk::make<ClientInstance>(this, name, instance,
-                                       static_cast<unsigned>(clients_.size()));
+    auto c = Fwk::make<ClientInstance>(this, name, instance);
     clients_.insert(key, c);
     notify(attrClientInstance, key);
     return c;
@@ -318,6 +329,15 @@ public:
                                           std::uint32_t instance = 0) const {
     const auto *c = clients_.find(clientKey(name, instance));
     return c ? *c : nullptr;
+  }
+  // Whether the client of a name and instance has its slot or can take one.
+  bool clientSlotAvailable(const std::string &name,
+                           std::uint32_t instance = 0) const {
+    const auto *c = clients_.find(clientKey(name, instance));
+    return (c && (*c)->slotted()) || clientSlotsTaken() < kMaxClients;
+  }
+  std::size_t clientSlotsTaken() const noexcept {
+    return static_cast<std::size_t>(std::popcount(slotsTaken_));
   }
 
   // The number of keys held by any client, or restored and not yet claimed.
@@ -522,8 +542,25 @@ private:
     }
   }
 
-  Fwk::Ptr<const ResourceHandle> hold(const ClientInstance *client,
-                                      const Key &key, const ClientData &cd) {
+  bool takeSlot(ClientInstance &client) {
+    if (client.bit_ != 0) {
+      return true;
+    }
+    if (slotsTaken_ == ~std::uint64_t{0}) {
+      return false;
+    }
+    client.bit_ = std::uint64_t{1} << std::countr_one(slotsTaken_);
+    slotsTaken_ |= client.bit_;
+    return true;
+  }
+
+  Fwk::Ptr<const ResourceHandle> hold(ClientInstance *client, const Key &key,
+                                      const ClientData &cd) {
+    if (!takeSlot(*client)) {
+      Fwk::Ptr<ResourceHandle> refused = Fwk::make<ResourceHandle>(key);
+      refused->entryStateIs(static_cast<std::uint8_t>(EntryState::failed));
+      return refused;
+    }
     if (auto *e = entries_.find(key)) {
       e->holders |= client->bit_;
       if (!releasing_.empty()) {
@@ -581,8 +618,8 @@ private:
 
   void releaseAfter(const ClientInstance *client, const Key &key,
                     const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
-    if (!entries_.contains(key)) {
-      return;
+    if (client->bit_ == 0 || !entries_.contains(key)) {
+      return; // it holds nothing
     }
     const ReleaseKey at{key, client->bit_};
     if (dependency) {
@@ -686,6 +723,7 @@ private:
   std::vector<Task> resolvedHooks_;
   std::vector<Fwk::Ptr<GroupResolver>> resolvers_;
   Fwk::HashMap<std::string, Fwk::Ptr<ClientInstance>> clients_{0x2d7f4e11u};
+  std::uint64_t slotsTaken_ = 0; // one bit per client slot
   Fwk::HashMap<Key, Holding> entries_{0x4c8e1b53u};
   std::vector<Pending> pending_; // [pendingHead_, end) still to run
   Fwk::HashMap<Key, Fwk::Unit> held_{0x3b9aca07u};
