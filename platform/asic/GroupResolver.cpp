@@ -1,6 +1,7 @@
 #include "platform/asic/GroupResolver.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace Asic {
 
@@ -22,6 +23,20 @@ bool GroupResolver::olderFirst(const Fwk::Ptr<ResolverEntry> &a,
 
 // ---- Wait points ----
 
+const char *waitKindName(WaitKind k) noexcept {
+  switch (k) {
+  case WaitKind::dependency:
+    return "dependency";
+  case WaitKind::resource:
+    return "resource";
+  case WaitKind::logRoom:
+    return "logRoom";
+  case WaitKind::other:
+    break;
+  }
+  return "other";
+}
+
 WaitPoint::~WaitPoint() {
   // Whatever still waits here is offered again: it finds out itself what
   // it waits for now.
@@ -35,6 +50,9 @@ void WaitPoint::park(ResolverEntry &e) const noexcept {
   (tail_ ? tail_->parkNext_ : head_) = &e;
   tail_ = &e;
   ++parked_;
+  if (e.resolver_) {
+    ++e.resolver_->parkedByKind_[static_cast<std::size_t>(kind_)];
+  }
 }
 
 void WaitPoint::unpark(ResolverEntry &e) const noexcept {
@@ -43,6 +61,9 @@ void WaitPoint::unpark(ResolverEntry &e) const noexcept {
   e.parkPrev_ = e.parkNext_ = nullptr;
   e.parkedOn_ = nullptr;
   --parked_;
+  if (e.resolver_) {
+    --e.resolver_->parkedByKind_[static_cast<std::size_t>(kind_)];
+  }
 }
 
 void WaitPoint::wake(std::size_t n) {
@@ -138,7 +159,14 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
   if (!entry) {
     return;
   }
+  if (!passScheduled_ && !inPass_) {
+    // The first change since the last pass: one clock read per burst.
+    batchTimeNs_ = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                       std::chrono::steady_clock::now().time_since_epoch())
+                       .count();
+  }
   entry->queueSeq_ = ++enqueued_;
+  entry->queuedAtNs_ = batchTimeNs_;
   entry->resolver_ = this;
   ++queued_;
   const std::uint64_t table = tableOf(*entry);
@@ -219,6 +247,56 @@ GroupResolver::resolverQueue(std::size_t position) const {
       all.end(),
       [](const auto &a, const auto &b) { return a->queueSeq_ < b->queueSeq_; });
   return all[position];
+}
+
+bool GroupResolver::resolverQueueWalk(
+    const QueueCursor *after, std::size_t maxLanes,
+    const std::function<void(const ResolverEntry &, bool)> &f,
+    QueueCursor &next) const {
+  auto it = lanes_.begin();
+  if (after) {
+    const LaneKey at{after->table, after->key};
+    it = lanes_.lowerBound(at);
+    if (it != lanes_.end() && it.key() == at) {
+      ++it;
+    }
+  } else {
+    for (auto t = tables_.begin(); t != tables_.end(); ++t) {
+      for (const Barrier &b : t.value().barriers) {
+        f(*b.removeAll, false);
+      }
+    }
+  }
+  for (std::size_t n = 0; it != lanes_.end() && n < maxLanes; ++it, ++n) {
+    bool head = true;
+    for (const ResolverEntry *e = it.value().head.ptr(); e;
+         e = e->laneNext_.ptr()) {
+      f(*e, head);
+      head = false;
+    }
+    next = QueueCursor{it.key().table, it.key().key};
+  }
+  return it != lanes_.end();
+}
+
+const ResolverEntry *GroupResolver::resolverQueueLane(const void *table,
+                                                      std::uint64_t key) const {
+  const Lane *lane =
+      lanes_.find(LaneKey{reinterpret_cast<std::uintptr_t>(table), key});
+  return lane ? lane->head.ptr() : nullptr;
+}
+
+const ResolverEntry *
+GroupResolver::resolverQueueLaneNext(const ResolverEntry &e) noexcept {
+  return e.laneNext_.ptr();
+}
+
+std::size_t GroupResolver::removeAllsQueued() const noexcept {
+  std::size_t n = 0;
+  for (auto t = tables_.begin(); t != tables_.end(); ++t) {
+    n += t.value().barriers.size();
+  }
+  return n;
 }
 
 std::vector<Fwk::Ptr<ResolverEntry>>
@@ -310,6 +388,7 @@ std::size_t GroupResolver::runPass() {
   }
   Fwk::Ptr<GroupResolver> self(this);
   inPass_ = true;
+  ++passes_;
   passLimit_ = enqueued_;
   // The changes handed back since the last pass, oldest first, and those
   // that named nothing to wait for are older than those that became
@@ -353,6 +432,7 @@ std::size_t GroupResolver::runPass() {
     retire(e);
     e->commitEntry(e);
     ++committed;
+    ++commits_;
   }
   offer_.clear();
   offer_.swap(deferred_);

@@ -367,6 +367,10 @@ public:
       if (!e || e->handle->entryState() != 0) {
         continue; // released meanwhile, or resolved already
       }
+      if (!held_.empty() && held_.contains(key)) {
+        heldPending_.push_back(std::move(pending_[pendingHead_]));
+        continue; // until holdDel()
+      }
       Fwk::Ptr<ResourceHandle> h = e->handle;
       Data data{};
       if (allocator_->allocate(key, pending_[pendingHead_].clientData, data)) {
@@ -402,6 +406,50 @@ public:
     storeThenSet(*h, data);
     return true;
   }
+  // Holds the allocation of a key back, as a resource that does not exist
+  // yet (an adjacency whose neighbour is not learnt): its handle stays
+  // pending, and the changes that need it wait, until holdDel(). Keys
+  // already allocated are not affected.
+  void holdIs(const Key &key) { held_.insert(key, Fwk::Unit{}); }
+  void holdDel(const Key &key) {
+    if (!held_.erase(key)) {
+      return;
+    }
+    const auto was = heldPending_.size();
+    std::erase_if(heldPending_, [&](Pending &p) {
+      if (!(p.key == key)) {
+        return false;
+      }
+      pending_.push_back(std::move(p));
+      return true;
+    });
+    if (heldPending_.size() != was) {
+      scheduleAllocation();
+    }
+  }
+  bool held(const Key &key) const noexcept { return held_.contains(key); }
+  // Allocations waiting for holdDel().
+  std::size_t heldAllocations() const noexcept { return heldPending_.size(); }
+  // For inspection: the keys in the table, resumable after a key (hash
+  // order); f(key, handle, holders) for at most `limit` of them. Returns
+  // whether keys remain, `next` then being where to resume.
+  template <typename F>
+  bool entryWalk(const Key *after, std::size_t limit, F &&f, Key &next) const {
+    auto it = entries_.begin();
+    if (after) {
+      it = entries_.lowerBound(*after);
+      if (it != entries_.end() && it.key() == *after) {
+        ++it;
+      }
+    }
+    for (std::size_t n = 0; it != entries_.end() && n < limit; ++it, ++n) {
+      const Holding &h = it.value();
+      f(it.key(), *h.handle, std::popcount(h.holders));
+      next = it.key();
+    }
+    return it != entries_.end();
+  }
+
   // Marks a held resource failed (state 5), as a failing hardware would.
   bool failIs(const Key &key) {
     auto *e = entries_.find(key);
@@ -678,6 +726,8 @@ private:
   std::uint64_t slotsTaken_ = 0; // one bit per client slot
   Fwk::HashMap<Key, Holding> entries_{0x4c8e1b53u};
   std::vector<Pending> pending_; // [pendingHead_, end) still to run
+  Fwk::HashMap<Key, Fwk::Unit> held_{0x3b9aca07u};
+  std::vector<Pending> heldPending_; // allocations of held keys
   std::size_t pendingHead_ = 0;
   bool allocationScheduled_ = false;
   Fwk::Ptr<Slate> slate_;
