@@ -44,7 +44,8 @@
 // change-log record's space is reserved before anything is written, and
 // rewrites and deletions of configuration records never need new space. A
 // change that finds the versions used up (only a damaged scratchpad gets
-// there) throws Shm::Error, with nothing written.
+// there) throws Shm::Error, with nothing written; so does a rebuild asked of
+// the hardware writer, which takes a version too.
 #pragma once
 
 #include <algorithm>
@@ -325,6 +326,7 @@ public:
   // The epoch is stored first: a restart finds it whatever instant the agent
   // was stopped at, and takes the table version at least to it.
   LogVersion requestHardwareResync(const char *why) {
+    requireVersionLeft();
     const LogVersion v = tableVersion() + 1;
     auto &control = tableEntryLog_->entryLogConfig().control();
     control.epochIs(v);
@@ -624,14 +626,17 @@ private:
   // there, and then the change fails rather than wrap to version 0, which
   // stands for none.
   LogVersion reserveNextVersion() {
-    if (tableVersion() == std::numeric_limits<LogVersion>::max()) [[unlikely]] {
-      throw Shm::Error(
-          fmt::format("{}: the log versions are used up", B::kEntryLogClass));
-    }
+    requireVersionLeft();
     const LogVersion v = tableVersion() + 1;
     tableEntryLog_->entryLogConfig().control().scratchpadIs(v);
     tableVersionInc(1);
     return v;
+  }
+  void requireVersionLeft() const {
+    if (tableVersion() == std::numeric_limits<LogVersion>::max()) [[unlikely]] {
+      throw Shm::Error(
+          fmt::format("{}: the log versions are used up", B::kEntryLogClass));
+    }
   }
   // Takes back the reservation of `v`, which no record carries.
   void releaseVersion(LogVersion v) {

@@ -304,6 +304,9 @@ TYPED_TEST(EntryLog, NoVersionIsHandedOutTwiceWhenTheScratchpadFallsBehind) {
                Shm::Error);
   EXPECT_THROW(env.log->entryDel(typename F::Key(1), nullptr, 1), Shm::Error);
   EXPECT_THROW(env.log->tableDel(nullptr, 1), Shm::Error);
+  // So does a rebuild asked of the hardware writer, which takes a version.
+  EXPECT_THROW(env.log->requestHardwareResync("damaged"), Shm::Error);
+  EXPECT_EQ(env.log->tableVersion(), ~Asic::LogVersion{0});
   EXPECT_EQ(env.log->entryLogRecords(), 0u);
   EXPECT_EQ(env.log->entryLogVersion(typename F::Key(1), 1), 1u);
 }
