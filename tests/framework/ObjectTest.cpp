@@ -19,27 +19,21 @@ struct Derived : Counted {
   using Counted::Counted;
 };
 
-TEST(Ptr, CountsReferencesAndDestroysWithTheLast) {
+TEST(Ptr, CountsReferencesDestroysWithTheLastAndCastsAlongTheHierarchy) {
   int alive = 0;
-  Fwk::Ptr<Counted> a = Fwk::make<Counted>(&alive);
+  Fwk::Ptr<Counted> a = Fwk::make<Derived>(&alive);
   EXPECT_EQ(alive, 1);
   EXPECT_EQ(a->references(), 1u);
   {
     Fwk::Ptr<const Counted> b = a; // const view shares the count
     EXPECT_EQ(a->references(), 2u);
+    EXPECT_TRUE(Fwk::ptrCast<Derived>(a));
     Fwk::Ptr<Counted> c = std::move(a);
     EXPECT_FALSE(a);
     EXPECT_EQ(c->references(), 2u);
+    EXPECT_FALSE(Fwk::ptrCast<Derived>(Fwk::make<Counted>(&alive)));
   }
   EXPECT_EQ(alive, 0);
-}
-
-TEST(Ptr, CastsAlongTheHierarchy) {
-  int alive = 0;
-  Fwk::Ptr<Counted> base = Fwk::make<Derived>(&alive);
-  EXPECT_TRUE(Fwk::ptrCast<Derived>(base));
-  Fwk::Ptr<Counted> plain = Fwk::make<Counted>(&alive);
-  EXPECT_FALSE(Fwk::ptrCast<Derived>(plain));
   EXPECT_EQ(fmt::format("{}", Fwk::Ptr<Counted>()), "0x0");
 }
 
