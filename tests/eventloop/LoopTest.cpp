@@ -8,19 +8,9 @@
 
 namespace {
 
-TEST(Tasks, RunInTheOrderTheyWereDeferred) {
-  auto loop = Evt::Loop::create();
-  std::vector<int> order;
-  for (int i = 0; i < 5; ++i) {
-    loop->defer([&order, i] { order.push_back(i); });
-  }
-  EXPECT_EQ(loop->tasks(), 5u);
-  EXPECT_EQ(loop->runUntilIdle(), 5u);
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
-  EXPECT_EQ(loop->runUntilIdle(), 0u);
-}
-
-TEST(Tasks, DeferredFromATaskRunAfterTheTasksAlreadyQueued) {
+// Tasks run in the order deferred; one deferred by a task runs after those
+// already queued.
+TEST(Tasks, RunInDeferOrderThoseDeferredByATaskAfterTheQueuedOnes) {
   auto loop = Evt::Loop::create();
   std::vector<std::string> order;
   loop->defer([&] {
@@ -30,13 +20,20 @@ TEST(Tasks, DeferredFromATaskRunAfterTheTasksAlreadyQueued) {
       loop->defer([&] { order.push_back("a2"); });
     });
   });
-  loop->defer([&] { order.push_back("b"); });
-  EXPECT_EQ(loop->runUntilIdle(), 4u);
-  EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "a1", "a2"}));
+  for (const char *name : {"b", "c"}) {
+    loop->defer([&order, name] { order.push_back(name); });
+  }
+  EXPECT_EQ(loop->tasks(), 3u);
+  EXPECT_EQ(loop->runUntilIdle(), 5u);
+  EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "c", "a1", "a2"}));
+  EXPECT_EQ(loop->runUntilIdle(), 0u);
 }
 
-TEST(Failures, ThrowingTaskLeavesTheRestQueuedAndTheLoopUsable) {
-  auto loop = Evt::Loop::create();
+// A task or timer that throws: the exception leaves runUntilIdle, the other
+// tasks stay queued, a periodic timer stays armed, and the loop goes on.
+TEST(Failures, ThrowingCallbacksLeaveTheRestQueuedAndTheLoopUsable) {
+  auto clock = Fwk::make<Evt::ManualClock>();
+  auto loop = Evt::Loop::create(clock);
   std::vector<int> order;
   loop->defer([&] { order.push_back(1); });
   loop->defer([] { throw std::runtime_error("boom"); });
@@ -47,11 +44,7 @@ TEST(Failures, ThrowingTaskLeavesTheRestQueuedAndTheLoopUsable) {
   loop->defer([&] { order.push_back(4); });
   EXPECT_EQ(loop->runUntilIdle(), 2u);
   EXPECT_EQ(order, (std::vector<int>{1, 3, 4}));
-}
 
-TEST(Failures, ThrowingPeriodicTimerStaysArmed) {
-  auto clock = Fwk::make<Evt::ManualClock>();
-  auto loop = Evt::Loop::create(clock);
   int calls = 0;
   Evt::Timer t = loop->periodicIs(std::chrono::seconds(1), [&] {
     if (++calls == 1) {

@@ -38,30 +38,43 @@ TEST_F(Timers, FireByDeadlineThenCreationOnlyOnceDue) {
   EXPECT_EQ(order.back(), "late");
 }
 
+// An object that owns its timer, as the tables' retry logic does.
+struct Owner {
+  Owner(Evt::Loop &loop, bool &fired)
+      : timer(loop.timerIs(10ms, [&fired] { fired = true; })) {}
+  Evt::Timer timer;
+};
+
+// A timer cancelled (twice is harmless), by a callback of the same pass, or
+// by destroying its owner in that pass, never runs and lets go of its
+// callback.
 TEST_F(Timers, CancelledTimerNeverRunsAndReleasesItsCallback) {
   auto token = std::make_shared<int>(0);
   Evt::Timer t = loop->timerIs(5ms, [token, this] { order.push_back("t"); });
   t.cancel();
   EXPECT_FALSE(t.pending());
   EXPECT_EQ(token.use_count(), 1);
-  clock->advance(10ms);
-  EXPECT_EQ(loop->runUntilIdle(), 0u);
-  t.cancel(); // twice is harmless
-}
+  t.cancel();
 
-TEST_F(Timers, CallbackCancelsALaterDueTimerOfTheSamePass) {
   Evt::Timer second;
   Evt::Timer first = loop->timerIs(1ms, [&] {
     order.push_back("first");
     second.cancel();
   });
   second = loop->timerIs(2ms, note("second"));
-  clock->advance(5ms);
-  EXPECT_EQ(loop->runUntilIdle(), 1u);
+  bool fired = false;
+  auto owner = std::make_unique<Owner>(*loop, fired);
+  loop->defer([&] { owner.reset(); });
+  clock->advance(10ms); // all due in the pass that destroys the owner
+  EXPECT_EQ(loop->runUntilIdle(), 2u);
   EXPECT_EQ(order, (std::vector<std::string>{"first"}));
+  EXPECT_FALSE(fired);
+  EXPECT_EQ(loop->timers(), 0u);
 }
 
-TEST_F(Timers, PeriodicTimerCancelsItselfFromItsCallback) {
+// A periodic timer keeps its grid, runs once for ticks it missed, and may
+// cancel itself from its callback, letting go of it once that run returns.
+TEST_F(Timers, PeriodicTimerSkipsMissedTicksKeepsItsGridAndCancelsItself) {
   auto token = std::make_shared<int>(0);
   int ticks = 0;
   Evt::Timer t;
@@ -71,18 +84,6 @@ TEST_F(Timers, PeriodicTimerCancelsItselfFromItsCallback) {
       EXPECT_FALSE(t.pending());
     }
   });
-  for (int i = 0; i < 5; ++i) {
-    clock->advance(10ms);
-    loop->runUntilIdle();
-  }
-  EXPECT_EQ(ticks, 3);
-  EXPECT_EQ(loop->timers(), 0u);
-  EXPECT_EQ(token.use_count(), 1); // released once its last run returned
-}
-
-TEST_F(Timers, PeriodicTimerSkipsMissedTicksAndKeepsItsGrid) {
-  int ticks = 0;
-  Evt::Timer t = loop->periodicIs(10ms, [&] { ++ticks; });
   clock->advance(35ms); // ticks due at 10, 20 and 30 ms
   EXPECT_EQ(loop->runUntilIdle(), 1u);
   clock->advance(4ms); // 39 ms: the next tick is at 40, not at 45
@@ -90,24 +91,14 @@ TEST_F(Timers, PeriodicTimerSkipsMissedTicksAndKeepsItsGrid) {
   clock->advance(1ms);
   EXPECT_EQ(loop->runUntilIdle(), 1u);
   EXPECT_EQ(ticks, 2);
-  EXPECT_THROW((void)loop->periodicIs(0ms, [] {}), std::invalid_argument);
-}
-
-// An object that owns its timer, as the tables' retry logic does.
-struct Owner {
-  Owner(Evt::Loop &loop, bool &fired)
-      : timer(loop.timerIs(10ms, [&fired] { fired = true; })) {}
-  Evt::Timer timer;
-};
-
-TEST_F(Timers, DestroyingTheOwnerOfAPendingTimerCancelsIt) {
-  bool fired = false;
-  auto owner = std::make_unique<Owner>(*loop, fired);
-  loop->defer([&] { owner.reset(); });
-  clock->advance(10ms); // due in the same pass that destroys the owner
-  loop->runUntilIdle();
-  EXPECT_FALSE(fired);
+  for (int i = 0; i < 5; ++i) {
+    clock->advance(10ms);
+    loop->runUntilIdle();
+  }
+  EXPECT_EQ(ticks, 3);
   EXPECT_EQ(loop->timers(), 0u);
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_THROW((void)loop->periodicIs(0ms, [] {}), std::invalid_argument);
 }
 
 TEST(RealClock, RunWaitsForTheTimerThatStopsIt) {

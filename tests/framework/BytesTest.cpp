@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <random>
+#include <utility>
 
 #include "platform/framework/Bytes.h"
 
@@ -30,19 +31,15 @@ template <std::size_t N> void expectSameOrderAsMemcmp(std::mt19937 &rng) {
   }
 }
 
+template <std::size_t... N>
+void expectSameOrderForSizes(std::mt19937 &rng, std::index_sequence<N...>) {
+  (expectSameOrderAsMemcmp<N>(rng), ...);
+}
+
 TEST(CompareBytes, OrdersLikeMemcmpForEveryKeySize) {
   std::mt19937 rng(3);
-  expectSameOrderAsMemcmp<1>(rng);
-  expectSameOrderAsMemcmp<2>(rng);
-  expectSameOrderAsMemcmp<3>(rng);
-  expectSameOrderAsMemcmp<4>(rng);
-  expectSameOrderAsMemcmp<6>(rng);
-  expectSameOrderAsMemcmp<7>(rng);
-  expectSameOrderAsMemcmp<8>(rng);
-  expectSameOrderAsMemcmp<12>(rng);
-  expectSameOrderAsMemcmp<15>(rng);
-  expectSameOrderAsMemcmp<16>(rng);
-  expectSameOrderAsMemcmp<24>(rng);
+  expectSameOrderForSizes(
+      rng, std::index_sequence<1, 2, 3, 4, 6, 7, 8, 12, 15, 16, 24>{});
 }
 
 } // namespace

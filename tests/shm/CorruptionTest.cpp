@@ -1,6 +1,5 @@
 // Damaged bytes: every kind is reported, counted and read as absent, by the
 // writer's mount, by the writer's reads and by readers, and nothing crashes.
-#include <fstream>
 #include <functional>
 #include <random>
 #include <stdexcept>
@@ -14,10 +13,7 @@ namespace format = Shm::format;
 namespace {
 
 format::FileHeader readHeader(const std::string &file) {
-  format::FileHeader h{};
-  std::ifstream in(file, std::ios::binary);
-  in.read(reinterpret_cast<char *>(&h), sizeof h);
-  return h;
+  return peek<format::FileHeader>(file, 0);
 }
 
 // The file offset of slot `i` of collection `c`.
@@ -201,39 +197,21 @@ TEST(ShmCorruption, ReadersDropBadRecordsUntilTheSlotIsRewritten) {
   em->close();
 }
 
-TEST(ShmCorruption, DamagedHeaderIsRecreatedWipedAndRefusedByReaders) {
-  const std::string agent = freshAgent();
-  for (std::uint64_t offset : {0ul, 20ul, 50ul, 180ul, 4090ul}) {
-    const std::string file = makeSlate(agent);
-    flipByte(file, offset, 0x20);
-    CaptureReporter rep;
-    auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
-    EXPECT_THROW(ro->mountGroup()->doMount("s", Slate::kTypeName, readerInfo()),
-                 Shm::CorruptionError)
-        << offset;
-    ro->close();
-    auto em = Shm::entityManager(agent, 0);
-    auto s = mount<Slate>(em, "s", slateInfo());
-    EXPECT_TRUE(s->big().control().wiped()) << offset;
-    EXPECT_EQ(s->big().count(), 0u);
-    EXPECT_EQ(rep.corruptions.size(), 2u) << offset;
-    em->entityDel("s");
-    em->close();
-  }
-}
-
-TEST(ShmCorruption, GarbageTruncatedAndEmptyFilesNeverCrashAReader) {
+// A file whose header cannot be used (a damaged byte, garbage, cut short,
+// empty, grown): readers refuse it without crashing; the writer reports it and
+// recreates the file wiped.
+TEST(ShmCorruption, AnUnusableHeaderIsRefusedByReadersAndRecreatedWiped) {
   const std::string agent = freshAgent();
   const std::string file = makeSlate(agent);
-  std::string good;
-  {
-    std::ifstream in(file, std::ios::binary);
-    good.assign(std::istreambuf_iterator<char>(in), {});
-  }
-  std::mt19937_64 rng(11);
+  const std::string good = readFile(file);
   std::vector<std::string> contents = {"", "x", good.substr(0, 4096),
                                        good.substr(0, good.size() - 4096),
                                        good + std::string(4096, '\0')};
+  for (const std::size_t offset : {0, 20, 50, 180, 4090}) {
+    contents.push_back(good);
+    contents.back()[offset] ^= 0x20;
+  }
+  std::mt19937_64 rng(11);
   for (int i = 0; i < 20; ++i) {
     std::string g(rng() % 20000, '\0');
     for (char &c : g) {
@@ -241,23 +219,22 @@ TEST(ShmCorruption, GarbageTruncatedAndEmptyFilesNeverCrashAReader) {
     }
     contents.push_back(g);
   }
-  CaptureReporter rep;
   for (const std::string &c : contents) {
-    {
-      std::ofstream out(file, std::ios::binary | std::ios::trunc);
-      out.write(c.data(), static_cast<std::streamsize>(c.size()));
-    }
+    SCOPED_TRACE(testing::Message() << "contents " << &c - &contents[0]);
+    writeFile(file, c);
+    CaptureReporter rep;
     auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
     EXPECT_THROW(ro->mountGroup()->doMount("s", Slate::kTypeName, readerInfo()),
-                 Shm::CorruptionError)
-        << c.size();
+                 Shm::CorruptionError);
     ro->close();
+    auto em = Shm::entityManager(agent, 0);
+    auto s = mount<Slate>(em, "s", slateInfo());
+    EXPECT_TRUE(s->big().control().wiped());
+    EXPECT_TRUE(s->log().control().wiped());
+    EXPECT_EQ(s->big().count(), 0u);
+    EXPECT_EQ(rep.corruptions.size(), 2u);
+    em->close();
   }
-  // The writer recreates it.
-  auto em = Shm::entityManager(agent, 0);
-  auto s = mount<Slate>(em, "s", slateInfo());
-  EXPECT_TRUE(s->log().control().wiped());
-  em->close();
 }
 
 TEST(ShmCorruption, AnUnreadableCatalogIsReportedAndMissingFilesCountAsWiped) {
@@ -380,12 +357,7 @@ TEST(ShmCorruption, SequenceNumbersNeverWrap) {
 
   // A record sealed with the largest number and a valid checksum, in the
   // next fresh slot, as a writer would have left it.
-  std::uint64_t hw = 0;
-  {
-    std::ifstream in(file, std::ios::binary);
-    in.seekg(static_cast<std::streamoff>(logControl + 16));
-    in.read(reinterpret_cast<char *>(&hw), 8);
-  }
+  std::uint64_t hw = peek<std::uint64_t>(file, logControl + 16);
   const LogRecord last = logRecord(100, 7);
   const std::uint64_t seal = format::sealOf(format::kSeqMask);
   const std::uint64_t ck = format::recordChecksum(&last, sizeof last, seal);
@@ -425,11 +397,7 @@ TEST(ShmCorruption, SequenceNumbersNeverWrap) {
 TEST(ShmCorruption, RandomFlipsNeverCrashAndNeverYieldBadRecords) {
   const std::string agent = freshAgent();
   const std::string file = makeSlate(agent, 40);
-  std::string good;
-  {
-    std::ifstream in(file, std::ios::binary);
-    good.assign(std::istreambuf_iterator<char>(in), {});
-  }
+  const std::string good = readFile(file);
   const format::FileHeader h = readHeader(file);
   const std::uint64_t usedEnd = slotOffset(h, 1, 48);
   std::mt19937_64 rng(testing::UnitTest::GetInstance()->random_seed());
@@ -445,10 +413,7 @@ TEST(ShmCorruption, RandomFlipsNeverCrashAndNeverYieldBadRecords) {
                                rng() % (usedEnd - h.collections[0].slotsOffset);
       bytes[at] = static_cast<char>(bytes[at] ^ (1 << (rng() % 8)));
     }
-    {
-      std::ofstream out(file, std::ios::binary | std::ios::trunc);
-      out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    }
+    writeFile(file, bytes);
     auto ro = Shm::entityManager(agent, 0, Shm::Access::read);
     try {
       auto rs = mount<Slate>(ro, "s", readerInfo());
@@ -495,12 +460,6 @@ TEST(ShmRecovery, TwoCopiesOfAKeyResolveToTheNewer) {
     const format::FileHeader h = readHeader(file);
     // A copy of label 2 with another value in slot 4, sealed with a sequence
     // number above (or below) the one in slot 2.
-    std::uint64_t seal2 = 0;
-    {
-      std::ifstream in(file, std::ios::binary);
-      in.seekg(static_cast<std::streamoff>(slotOffset(h, 0, 2)));
-      in.read(reinterpret_cast<char *>(&seal2), 8);
-    }
     const std::uint64_t seal =
         newerInLowerSlot ? format::sealOf(1) : format::sealOf(1000);
     if (newerInLowerSlot) {

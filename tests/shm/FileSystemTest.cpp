@@ -61,17 +61,6 @@ std::set<std::string> namesIn(const std::string &dir) {
   return out;
 }
 
-std::string readFile(const std::string &path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-mode_t modeOf(const std::string &path) {
-  struct stat st {};
-  EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
-
 // Runs `body` in a child whose store root is `root`.
 template <typename F> int inStore(const std::string &root, F &&body) {
   return runInChild([&] {
@@ -123,14 +112,8 @@ TEST(ShmFileSystem, AFullFileSystemRefusesNewKeysAndFailsMountsCleanly) {
   // nothing.
   fs.fill("filler");
   const std::string file = fs.path() + "/full.0/t";
-  std::uint64_t mark = 0;
   const std::uint64_t markAt = format::kHeaderSize + 16;
-  {
-    std::ifstream in(file, std::ios::binary);
-    in.seekg(static_cast<std::streamoff>(markAt));
-    in.read(reinterpret_cast<char *>(&mark), sizeof mark);
-  }
-  mark += 3000;
+  const std::uint64_t mark = peek<std::uint64_t>(file, markAt) + 3000;
   pokeBytes(file, markAt, &mark, sizeof mark);
   auto mountWithoutSpace = [&] {
     auto em = Shm::entityManager("full", 0);

@@ -1,7 +1,6 @@
 // Entity types and helpers shared by the store's tests.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "platform/shm/Store.h"
+#include "support/Files.h"
 #include "support/Fork.h"
 
 namespace ShmTest {
@@ -138,21 +138,6 @@ private:
   Shm::Collection<SmallTraits> entries_;
 };
 
-// One collection of 832-byte records (benchmarks).
-class BigTable : public Shm::Entity {
-public:
-  static constexpr const char *kTypeName = "ShmTest::BigTable";
-  static Shm::EntityLayout layout() {
-    return Shm::EntityLayout(kTypeName).collection<BigTraits>("entries");
-  }
-  explicit BigTable(Shm::EntityInit &init)
-      : Shm::Entity(init), entries_(init, "entries") {}
-  Shm::Collection<BigTraits> &entries() { return entries_; }
-
-private:
-  Shm::Collection<BigTraits> entries_;
-};
-
 inline Shm::MountInfo slateInfo(std::uint32_t big = 64, std::uint32_t log = 256,
                                 std::uint32_t small = 8) {
   Shm::MountInfo info;
@@ -191,6 +176,13 @@ inline std::string freshAgent(const std::string &suffix = "") {
   return name;
 }
 
+// The permission bits of a file or directory.
+inline mode_t modeOf(const std::string &path) {
+  struct stat st {};
+  EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+  return st.st_mode & 07777;
+}
+
 inline std::string instanceDir(const std::string &agent) {
   return Shm::rootDirectory() + "/" + agent + ".0";
 }
@@ -205,26 +197,12 @@ struct CaptureReporter : Shm::Reporter {
   std::vector<std::string> notices;
 };
 
-inline void pokeBytes(const std::string &file, std::uint64_t offset,
-                      const void *bytes, std::size_t n) {
-  const int fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
-  ASSERT_GE(fd, 0) << file;
-  ASSERT_EQ(::pwrite(fd, bytes, n, static_cast<off_t>(offset)),
-            static_cast<ssize_t>(n));
-  ::close(fd);
-}
-inline void flipByte(const std::string &file, std::uint64_t offset,
-                     std::uint8_t mask = 0xff) {
-  const int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_GE(fd, 0) << file;
-  std::uint8_t b = 0;
-  ASSERT_EQ(::pread(fd, &b, 1, static_cast<off_t>(offset)), 1);
-  b ^= mask;
-  ASSERT_EQ(::pwrite(fd, &b, 1, static_cast<off_t>(offset)), 1);
-  ::close(fd);
-}
-
+using TestSupport::flipByte;
 using TestSupport::forkChild;
+using TestSupport::peek;
+using TestSupport::pokeBytes;
+using TestSupport::readFile;
 using TestSupport::waitExit;
+using TestSupport::writeFile;
 
 } // namespace ShmTest

@@ -22,15 +22,6 @@ protected:
   StateDb::EntityManager::Ptr em = StateDb::entityManagerIs("MplsAgent", 3);
 };
 
-TEST_F(EntityManagerTest, NamesTheAgentInstance) {
-  EXPECT_EQ(em->name(), "MplsAgent");
-  EXPECT_EQ(em->instanceId(), 3u);
-  for (const char *bad : {"", "..", "a/b"}) {
-    EXPECT_THROW(StateDb::entityManagerIs(bad, 0), std::invalid_argument)
-        << bad;
-  }
-}
-
 TEST_F(EntityManagerTest, StoresReplacesAndDeletesByPath) {
   EXPECT_EQ(em->entity("a/b"), nullptr);
   auto first = Fwk::make<Thing>(1);
@@ -62,7 +53,13 @@ TEST_F(EntityManagerTest, ListsPathsAtOrUnderAPrefixInOrder) {
                    "mplsb", "other"}));
 }
 
-TEST_F(EntityManagerTest, BadPathsAreRefusedAndChangeNothing) {
+TEST_F(EntityManagerTest, BadNamesAndPathsAreRefusedAndChangeNothing) {
+  EXPECT_EQ(em->name(), "MplsAgent");
+  EXPECT_EQ(em->instanceId(), 3u);
+  for (const char *bad : {"", "..", "a/b"}) {
+    EXPECT_THROW(StateDb::entityManagerIs(bad, 0), std::invalid_argument)
+        << bad;
+  }
   auto kept = Fwk::make<Thing>(7);
   em->entityIs("a/b", kept);
   for (const char *bad : {"", "/a", "a/", "a//b", "a/../b", "..", "a/./b"}) {
@@ -90,7 +87,9 @@ public:
   std::vector<std::uint32_t> seen;
 };
 
-TEST_F(EntityManagerTest, GenIdLivesAtTheAgentsRelaunchPath) {
+// The agent's generation id lives at its relaunch path, made once; a path
+// holding another type is not replaced.
+TEST_F(EntityManagerTest, GenIdLivesAtTheAgentsRelaunchPathMadeOnce) {
   EXPECT_EQ(Asic::genId(*em), nullptr);
   auto gen = Asic::genIdIs(*em, 5, 2);
   EXPECT_EQ(em->entityPaths("hardware"),
@@ -99,14 +98,13 @@ TEST_F(EntityManagerTest, GenIdLivesAtTheAgentsRelaunchPath) {
   EXPECT_EQ(Asic::genId(*em), gen);
   EXPECT_EQ(gen->majorId(), 5u);
   EXPECT_EQ(gen->minorId(), 2u);
-}
 
-TEST_F(EntityManagerTest, GenIdPathHoldingAnotherTypeIsNotReplaced) {
+  auto other = StateDb::entityManagerIs("OtherAgent", 0);
   auto squatter = Fwk::make<Thing>();
-  em->entityIs(Asic::GenId::path(em->name()), squatter);
-  EXPECT_THROW(Asic::genIdIs(*em), Fwk::ReinstantiationException);
-  EXPECT_EQ(Asic::genId(*em), nullptr);
-  EXPECT_EQ(em->entity(Asic::GenId::path(em->name())), squatter);
+  other->entityIs(Asic::GenId::path(other->name()), squatter);
+  EXPECT_THROW(Asic::genIdIs(*other), Fwk::ReinstantiationException);
+  EXPECT_EQ(Asic::genId(*other), nullptr);
+  EXPECT_EQ(other->entity(Asic::GenId::path(other->name())), squatter);
 }
 
 TEST(GenId, MajorIdIncrementsAreAnnounced) {

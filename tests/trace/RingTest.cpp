@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -96,23 +95,29 @@ TEST_F(Ring, MessagesComeBackOldestFirstWithTheirTextRendered) {
   ASSERT_EQ(more.size(), 5u);
   EXPECT_EQ(more[3].text, "two {} and {} [5]");
   EXPECT_EQ(more[4].text, "1 2 3 4") << "four arguments are kept";
+
+  // Registering the same message again gives the same descriptor.
+  EXPECT_EQ(Trace::registerMessage("Test/Ring", 2, "Many", "f", "{} {} {} {}",
+                                   "iiiii")
+                .id,
+            many.id);
+  EXPECT_NE(Trace::registerMessage("Test/Ring", 3, "Many", "f", "{} {} {} {}",
+                                   "iiiii")
+                .id,
+            many.id)
+      << "another line is another message";
+  EXPECT_NE(odd.id, 0u);
 }
 
-TEST_F(Ring, RegisteringTheSameMessageTwiceGivesOneDescriptor) {
-  const auto a = Trace::registerMessage("U", 7, "C", "f", "x {}", "i");
-  const auto b = Trace::registerMessage("U", 7, "C", "f", "x {}", "i");
-  const auto c = Trace::registerMessage("U", 8, "C", "f", "x {}", "i");
-  EXPECT_NE(a.id, 0u);
-  EXPECT_EQ(a.id, b.id);
-  EXPECT_NE(a.id, c.id);
-}
-
-TEST_F(Ring, NothingIsWrittenWithoutATraceFile) {
+// The ring lives beside the trace file: without one nothing is written;
+// with one, a file in its place that is not a ring is replaced.
+TEST_F(Ring, IsWrittenOnlyWithATraceFileAndReplacesWhatIsNotARing) {
   configure("");
   sweep(1); // the call site registers its descriptor here, without a file
   mark(2);
   EXPECT_TRUE(
       std::filesystem::is_empty(std::filesystem::path(path_).parent_path()));
+  TestSupport::writeFile(ring(), "not a ring file, just text left here");
   // The same call sites, once a file is configured, do reach the ring.
   configure(path_);
   sweep(3);
@@ -161,31 +166,8 @@ TEST_F(Ring, OutlivesAKilledWriterAndIsSharedByProcesses) {
   configure(path_);
   mark(102);
   EXPECT_EQ(Trace::readRing(ring()).size(), 5u);
-  rf::RingHeader h{};
-  const std::string bytes = TraceTest::readFile(ring());
-  std::memcpy(&h, bytes.data(), sizeof h);
-  EXPECT_EQ(h.descriptorCount, 2u) << "sweep and mark, once each";
-}
-
-TEST_F(Ring, AWriterReplacesAFileThatIsNotARing) {
-  {
-    std::ofstream garbage(ring(), std::ios::binary);
-    garbage << "this is not a ring file, just some text an operator left here";
-  }
-  configure(path_);
-  sweep(9);
-  EXPECT_EQ(texts(Trace::readRing(ring())),
-            std::vector<std::string>{"Swept 9 entries"});
-}
-
-// Writes bytes over a file at an offset.
-void poke(const std::string &path, std::uint64_t offset, const void *data,
-          std::size_t size) {
-  const int fd = ::open(path.c_str(), O_WRONLY);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::pwrite(fd, data, size, static_cast<off_t>(offset)),
-            static_cast<ssize_t>(size));
-  ::close(fd);
+  EXPECT_EQ(TestSupport::peek<rf::RingHeader>(ring(), 0).descriptorCount, 2u)
+      << "sweep and mark, once each";
 }
 
 TEST_F(RingReader, ReturnsWhatItCanFromTruncatedFiles) {
@@ -225,21 +207,19 @@ TEST_F(RingReader, NeverTrustsWhatTheFileSays) {
   sweep(2);
   configure("");
   const std::string r = ring();
-  rf::RingHeader h{};
-  {
-    const std::string bytes = TraceTest::readFile(r);
-    std::memcpy(&h, bytes.data(), sizeof h);
-  }
+  const auto h = TestSupport::peek<rf::RingHeader>(r, 0);
   const auto slotText = h.descriptorOffset + offsetof(rf::DescriptorSlot, text);
   const auto entry1 = h.entryOffset + sizeof(rf::RingEntry);
 
   // An entry naming a descriptor that is not there is left out.
   const std::uint32_t far = 200;
-  poke(r, entry1 + offsetof(rf::RingEntry, descriptor), &far, sizeof far);
+  TestSupport::pokeBytes(r, entry1 + offsetof(rf::RingEntry, descriptor), &far,
+                         sizeof far);
   EXPECT_EQ(texts(Trace::readRing(r)),
             std::vector<std::string>{"Swept 1 entries"});
   const std::uint32_t zero = 0;
-  poke(r, entry1 + offsetof(rf::RingEntry, descriptor), &zero, sizeof zero);
+  TestSupport::pokeBytes(r, entry1 + offsetof(rf::RingEntry, descriptor), &zero,
+                         sizeof zero);
 
   // A format that would make fmt write two billion spaces, or take a width
   // from an argument, is shown raw.
@@ -247,7 +227,7 @@ TEST_F(RingReader, NeverTrustsWhatTheFileSays) {
                         std::strlen("MplsLemSwTable") + 1 +
                         std::strlen("sweep") + 1;
   for (const std::string format : {"{:2000000000}", "{:{}}"}) {
-    poke(r, formatAt, format.c_str(), format.size() + 1);
+    TestSupport::pokeBytes(r, formatAt, format.c_str(), format.size() + 1);
     EXPECT_EQ(texts(Trace::readRing(r)),
               (std::vector<std::string>{format + " [1]", format + " [2]"}));
   }
@@ -256,19 +236,19 @@ TEST_F(RingReader, NeverTrustsWhatTheFileSays) {
   rf::RingHeader bad = h;
   bad.descriptorCount = 0xffffffffu;
   bad.writeIndex = ~std::uint64_t{0};
-  poke(r, 0, &bad, sizeof bad);
+  TestSupport::pokeBytes(r, 0, &bad, sizeof bad);
   EXPECT_LE(Trace::readRing(r).size(), 2u);
   bad = h;
   bad.entryCapacity = 3; // not a power of two
-  poke(r, 0, &bad, sizeof bad);
+  TestSupport::pokeBytes(r, 0, &bad, sizeof bad);
   EXPECT_TRUE(Trace::readRing(r).empty());
   bad = h;
   bad.entryCapacity = 0x80000000u;
-  poke(r, 0, &bad, sizeof bad);
+  TestSupport::pokeBytes(r, 0, &bad, sizeof bad);
   EXPECT_TRUE(Trace::readRing(r).empty());
   bad = h;
   bad.version = 2;
-  poke(r, 0, &bad, sizeof bad);
+  TestSupport::pokeBytes(r, 0, &bad, sizeof bad);
   EXPECT_TRUE(Trace::readRing(r).empty());
 }
 
@@ -278,8 +258,7 @@ TEST_F(RingReader, SurvivesRandomBytesAnywhere) {
   }
   configure("");
   const std::string good = TraceTest::readFile(ring());
-  rf::RingHeader h{};
-  std::memcpy(&h, good.data(), sizeof h);
+  const auto h = TestSupport::peek<rf::RingHeader>(ring(), 0);
   const std::string copy = dir_.file("fuzzed.ring");
   std::mt19937_64 rng(20261122);
   for (int round = 0; round < 300; ++round) {

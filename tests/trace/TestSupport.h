@@ -1,5 +1,5 @@
 // Helpers of the trace and agent log suites: a scratch directory, stderr
-// capture, environment variables restored on exit, and file reading.
+// capture, environment variables restored on exit, and files read by line.
 #pragma once
 
 #include <fcntl.h>
@@ -8,12 +8,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "support/Files.h"
 
 namespace TraceTest {
 
@@ -63,12 +64,7 @@ private:
   std::optional<std::string> old_;
 };
 
-inline std::string readFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using TestSupport::readFile;
 
 inline std::vector<std::string> readLines(const std::string &path) {
   std::vector<std::string> lines;
