@@ -75,11 +75,24 @@ template <typename T> struct OrderedSwTableAccessor {
   // ---- Write, remove, remove-all ----
 
   // The version of a new change of `key`: one past its pending change, or
-  // (0, 0) when it has none.
-  static EntryVersion nextVersion(T &t, const Key &key) {
+  // (0, 0) when it has none. `previous` is set to the change of the key
+  // queued last, when there may be one: a key without a pending version has
+  // no change queued (its version goes when its newest change commits, or
+  // when its table's queue is dropped).
+  static EntryVersion nextVersion(T &t, const Key &key,
+                                  const ResolverEntry *&previous) {
+    previous = nullptr;
     if (const EntryVersion *cur = t.transientVersionForKeyColl().find(key)) {
       const EntryVersion currEntryVersion = *cur;
       FWK_ASSERT_NAMED(currEntryVersion.valid(), "currEntryVersion.valid()");
+      // The newest pending write or remove of the key, unless a remove-all
+      // dropped it from view (the changes after a remove-all are ordered
+      // behind it anyway).
+      if (const auto *w = t.transientAddEntryColl().find(key)) {
+        previous = (*w)->queuedAs();
+      } else if (const auto *w = t.transientRemoveEntryColl().find(key)) {
+        previous = (*w)->queuedAs();
+      }
       return currEntryVersion.next();
     }
     OT_TRACE(8, " Key: {} not found in entry version collection", key);
@@ -117,7 +130,8 @@ template <typename T> struct OrderedSwTableAccessor {
                     const Dependency &dependency,
                     const ResponseHandler &handler, Linkage *linkage) {
     OT_TRACE(8, "key: {}", key);
-    const EntryVersion v = nextVersion(t, key);
+    const ResolverEntry *previous;
+    const EntryVersion v = nextVersion(t, key, previous);
     t.transientVersionForKeyIs(key, v);
     const bool marking = t.inMarkingState();
     if (marking) {
@@ -131,9 +145,10 @@ template <typename T> struct OrderedSwTableAccessor {
     if (linkage) {
       linkage->resolveEntry(wrapper);
     }
-    enqueue(t, Fwk::make<Resolver>(dependency,
-                                   marking ? entryFlagMarked : entryFlagNone,
-                                   &t, wrapper));
+    auto r = Fwk::make<Resolver>(
+        dependency, marking ? entryFlagMarked : entryFlagNone, &t, wrapper);
+    r->laneAfterIs(previous);
+    enqueue(t, r);
     OT_TRACE(2, "Done processing write for key: {} ", key);
     t.stats()->entryWriteCntInc(1);
     afterChange(t);
@@ -144,13 +159,15 @@ template <typename T> struct OrderedSwTableAccessor {
   entryRemoveGeneric(T &t, const Key &key, const Dependency &dependency,
                      const ResponseHandler &handler) {
     OT_TRACE(8, " Key: {} ", key);
-    const EntryVersion v = nextVersion(t, key);
+    const ResolverEntry *previous;
+    const EntryVersion v = nextVersion(t, key, previous);
     t.transientVersionForKeyIs(key, v);
     auto handle = makeHandle(t, v, key, handler);
     Entry removed{};
     removed.key = key;
     auto wrapper = Fwk::make<Wrapper>(removed, handle);
     auto r = Fwk::make<Resolver>(dependency, entryFlagRemove, &t, wrapper);
+    r->laneAfterIs(previous);
     t.transientAddEntryDel(key);
     t.transientRemoveEntryIs(wrapper);
     enqueue(t, r);

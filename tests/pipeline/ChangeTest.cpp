@@ -213,7 +213,7 @@ TYPED_TEST(Change, ChangesTheHardwareNeedNotWaitForFinishInsideTheCommit) {
   EXPECT_EQ(t.entryHandleInLogSize(), 0u);
 }
 
-TYPED_TEST(Change, TwoWritesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
+TYPED_TEST(Change, ChangesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
   using F = TypeParam;
   using Key = typename F::Key;
   Env<F> env;
@@ -234,6 +234,39 @@ TYPED_TEST(Change, TwoWritesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
   EXPECT_FALSE(t.transientVersionForKey(k).valid());
   EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(2));
   EXPECT_EQ(env.group->logEntriesWithDependencies(), 1u);
+
+  // A change whose dependency failed holds back the next change of its key
+  // until it fails; a failed newest change leaves the key pending, and the
+  // next change of the key still commits.
+  auto failing = dependency(EntryState::made);
+  auto a = t.entryWrite(k, F::entry(5, 3), failing);
+  t.entryWrite(k, F::entry(5, 4), nullptr);
+  EXPECT_EQ(env.pass(), 0u);
+  failing->entryStateIs(EntryState::failed);
+  EXPECT_EQ(env.pass(), 2u);
+  EXPECT_EQ(a->entryState(), EntryState::failed);
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(4));
+  failing = dependency(EntryState::failed);
+  t.entryWrite(k, F::entry(5, 5), failing);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_TRUE(t.transientAddEntry(k));
+  t.entryWrite(k, F::entry(5, 6), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_FALSE(t.transientAddEntry(k));
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(6));
+
+  // Across a remove-all: the change before it commits first, the one after
+  // it last.
+  auto later = dependency(EntryState::made);
+  t.entryWrite(k, F::entry(5, 7), later);
+  t.entryRemoveAll(nullptr);
+  auto last = t.entryWrite(k, F::entry(5, 8), nullptr);
+  EXPECT_EQ(env.pass(), 0u);
+  later->entryStateIs(EntryState::finished);
+  EXPECT_EQ(env.pass(), 3u);
+  EXPECT_EQ(last->entryState(), EntryState::logged);
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(8));
+  EXPECT_EQ(env.resolver->resolverQueueSize(), 0u);
 }
 
 TYPED_TEST(Change,
@@ -315,10 +348,10 @@ TYPED_TEST(Change, AWriteTheFileSystemHasNoSpaceForFailsAndChangesNothing) {
     // way nothing is thrown out of the pass.
     auto del = t.entryRemove(Key(0), nullptr);
     env.pass();
-    TestSupport::require(
-        del->entryState() == EntryState::failed ? t.entryHas(Key(0))
-                                                : !t.entryHas(Key(0)),
-        "the deletion");
+    TestSupport::require(del->entryState() == EntryState::failed
+                             ? t.entryHas(Key(0))
+                             : !t.entryHas(Key(0)),
+                         "the deletion");
     const auto refused = t.stats()->logRefusedCnt();
     t.entryRemoveAll(nullptr);
     env.pass();
