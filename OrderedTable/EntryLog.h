@@ -89,6 +89,7 @@ registerEntryLogMessages();
 
 template <typename B> class OrderedEntryLog : public EntryLogBase {
 public:
+  using Binding = B;
   using Key = typename B::Key;
   using LogEntry = typename B::LogEntry;
   using ResourceKeys = typename B::ResourceKeys;
@@ -262,6 +263,9 @@ public:
   }
   std::size_t tableConfigSlates() const noexcept {
     return tableConfigSlate_.size();
+  }
+  const auto &tableConfigSlateColl() const noexcept {
+    return tableConfigSlate_;
   }
   void tableConfigSlateIs(UnitId unitId, const Fwk::Ptr<ConfigSlateT> &slate) {
     tableConfigSlate_.insert(unitId, slate);

@@ -49,6 +49,7 @@ protected:
 
 template <typename B> class EntryWrapperBase : public Fwk::Object {
 public:
+  using Binding = B;
   using Entry = typename B::Entry;
   using Key = typename B::Key;
   using ResourceHandle = typename B::ResourceHandle;

@@ -25,6 +25,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "OrderedTable/Introspection.h"
 #include "OrderedTable/SwTableState.h"
 #include "platform/framework/Assert.h"
 #include "platform/shm/Errors.h"
@@ -806,10 +807,14 @@ template <typename T> struct OrderedSwTableAccessor {
 
   static Fwk::Ptr<typename T::SwTableEntries_py>
   getTableEntries_py(const T &t) {
+    // The table's "entries" collection as the inspection tools walk it.
     auto snapshot = Fwk::make<typename T::SwTableEntries_py>();
-    for (auto it = t.entryIteratorConst(); !it.done(); ++it) {
-      snapshot->tableEntriesIs(it.entry());
-    }
+    // (The walk is typed per collection; "entries" yields entries.)
+    Introspect::forEachElement(t, "entries", [&snapshot](const auto &e) {
+      if constexpr (std::is_same_v<std::decay_t<decltype(e)>, Entry>) {
+        snapshot->tableEntriesIs(e);
+      }
+    });
     return snapshot;
   }
 

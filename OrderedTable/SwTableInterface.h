@@ -31,6 +31,7 @@
 #include "platform/asic/Constants.h"
 #include "platform/asic/OrderedTableInterface.h"
 #include "platform/framework/Assert.h"
+#include "platform/framework/Errors.h"
 #include "platform/trace/Trace.h"
 
 namespace Asic {
@@ -83,15 +84,22 @@ public:
                     const Fwk::Ptr<OrderedSwTableStatus> &status);
   void swTableSetDel() { swTableSet_ = nullptr; }
 
-  // The software table of a unit: the existing one (given the helper, and
-  // cleared when asked), or a new one, mounted, linked to its resource
-  // table, then cleared or restored, and marking until the agent has
-  // finished its first replay.
+  // The software table of a unit: the one the group's set holds (given the
+  // helper, and cleared when asked), or a new one, mounted, linked to its
+  // resource table, then cleared or restored, added to the group's set, and
+  // marking until the agent has finished its first replay. The group's set
+  // is this interface's own until onDelete(); afterwards the group has none
+  // (making a table stops the process) or a later interface's. The unit's
+  // table takes a client slot of the resource table (at most
+  // ResourceTable::kMaxClients units are driven at once): when none is left
+  // it throws Fwk::Exception, with nothing mounted, made or changed.
   Fwk::Ptr<SwTable> makeSwTable(UnitId unitId,
                                 const Fwk::Ptr<Helper> &swTableHelper,
                                 bool clearEntries);
   // Clears, through the entry log, the persisted state of every unit that
-  // has a configuration table in the store but no software table.
+  // has a configuration table in the store but no software table in the
+  // group's set. The tables it makes take no client slot (until they hold
+  // a resource, if ever).
   void reconcile();
 
   // Unregisters the interface (and takes its tables off the group).
@@ -110,6 +118,12 @@ private:
                    B::kInterfaceClass, f, std::forward<Args>(args)...);
     }
   }
+
+  // makeSwTable; `driven` false for a unit only reconciled.
+  Fwk::Ptr<SwTable> makeTable(UnitId unitId,
+                              const Fwk::Ptr<Helper> &swTableHelper,
+                              bool clearEntries, bool driven);
+  [[noreturn]] void refuseUnit(UnitId unitId) const;
 
   std::string canonicalGroup() const {
     return Constants::canonicalizeGroupName(groupName());

@@ -31,9 +31,9 @@ SwTableInterface<B>::SwTableInterface(
 }
 
 template <typename B> SwTableInterface<B>::~SwTableInterface() {
-  swTableSetDel();
-  swTableStatusDel();
   entryLogDel();
+  swTableStatusDel();
+  swTableSetDel();
 }
 
 template <typename B> void SwTableInterface<B>::handleInitialized() {
@@ -99,14 +99,32 @@ void SwTableInterface<B>::swTableSetIs(
 template <typename B>
 Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     UnitId unitId, const Fwk::Ptr<Helper> &swTableHelper, bool clearEntries) {
+  return makeTable(unitId, swTableHelper, clearEntries, true);
+}
+
+template <typename B>
+Fwk::Ptr<typename B::SwTable>
+SwTableInterface<B>::makeTable(UnitId unitId,
+                               const Fwk::Ptr<Helper> &swTableHelper,
+                               bool clearEntries, bool driven) {
   TI_TRACE(8, "unitId: {}", unitId);
   const SwTableId tableId = swTableId();
   auto groupIntf = group();
   FWK_ASSERT_NAMED(groupIntf, "groupIntf");
-  if (auto existing = swTableSet_->swTable(unitId)) {
+  // The group's set is the one of record: this interface's own is the same
+  // until it is deleted, and then the group has none, or a later
+  // interface's.
+  auto swTableSet = groupIntf->swTableSet(tableId);
+  FWK_ASSERT_NAMED(swTableSet, "swTableSet");
+  if (auto existing = swTableSet->swTable(unitId)) {
     TI_TRACE(3, "swTable with unitId: {} exists", unitId);
     auto existingTbl = Fwk::ptrCast<SwTable>(existing);
     FWK_ASSERT_NAMED(existingTbl, "existingTbl");
+    // A unit reconciled before and driven now takes its client slot now.
+    if (const auto &linkage = existingTbl->linkage();
+        driven && linkage && !linkage->resTblClient()->slotIs()) {
+      refuseUnit(unitId);
+    }
     if (swTableHelper) {
       TI_TRACE(2, "Update software table helper");
       existingTbl->swTableHelperIs(swTableHelper);
@@ -118,19 +136,8 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     return existingTbl;
   }
 
-  // The version the hardware has confirmed: deletions up to it are dropped
-  // when the unit's configuration table is mounted.
-  const LogVersion confirmed = groupIntf->hwTableVersion(tableId).value_or(0);
-  entryLog_->mountSlateConfig(unitId, confirmed);
-  auto name = CanonicalTableName::canonicalTableNameIs(
-      CanonicalTableName::softwareTable, tableNamespace(), tableName());
-  auto table = Fwk::make<SwTable>(name, tableId, unitId, swTableSet_.ptr(),
-                                  entryLog_, groupIntf->groupResolver());
-  if (swTableHelper) {
-    table->swTableHelperIs(swTableHelper);
-  }
-  table->statusIs(status_);
-
+  // The resource table first: a unit it cannot serve is refused before
+  // anything is mounted or made.
   auto resName = CanonicalTableName::canonicalTableNameIs(
       CanonicalTableName::resourceTable, B::kResourceNamespace,
       B::kResourceName);
@@ -138,14 +145,37 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
   FWK_ASSERT_NAMED(resTbl, "resTbl");
   auto typedResourceTable = Fwk::ptrCast<ResourceTable>(resTbl);
   FWK_ASSERT_NAMED(typedResourceTable, "typedResourceTable");
+  if (driven &&
+      !typedResourceTable->clientSlotAvailable(B::kResourceName, unitId)) {
+    refuseUnit(unitId);
+  }
+
+  // The version the hardware has confirmed: deletions up to it are dropped
+  // when the unit's configuration table is mounted.
+  const LogVersion confirmed = groupIntf->hwTableVersion(tableId).value_or(0);
+  entryLog_->mountSlateConfig(unitId, confirmed);
+  auto name = CanonicalTableName::canonicalTableNameIs(
+      CanonicalTableName::softwareTable, tableNamespace(), tableName());
+  auto table = Fwk::make<SwTable>(name, tableId, unitId, swTableSet.ptr(),
+                                  entryLog_, groupIntf->groupResolver());
+  if (swTableHelper) {
+    table->swTableHelperIs(swTableHelper);
+  }
+  table->statusIs(status_);
+
   TI_TRACE(2, B::kResourceStartedTrace, typedResourceTable->entries());
   MICA_TRACE_RING(B::kInterfaceSourceUnit, B::kInterfaceClass,
                   B::kResourceStartedTrace, typedResourceTable->entries());
   // Each unit's table is its own client of the resource table, so that one
-  // unit's release never frees what another still uses.
-  table->linkageIs(Fwk::make<Linkage>(
-      table.ptr(),
-      typedResourceTable->clientInstanceIs(B::kResourceName, unitId)));
+  // unit's release never frees what another still uses. A unit only
+  // reconciled takes its client slot when it first holds a resource, if it
+  // ever does.
+  auto client = typedResourceTable->clientInstanceIs(B::kResourceName, unitId);
+  if (driven) {
+    const bool slotted = client->slotIs();
+    FWK_ASSERT_NAMED(slotted, "slotted"); // checked above
+  }
+  table->linkageIs(Fwk::make<Linkage>(table.ptr(), std::move(client)));
 
   if (clearEntries) {
     TI_TRACE(2, B::kClearingTrace, unitId);
@@ -154,7 +184,7 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
     table->restoreEntries();
     TI_TRACE(2, B::kRestoredTrace, table->entrys(), unitId);
   }
-  swTableSet_->swTableIs(table);
+  swTableSet->swTableIs(table);
   table->tableStatusVersion(confirmed);
   groupIntf->sweepableSwTableSetIs(table);
   if (!clearEntries && !orderedTableIntf()->initialReplayDone()) {
@@ -163,13 +193,32 @@ Fwk::Ptr<typename B::SwTable> SwTableInterface<B>::makeSwTable(
   return table;
 }
 
+template <typename B>
+void SwTableInterface<B>::refuseUnit(UnitId unitId) const {
+  TI_TRACE(1, " No client slot left in {}::{} for unitId: {}",
+           B::kResourceNamespace, B::kResourceName, unitId);
+  throw Fwk::Exception(fmt::format(
+      "{} unit {}: every one of the {} client slots of the resource table "
+      "{}::{} is taken",
+      tableName(), unitId, ResourceTable::kMaxClients, B::kResourceNamespace,
+      B::kResourceName));
+}
+
 template <typename B> void SwTableInterface<B>::reconcile() {
   TI_TRACE(8, "");
   Fwk::Ptr<Interface> keep(static_cast<Interface *>(this));
+  auto groupIntf = group();
+  FWK_ASSERT_NAMED(groupIntf, "groupIntf");
+  auto swTableSet = groupIntf->swTableSet(swTableId());
+  FWK_ASSERT_NAMED(swTableSet, "swTableSet");
   auto shm = agentShmEntityManager(*orderedTableIntf()->entityManager());
   const std::string base = Constants::canonicalGroupTableConfigSlatePathBase(
       canonicalGroup(), tableName());
-  const std::vector<std::string> paths = shm->entityPaths(base);
+  // The store's configuration entities: a unit whose file was lost while
+  // the agent was down is one too. Its mount finds it wiped and asks the
+  // hardware writer to rebuild, which clears what the hardware still holds
+  // of it.
+  const std::vector<std::string> paths = shm->knownEntityPaths(base);
   TI_TRACE(3, " No. of config entities found: {}, in slate path: {}",
            paths.size(), base);
   for (const std::string &path : paths) {
@@ -178,9 +227,9 @@ template <typename B> void SwTableInterface<B>::reconcile() {
       TI_TRACE(3, " Skipping config entity without a unit id: {}", path);
       continue;
     }
-    if (!swTableSet_->swTable(*unitId)) {
+    if (!swTableSet->swTable(*unitId)) {
       TI_TRACE(3, " Found inactive unit id: {}", *unitId);
-      makeSwTable(*unitId, nullptr, true);
+      makeTable(*unitId, nullptr, true, false);
     }
   }
 }

@@ -15,7 +15,8 @@ EntryLogBase::EntryLogBase(SwTableId tableId,
                            Fwk::Ptr<StateDb::EntityManager> entityManager,
                            Fwk::Ptr<GroupInterface> groupInterface,
                            std::string agentName)
-    : tableId_(tableId), entityManager_(std::move(entityManager)),
+    : WaitPoint(WaitKind::logRoom), tableId_(tableId),
+      entityManager_(std::move(entityManager)),
       groupInterface_(std::move(groupInterface)),
       agentName_(std::move(agentName)) {}
 

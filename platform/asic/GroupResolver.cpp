@@ -1,6 +1,7 @@
 #include "platform/asic/GroupResolver.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace Asic {
 
@@ -22,6 +23,20 @@ bool GroupResolver::olderFirst(const Fwk::Ptr<ResolverEntry> &a,
 
 // ---- Wait points ----
 
+const char *waitKindName(WaitKind k) noexcept {
+  switch (k) {
+  case WaitKind::dependency:
+    return "dependency";
+  case WaitKind::resource:
+    return "resource";
+  case WaitKind::logRoom:
+    return "logRoom";
+  case WaitKind::other:
+    break;
+  }
+  return "other";
+}
+
 WaitPoint::~WaitPoint() {
   // Whatever still waits here is offered again: it finds out itself what
   // it waits for now.
@@ -35,6 +50,9 @@ void WaitPoint::park(ResolverEntry &e) const noexcept {
   (tail_ ? tail_->parkNext_ : head_) = &e;
   tail_ = &e;
   ++parked_;
+  if (e.resolver_) {
+    ++e.resolver_->parkedByKind_[static_cast<std::size_t>(kind_)];
+  }
 }
 
 void WaitPoint::unpark(ResolverEntry &e) const noexcept {
@@ -43,6 +61,9 @@ void WaitPoint::unpark(ResolverEntry &e) const noexcept {
   e.parkPrev_ = e.parkNext_ = nullptr;
   e.parkedOn_ = nullptr;
   --parked_;
+  if (e.resolver_) {
+    --e.resolver_->parkedByKind_[static_cast<std::size_t>(kind_)];
+  }
 }
 
 void WaitPoint::wake(std::size_t n) {
@@ -80,6 +101,7 @@ GroupResolver::~GroupResolver() {
       }
       e->resolver_ = nullptr;
       e->laneNext_ = nullptr;
+      e->laneFollows_ = false;
       listRemove(order, *e);
     }
   }
@@ -184,7 +206,14 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
   if (!entry) {
     return;
   }
+  if (!passScheduled_ && !inPass_) {
+    // The first change since the last pass: one clock read per burst.
+    batchTimeNs_ = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                       std::chrono::steady_clock::now().time_since_epoch())
+                       .count();
+  }
   entry->queueSeq_ = ++enqueued_;
+  entry->queuedAtNs_ = batchTimeNs_;
   entry->resolver_ = this;
   ++queued_;
   TableOrder &order = tableOrder(tableOf(*entry));
@@ -203,7 +232,9 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
     }
     if (ResolverEntry *tail = laneTail(order, *entry)) {
       tail->laneNext_ = entry.ptr();
+      entry->laneFollows_ = true;
     } else {
+      ++laneCount_;
       headIs(order, entry);
     }
   }
@@ -237,7 +268,10 @@ void GroupResolver::retire(const Fwk::Ptr<ResolverEntry> &e) {
       }
     }
     if (next) {
+      next->laneFollows_ = false;
       headIs(order, Fwk::Ptr<ResolverEntry>(next));
+    } else {
+      --laneCount_;
     }
     --order.outstanding;
   }
@@ -265,6 +299,88 @@ GroupResolver::resolverQueue(std::size_t position) const {
   return all[position];
 }
 
+bool GroupResolver::resolverQueueWalk(
+    const QueueCursor *after, std::size_t maxLanes,
+    const std::function<void(const ResolverEntry &, bool)> &f,
+    QueueCursor &next) const {
+  // The lane heads are gathered from the tables' lists (a change that went
+  // behind another one is not a head) and walked in (table, key) order; a
+  // key with lanes in two segments of its table (either side of a
+  // remove-all) is walked in one step, its older lane first.
+  struct Head {
+    LaneKey at;
+    const ResolverEntry *e;
+  };
+  std::vector<Head> heads;
+  for (auto t = tables_.begin(); t != tables_.end(); ++t) {
+    const TableOrder &order = *t.value();
+    for (const ResolverEntry *e = order.first; e; e = e->queueNext_) {
+      if (e->isTableDeleted()) {
+        if (!after) {
+          f(*e, false);
+        }
+      } else if (!e->laneFollows_) {
+        const LaneKey at{order.table, e->orderKey()};
+        if (!after || after->table < at.table ||
+            (after->table == at.table && after->key < at.key)) {
+          heads.push_back(Head{at, e});
+        }
+      }
+    }
+  }
+  std::sort(heads.begin(), heads.end(), [](const Head &a, const Head &b) {
+    if (a.at.table != b.at.table) {
+      return a.at.table < b.at.table;
+    }
+    if (a.at.key != b.at.key) {
+      return a.at.key < b.at.key;
+    }
+    return a.e->queueSeq_ < b.e->queueSeq_;
+  });
+  std::size_t i = 0;
+  for (std::size_t n = 0; i < heads.size() && n < maxLanes; ++n) {
+    const LaneKey at = heads[i].at;
+    for (; i < heads.size() && heads[i].at == at; ++i) {
+      bool head = true;
+      for (const ResolverEntry *e = heads[i].e; e; e = e->laneNext_) {
+        f(*e, head);
+        head = false;
+      }
+    }
+    next = QueueCursor{at.table, at.key};
+  }
+  return i < heads.size();
+}
+
+const ResolverEntry *GroupResolver::resolverQueueLane(const void *table,
+                                                      std::uint64_t key) const {
+  // The table's list is in queue order: the first change of the key on it
+  // is the oldest, the head of its lane.
+  const auto *order = tables_.find(reinterpret_cast<std::uintptr_t>(table));
+  if (!order) {
+    return nullptr;
+  }
+  for (const ResolverEntry *e = (*order)->first; e; e = e->queueNext_) {
+    if (!e->isTableDeleted() && e->orderKey() == key) {
+      return e;
+    }
+  }
+  return nullptr;
+}
+
+const ResolverEntry *
+GroupResolver::resolverQueueLaneNext(const ResolverEntry &e) noexcept {
+  return e.laneNext_;
+}
+
+std::size_t GroupResolver::removeAllsQueued() const noexcept {
+  std::size_t n = 0;
+  for (auto t = tables_.begin(); t != tables_.end(); ++t) {
+    n += t.value()->barriers.size();
+  }
+  return n;
+}
+
 std::vector<Fwk::Ptr<ResolverEntry>>
 GroupResolver::resolverQueueDelAll(const void *table) {
   const std::uint64_t t = reinterpret_cast<std::uintptr_t>(table);
@@ -276,12 +392,16 @@ GroupResolver::resolverQueueDelAll(const void *table) {
       if (e->parkedOn_) {
         e->parkedOn_->unpark(*e);
       }
-      if (!e->laneHinted_ && !e->isTableDeleted()) {
-        lanes_.erase(LaneKey{t, e->orderKey()});
+      if (!e->isTableDeleted() && !e->laneFollows_) {
+        --laneCount_;
+        if (!e->laneHinted_) {
+          lanes_.erase(LaneKey{t, e->orderKey()});
+        }
       }
       e->offered_ = false;
       e->resolver_ = nullptr;
       e->laneNext_ = nullptr;
+      e->laneFollows_ = false;
       dropped.emplace_back(e);
       listRemove(order, *e);
     }
@@ -344,6 +464,7 @@ std::size_t GroupResolver::runPass() {
   }
   Fwk::Ptr<GroupResolver> self(this);
   inPass_ = true;
+  ++passes_;
   passLimit_ = enqueued_;
   // The changes handed back since the last pass, oldest first, and those
   // that named nothing to wait for are older than those that became
@@ -387,6 +508,7 @@ std::size_t GroupResolver::runPass() {
     retire(e);
     e->commitEntry(e);
     ++committed;
+    ++commits_;
   }
   offer_.clear();
   offer_.swap(deferred_);

@@ -105,6 +105,43 @@ public:
   // The queued change at a position in queue order (0 is the oldest), or
   // null. For introspection: it gathers and sorts every queued change.
   Fwk::Ptr<ResolverEntry> resolverQueue(std::size_t position) const;
+  // For inspection, in bounded steps: calls f(change, laneHead) for the
+  // queued changes of at most `maxLanes` (table, key) lanes, each lane
+  // oldest first, in (table, key) order from the lane after `after` (or
+  // from the first, then preceded by every queued remove-all, when `after`
+  // is null). Returns whether lanes remain; `next` is then where to resume.
+  // A lane that went away since is resumed after, never walked twice. Each
+  // step gathers the lane heads of every queued change: O(queued).
+  // REQUIRES: f does not change the resolver.
+  struct QueueCursor {
+    std::uint64_t table = 0;
+    std::uint64_t key = 0;
+  };
+  bool resolverQueueWalk(
+      const QueueCursor *after, std::size_t maxLanes,
+      const std::function<void(const ResolverEntry &, bool laneHead)> &f,
+      QueueCursor &next) const;
+  // The oldest queued change of a table's key (by the entry's orderKey()),
+  // or null; the others of its lane follow through resolverQueueLaneNext().
+  // O(queued changes of the table).
+  const ResolverEntry *resolverQueueLane(const void *table,
+                                         std::uint64_t orderKey) const;
+  static const ResolverEntry *
+  resolverQueueLaneNext(const ResolverEntry &e) noexcept;
+  // How many queued changes are parked on wait points of each kind
+  // (WaitKind), and how many named nothing to wait for and are asked again
+  // at every pass.
+  std::size_t parkedOn(WaitKind kind) const noexcept {
+    return parkedByKind_[static_cast<std::size_t>(kind)];
+  }
+  std::size_t waitingUnnamed() const noexcept { return waiting_.size(); }
+  // The number of (table, key) lanes, and of queued remove-alls.
+  std::size_t lanes() const noexcept { return laneCount_; }
+  std::size_t removeAllsQueued() const noexcept;
+  // Passes run and changes committed since the resolver was made.
+  std::uint64_t passes() const noexcept { return passes_; }
+  std::uint64_t commits() const noexcept { return commits_; }
+
   // How many queued changes the next pass offers (the others wait behind an
   // older change of their key or table, or are parked on what they wait
   // for).
@@ -196,12 +233,19 @@ private:
   std::vector<Fwk::Ptr<ResolverEntry>> woken_;
   std::vector<Fwk::Ptr<ResolverEntry>> waiting_;
   std::size_t queued_ = 0;
+  std::size_t laneCount_ = 0; // lanes with a change queued
   std::uint64_t enqueued_ = 0; // queue order of the changes
   std::uint64_t genId_ = 0;
   bool passScheduled_ = false;
   bool inPass_ = false;
   std::uint64_t passLimit_ = 0; // the last change queued before the pass
   bool suspended_ = false;
+  // Kept by the wait points as they park and unpark this resolver's changes.
+  std::size_t parkedByKind_[kWaitKinds] = {};
+  // The steady-clock time stamped on changes queued until the next pass.
+  std::int64_t batchTimeNs_ = 0;
+  std::uint64_t passes_ = 0;
+  std::uint64_t commits_ = 0;
 };
 
 } // namespace Asic

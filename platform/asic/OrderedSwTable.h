@@ -109,7 +109,7 @@ public:
   virtual SwTableId tableId() const = 0;
 
 protected:
-  DependencyEntryHandle() noexcept = default;
+  DependencyEntryHandle() noexcept : WaitPoint(WaitKind::dependency) {}
   ~DependencyEntryHandle() override;
 
 private:
@@ -367,6 +367,14 @@ public:
   void waitOn(const WaitPoint &w) noexcept { waitingOn_ = &w; }
   // The wait point the change is parked on, or null.
   const WaitPoint *parkedOn() const noexcept { return parkedOn_; }
+  // Whether a pass will offer it: it is not parked and no older change of
+  // its key or table holds it back.
+  bool offered() const noexcept { return offered_ && !parkedOn_; }
+  // For inspection: the change's place in its resolver's queue order (0:
+  // not queued), and when it was queued (steady clock, ns; the time of the
+  // first change of its burst, read once per resolver pass).
+  std::uint64_t queueSeq() const noexcept { return queueSeq_; }
+  std::int64_t queuedAtNs() const noexcept { return queuedAtNs_; }
 
   // What the resolver keeps this change in order with (GroupResolver.h):
   // the changes of the same table and order key, and the remove-alls of the
@@ -408,7 +416,9 @@ private:
   // Kept by the resolver while the change is queued.
   bool offered_ = false;       // offered, or parked: not offered anew
   bool laneHinted_ = false;    // laneAfter_ was given (laneAfterIs)
+  bool laneFollows_ = false;   // queued behind an older change of its lane
   std::uint64_t queueSeq_ = 0; // queue order
+  std::int64_t queuedAtNs_ = 0; // when it was queued (see queuedAtNs())
   std::uint64_t segment_ = 0;  // the segment of its table it belongs to
   const ResolverEntry *laneAfter_ = nullptr; // see laneAfterIs
   ResolverEntry *laneNext_ = nullptr;        // the next change of its lane

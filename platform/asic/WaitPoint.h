@@ -22,6 +22,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 
 #include "platform/Export.h"
@@ -31,6 +32,19 @@ namespace Asic {
 class ResolverEntry;
 class GroupResolver;
 
+// What kind of thing a wait point is, so that inspection tools can say why a
+// change waits without knowing the classes behind it.
+enum class WaitKind : std::uint8_t {
+  other = 0,
+  dependency = 1, // another change's handle: it waits for that change
+  resource = 2,   // a resource's handle: it waits for the allocation
+  logRoom = 3,    // an entry log: it waits for room in the change log
+};
+inline constexpr std::size_t kWaitKinds = 4;
+
+// "dependency", "resource", ...
+MICA_PLATFORM_API const char *waitKindName(WaitKind k) noexcept;
+
 class MICA_PLATFORM_API WaitPoint {
 public:
   WaitPoint(const WaitPoint &) = delete;
@@ -38,6 +52,7 @@ public:
 
   // The number of changes parked here.
   std::size_t parked() const noexcept { return parked_; }
+  WaitKind waitKind() const noexcept { return kind_; }
 
   // Hands the `n` oldest parked changes (all by default) back to their
   // resolvers, each of which then schedules a pass. Changes parked while it
@@ -45,7 +60,7 @@ public:
   void wake(std::size_t n = std::numeric_limits<std::size_t>::max());
 
 protected:
-  WaitPoint() noexcept = default;
+  explicit WaitPoint(WaitKind kind = WaitKind::other) noexcept : kind_(kind) {}
   ~WaitPoint();
 
 private:
@@ -60,6 +75,7 @@ private:
   mutable ResolverEntry *head_ = nullptr; // parked first
   mutable ResolverEntry *tail_ = nullptr;
   mutable std::size_t parked_ = 0;
+  WaitKind kind_;
 };
 
 } // namespace Asic

@@ -32,7 +32,8 @@ struct WatchRec : Fwk::Object {
   Loop *loop = nullptr; // set while the watch is active
   int fd = -1;
   std::uint64_t id = 0;
-  Task fn; // empty while the callback runs
+  bool writable = false; // also watched for room to write
+  Task fn;               // empty while the callback runs
 };
 
 } // namespace detail
@@ -283,6 +284,25 @@ Watch Loop::watchIs(int fd, Task fn) {
   rec->loop = this;
   watches_.emplace(rec->id, rec);
   return Watch(std::move(rec));
+}
+
+void Watch::writableIs(bool on) {
+  if (rec_ && rec_->loop) {
+    rec_->loop->watchEventsIs(*rec_, on);
+  }
+}
+
+void Loop::watchEventsIs(detail::WatchRec &rec, bool writable) {
+  if (rec.writable == writable) {
+    return;
+  }
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLRDHUP | (writable ? EPOLLOUT : 0u);
+  ev.data.u64 = rec.id;
+  if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, rec.fd, &ev) < 0) {
+    throwErrno("watching fd " + std::to_string(rec.fd));
+  }
+  rec.writable = writable;
 }
 
 void Loop::watchDel(detail::WatchRec &rec) noexcept {

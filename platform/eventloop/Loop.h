@@ -127,6 +127,10 @@ public:
   // the kernel keeps watching a file that has other descriptors).
   void cancel() noexcept;
   bool active() const noexcept;
+  // Also calls the callback on passes that find the fd writable (a socket
+  // with output waiting for room), until turned off again. Level-triggered
+  // as well: turn it off once there is nothing left to write.
+  void writableIs(bool on);
 
 private:
   friend class Loop;
@@ -224,6 +228,7 @@ private:
   Timer timerNew(Duration delay, Duration period, Task fn);
   void timerDel(detail::TimerRec &rec) noexcept;
   void watchDel(detail::WatchRec &rec) noexcept;
+  void watchEventsIs(detail::WatchRec &rec, bool writable);
   std::size_t pass(Duration wait);
   void fire(detail::TimerRec &rec);
   void drainWakeFd() noexcept;

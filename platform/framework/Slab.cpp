@@ -49,9 +49,23 @@ struct Cache {
   unsigned char *arenaEnd = nullptr;
 };
 
-// Initial-exec: the library is linked in, never dlopen()ed late, so its
-// thread-local cache is reached without a call.
-__attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
+// Initial-exec: the thread's cache is reached without a call. Only a
+// pointer lives in the static TLS block: the few bytes a library loaded
+// late (the Python module's dlopen()) may still take there; the cache
+// itself is made on a thread's first allocation and lives as long as the
+// process, like the memory it hands out.
+__attribute__((tls_model("initial-exec"))) thread_local Cache *tCachePtr =
+    nullptr;
+
+[[maybe_unused]] __attribute__((noinline)) Cache &newCache() {
+  tCachePtr = new Cache();
+  return *tCachePtr;
+}
+
+[[maybe_unused]] inline Cache &cache() noexcept {
+  Cache *c = tCachePtr;
+  return __builtin_expect(c != nullptr, 1) ? *c : newCache();
+}
 
 [[maybe_unused]] std::size_t classOf(std::size_t size) noexcept {
   return (size + kGranule - 1) / kGranule;
@@ -81,6 +95,7 @@ __attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
 
 // A new chunk of `bytes` (at most kChunkBytes) from the thread's arena.
 [[maybe_unused]] unsigned char *takeChunk(std::size_t bytes) {
+  Cache &tCache = cache();
   if (static_cast<std::size_t>(tCache.arenaEnd - tCache.arena) < bytes) {
     tCache.arena = static_cast<unsigned char *>(mapHuge(kArenaBytes));
     tCache.arenaEnd = tCache.arena + kArenaBytes;
@@ -94,6 +109,7 @@ __attribute__((tls_model("initial-exec"))) thread_local Cache tCache;
 // new chunk when that is used up.
 [[maybe_unused]] __attribute__((noinline)) void *carve(std::size_t cls) {
   const std::size_t objectSize = cls * kGranule;
+  Cache &tCache = cache();
   unsigned char *&next = tCache.carve[cls];
   if (next == tCache.carveEnd[cls]) {
     const std::size_t count =
@@ -120,7 +136,7 @@ void *allocate(std::size_t size) {
     return ::operator new(size);
   }
   const std::size_t cls = classOf(size);
-  FreeNode *&head = tCache.heads[cls];
+  FreeNode *&head = cache().heads[cls];
   if (!head) [[unlikely]] {
     return carve(cls);
   }
@@ -146,7 +162,7 @@ void deallocate(void *p, std::size_t size) noexcept {
     ::operator delete(p);
     return;
   }
-  FreeNode *&head = tCache.heads[classOf(size)];
+  FreeNode *&head = cache().heads[classOf(size)];
   auto *n = static_cast<FreeNode *>(p);
   n->next = head;
   head = n;

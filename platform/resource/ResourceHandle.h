@@ -29,7 +29,8 @@ public:
   static constexpr Fwk::AttrId attrEntryState{1, "entryState"};
   static constexpr Fwk::AttrId attrPostRelease{2, "postReleaseProtoState"};
 
-  explicit ResourceHandle(const Key &key) : key_(key) {}
+  explicit ResourceHandle(const Key &key)
+      : WaitPoint(WaitKind::resource), key_(key) {}
 
   const Key &key() const noexcept { return key_; }
   // The key's slot in the resource table that made the handle: a small

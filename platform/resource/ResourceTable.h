@@ -43,6 +43,15 @@
 // (OrderedTable/ResourceLinkage.h): a key is looked up once, when it is
 // requested, and everything after goes by its slot.
 //
+// Client slots. A resource records its holders as one bit per client, so
+// at most kMaxClients clients hold resources of one table. A client takes
+// its slot (its bit) when it first holds a resource, or before, when its
+// user asks (slotIs, so that a unit that cannot be served is refused before
+// it starts); a client that never holds anything (the table of a unit that
+// is only cleared) takes none. A client keeps its slot for its life. A
+// request of a client that finds every slot taken fails: its handle is
+// failed (state 5) and belongs to no key of the table.
+//
 // Persistence. With a store (storeIs), every allocation is kept in the
 // agent's shared-memory instance ("resource/<namespace>/<name>", one record
 // per key: data and version), written when it is made or updated and erased
@@ -64,6 +73,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -152,7 +162,8 @@ public:
   using Task = std::function<void()>;
   using Scheduler = std::function<void(Task)>;
 
-  // Client instances of one table (one per software table that uses it).
+  // Clients that hold resources of one table (one bit each in a resource's
+  // holders; see "Client slots" above).
   static constexpr std::size_t kMaxClients = 64;
 
   static constexpr Fwk::AttrId attrClientInstance{1, "clientInstance"};
@@ -162,12 +173,17 @@ public:
   class ClientInstance : public Fwk::Object {
   public:
     ClientInstance(ResourceTable *table, std::string name,
-                   std::uint32_t instance, unsigned slot)
-        : table_(table), name_(std::move(name)), instance_(instance),
-          bit_(std::uint64_t{1} << slot), slot_(slot) {}
+                   std::uint32_t instance)
+        : table_(table), name_(std::move(name)), instance_(instance) {}
     const std::string &name() const noexcept { return name_; }
     std::uint32_t instance() const noexcept { return instance_; }
     ResourceTable *table() const noexcept { return table_; }
+
+    // Whether the client has its slot.
+    bool slotted() const noexcept { return bit_ != 0; }
+    // Takes the client's slot now, if it has none; false when every slot
+    // is taken.
+    bool slotIs() { return table_->takeSlot(*this); }
 
     // The handle of the key's resource; made (pending) if the key is new.
     Fwk::Ptr<const ResourceHandle>
@@ -231,8 +247,8 @@ public:
     ResourceTable *table_;
     std::string name_;
     std::uint32_t instance_;
-    std::uint64_t bit_; // this client's bit in a resource's holders
-    unsigned slot_ = 0; // that bit's number
+    std::uint64_t bit_ = 0; // its bit in a resource's holders; 0: no slot
+    unsigned slot_ = 0;     // that bit's number, once it has one
     std::uint64_t requests_ = 0;
     std::uint64_t releases_ = 0;
     std::uint64_t acks_ = 0;
@@ -314,19 +330,15 @@ public:
     }
   }
 
-  // The client instance of a name and instance number, made on first use.
+  // The client instance of a name and instance number, made on first use
+  // (without a slot).
   Fwk::Ptr<ClientInstance> clientInstanceIs(const std::string &name,
                                             std::uint32_t instance = 0) {
     const std::string key = clientKey(name, instance);
     if (auto *c = clients_.find(key)) {
       return *c;
     }
-    if (clients_.size() >= kMaxClients) {
-      throw Fwk::Exception(fmt::format("{}: more than {} client instances",
-                                       name_->str(), kMaxClients));
-    }
-    auto c = Fwk::make<ClientInstance>(this, name, instance,
-                                       static_cast<unsigned>(clients_.size()));
+    auto c = Fwk::make<ClientInstance>(this, name, instance);
     clients_.insert(key, c);
     notify(attrClientInstance, key);
     return c;
@@ -335,6 +347,15 @@ public:
                                           std::uint32_t instance = 0) const {
     const auto *c = clients_.find(clientKey(name, instance));
     return c ? *c : nullptr;
+  }
+  // Whether the client of a name and instance has its slot or can take one.
+  bool clientSlotAvailable(const std::string &name,
+                           std::uint32_t instance = 0) const {
+    const auto *c = clients_.find(clientKey(name, instance));
+    return (c && (*c)->slotted()) || clientSlotsTaken() < kMaxClients;
+  }
+  std::size_t clientSlotsTaken() const noexcept {
+    return static_cast<std::size_t>(std::popcount(slotsTaken_));
   }
 
   // The number of keys held by any client, or restored and not yet claimed.
@@ -371,6 +392,10 @@ public:
         continue; // released meanwhile, or resolved already
       }
       const Key key = p.key;
+      if (!held_.empty() && held_.contains(key)) {
+        heldPending_.push_back(std::move(pending_[pendingHead_]));
+        continue; // until holdDel()
+      }
       Fwk::Ptr<ResourceHandle> h = e->handle;
       Data data{};
       if (allocator_->allocate(key, p.clientData, data)) {
@@ -406,6 +431,50 @@ public:
     storeThenSet(*h, data);
     return true;
   }
+  // Holds the allocation of a key back, as a resource that does not exist
+  // yet (an adjacency whose neighbour is not learnt): its handle stays
+  // pending, and the changes that need it wait, until holdDel(). Keys
+  // already allocated are not affected.
+  void holdIs(const Key &key) { held_.insert(key, Fwk::Unit{}); }
+  void holdDel(const Key &key) {
+    if (!held_.erase(key)) {
+      return;
+    }
+    const auto was = heldPending_.size();
+    std::erase_if(heldPending_, [&](Pending &p) {
+      if (!(p.key == key)) {
+        return false;
+      }
+      pending_.push_back(std::move(p));
+      return true;
+    });
+    if (heldPending_.size() != was) {
+      scheduleAllocation();
+    }
+  }
+  bool held(const Key &key) const noexcept { return held_.contains(key); }
+  // Allocations waiting for holdDel().
+  std::size_t heldAllocations() const noexcept { return heldPending_.size(); }
+  // For inspection: the keys in the table, resumable after a key (hash
+  // order); f(key, handle, holders) for at most `limit` of them. Returns
+  // whether keys remain, `next` then being where to resume.
+  template <typename F>
+  bool entryWalk(const Key *after, std::size_t limit, F &&f, Key &next) const {
+    auto it = index_.begin();
+    if (after) {
+      it = index_.lowerBound(*after);
+      if (it != index_.end() && it.key() == *after) {
+        ++it;
+      }
+    }
+    for (std::size_t n = 0; it != index_.end() && n < limit; ++it, ++n) {
+      const Holding &h = slots_[it.value()];
+      f(it.key(), *h.handle, std::popcount(h.holders));
+      next = it.key();
+    }
+    return it != index_.end();
+  }
+
   // Marks a held resource failed (state 5), as a failing hardware would.
   bool failIs(const Key &key) {
     const auto *i = index_.find(key);
@@ -517,6 +586,19 @@ private:
     }
   }
 
+  bool takeSlot(ClientInstance &client) {
+    if (client.bit_ != 0) {
+      return true;
+    }
+    if (slotsTaken_ == ~std::uint64_t{0}) {
+      return false;
+    }
+    client.slot_ = static_cast<unsigned>(std::countr_one(slotsTaken_));
+    client.bit_ = std::uint64_t{1} << client.slot_;
+    slotsTaken_ |= client.bit_;
+    return true;
+  }
+
   // The client's hold of the key at `slot`; a release of it that waits for
   // the hardware is withdrawn (kept after all).
   void holdSlot(const ClientInstance *client, Holding &e, std::uint32_t slot) {
@@ -527,8 +609,13 @@ private:
     }
   }
 
-  Fwk::Ptr<const ResourceHandle> hold(const ClientInstance *client,
-                                      const Key &key, const ClientData &cd) {
+  Fwk::Ptr<const ResourceHandle> hold(ClientInstance *client, const Key &key,
+                                      const ClientData &cd) {
+    if (!takeSlot(*client)) {
+      Fwk::Ptr<ResourceHandle> refused = Fwk::make<ResourceHandle>(key);
+      refused->entryStateIs(static_cast<std::uint8_t>(EntryState::failed));
+      return refused;
+    }
     if (const auto *i = index_.find(key)) {
       Holding &e = slots_[*i];
       holdSlot(client, e, *i);
@@ -544,13 +631,13 @@ private:
     return out;
   }
 
-  Fwk::Ptr<const ResourceHandle> holdAgain(const ClientInstance *client,
+  Fwk::Ptr<const ResourceHandle> holdAgain(ClientInstance *client,
                                            const ResourceHandle &held,
                                            const Key &key,
                                            const ClientData &cd) {
     const std::uint32_t slot = held.index();
-    if (slot < slots_.size() && slots_[slot].handle.ptr() == &held &&
-        held.key() == key) {
+    if (client->bit_ != 0 && slot < slots_.size() &&
+        slots_[slot].handle.ptr() == &held && held.key() == key) {
       Holding &e = slots_[slot];
       holdSlot(client, e, slot);
       return e.handle;
@@ -617,6 +704,9 @@ private:
 
   void releaseAfter(const ClientInstance *client, const ResourceHandle &handle,
                     const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
+    if (client->bit_ == 0) {
+      return; // it holds nothing
+    }
     std::uint32_t slot = handle.index();
     if (slot >= slots_.size() || slots_[slot].handle.ptr() != &handle) {
       // Not this table's handle of its key (one made by hand, say): found
@@ -745,7 +835,10 @@ private:
   Fwk::HashMap<Key, std::uint32_t> index_{0x4c8e1b53u};
   std::vector<Holding> slots_;
   std::vector<std::uint32_t> freeSlots_;
+  std::uint64_t slotsTaken_ = 0; // one bit per client slot
   std::vector<Pending> pending_; // [pendingHead_, end) still to run
+  Fwk::HashMap<Key, Fwk::Unit> held_{0x3b9aca07u};
+  std::vector<Pending> heldPending_; // allocations of held keys
   std::size_t pendingHead_ = 0;
   bool allocationScheduled_ = false;
   Fwk::Ptr<Slate> slate_;

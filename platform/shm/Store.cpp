@@ -919,6 +919,26 @@ EntityManager::entityPaths(const std::string &basePath) const {
   return out;
 }
 
+std::vector<std::string>
+EntityManager::knownEntityPaths(const std::string &basePath) const {
+  std::vector<std::string> out = entityPaths(basePath);
+  if (closed_) {
+    return out;
+  }
+  // entityPaths() has checked the path: its components, no trailing '/'.
+  const std::string &base = basePath;
+  for (const std::string &p : catalog_) {
+    if (base.empty() || p == base ||
+        (p.size() > base.size() && p.compare(0, base.size(), base) == 0 &&
+         p[base.size()] == '/')) {
+      out.push_back(p);
+    }
+  }
+  std::sort(out.begin(), out.end());
+  out.erase(std::unique(out.begin(), out.end()), out.end());
+  return out;
+}
+
 void EntityManager::entityDel(const std::string &path) {
   FWK_ASSERT_MSG(access_ == Access::write && !closed_,
                  "entityDel({}) needs an open writer handle", path);

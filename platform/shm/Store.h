@@ -242,6 +242,11 @@ public:
   // The entity files on disk at or below `basePath` ("" for all), as entity
   // paths, each directory's entries in sorted order.
   std::vector<std::string> entityPaths(const std::string &basePath) const;
+  // The entities of the instance at or below `basePath` ("" for all), as
+  // sorted entity paths: the entity files on disk and, through a writer
+  // handle, every entity the instance has created (its catalog), also one
+  // whose file has been lost since (a mount recreates it wiped).
+  std::vector<std::string> knownEntityPaths(const std::string &basePath) const;
   // Unmounts the entity, removes it from the catalog and deletes its file.
   // REQUIRES: writer.
   void entityDel(const std::string &path);

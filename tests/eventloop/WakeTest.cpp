@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -54,6 +56,32 @@ TEST(Watches, CallbackRunsWhileTheFdIsReadableAndStopsOnCancel) {
   p.put('c');
   EXPECT_EQ(loop->runUntilIdle(), 0u);
   EXPECT_EQ(loop->watches(), 0u);
+}
+
+// A watch told to wait for room to write is called while the fd can take
+// more, and no longer once told not to.
+TEST(Watches, WritableWatchRunsWhileThereIsRoomUntilTurnedOff) {
+  auto loop = Evt::Loop::create();
+  int sv[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv), 0);
+  std::string chunk(4096, 'x');
+  while (::send(sv[0], chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+  }
+  int calls = 0;
+  Evt::Watch w = loop->watchIs(sv[0], [&] { ++calls; });
+  w.writableIs(true);
+  EXPECT_EQ(loop->runUntilIdle(), 0u); // full: not writable, nothing to read
+  char buf[65536];
+  while (::recv(sv[1], buf, sizeof buf, MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ(loop->runOnce(1s), 1u);
+  EXPECT_EQ(calls, 1);
+  w.writableIs(false);
+  EXPECT_EQ(loop->runUntilIdle(), 0u);
+  EXPECT_EQ(calls, 1);
+  w.cancel();
+  ::close(sv[0]);
+  ::close(sv[1]);
 }
 
 TEST(Watches, CallbackCancellingAnotherReadyWatchKeepsItFromRunning) {

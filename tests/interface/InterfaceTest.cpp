@@ -1,6 +1,8 @@
 // The table interfaces: boot, clean-up to the hardware's version, making and
 // reconciling units, restart with unchanged and changed resources, deletion
 // and the resolver's ordering across units and keys.
+#include <filesystem>
+
 #include "AgentFixture.h"
 #include "platform/agentlog/AgentLog.h"
 #include "platform/statedb/GenId.h"
@@ -42,10 +44,19 @@ TYPED_TEST(Interface, IsMadeOnceAndRegisteredUntilDeleted) {
   EXPECT_FALSE(a.otIntf->swTableIntf(key));
   EXPECT_FALSE(a.group->swTableSet(intf->swTableId()));
   EXPECT_EQ(a.group->sweepableSwTables(), 0u);
+  // Tables are made in the group's set, which has none for the type now.
+  EXPECT_DEATH(intf->makeSwTable(2, nullptr, false), "swTableSet");
   auto again = decltype(intf)::element_type::getIntf(a.otIntf);
   EXPECT_NE(again, intf);
   EXPECT_EQ(again->entryLog()->tableVersion(), 1u);
-  EXPECT_EQ(again->makeSwTable(1, nullptr, false)->entrys(), 1u);
+  auto table1 = again->makeSwTable(1, nullptr, false);
+  EXPECT_EQ(table1->entrys(), 1u);
+  // The deleted interface finds the group's tables, not its own old ones,
+  // and reconciles nothing the group has.
+  EXPECT_EQ(intf->makeSwTable(1, nullptr, false), table1);
+  intf->reconcile();
+  EXPECT_EQ(again->entryLog()->tableVersion(), 1u);
+  EXPECT_EQ(a.group->swTableSet(intf->swTableId())->swTables(), 1u);
   if constexpr (std::is_same_v<F, Isem2>) {
     a.isem2 = again;
   } else {
@@ -204,6 +215,70 @@ TYPED_TEST(Interface, MakeSwTableCreatesOnceThenOnlySetsTheHelperOrClears) {
   EXPECT_FALSE(intf->makeSwTable(2, nullptr, false)->inMarkingState());
 }
 
+TYPED_TEST(Interface,
+           OnlyDrivenUnitsTakeClientSlotsAndOneTooManyLeavesNothing) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  constexpr auto kSlots = static_cast<Asic::UnitId>(F::ResTable::kMaxClients);
+  Fixture fx;
+  auto &a = fx.agent;
+  a.boot();
+  auto intf = a.intf<F>();
+  const auto set = [&] { return a.group->swTableSet(intf->swTableId()); };
+  for (Asic::UnitId u = 1; u <= kSlots; ++u) {
+    intf->makeSwTable(u, nullptr, false)
+        ->entryWrite(Key(u), F::entry(u, 1), nullptr);
+  }
+  EXPECT_EQ(a.pass(), kSlots);
+  EXPECT_EQ(a.resources<F>().clientSlotsTaken(), kSlots);
+
+  // One unit too many is refused before anything is mounted or made.
+  const auto refused = [&](Asic::UnitId u) {
+    SCOPED_TRACE(u);
+    const Asic::LogVersion version = intf->entryLog()->tableVersion();
+    const bool existed = set()->swTable(u) != nullptr;
+    EXPECT_THROW(intf->makeSwTable(u, nullptr, false), Fwk::Exception);
+    EXPECT_EQ(set()->swTable(u) != nullptr, existed);
+    EXPECT_EQ(intf->entryLog()->tableConfigSlateHas(u), existed);
+    EXPECT_EQ(std::filesystem::exists(a.directory() + "/" +
+                                      F::B::Constants::configSlatePath(u)),
+              existed);
+    EXPECT_EQ(intf->entryLog()->tableVersion(), version);
+  };
+  refused(kSlots + 1);
+  EXPECT_FALSE(
+      a.resources<F>().clientInstance(F::B::kResourceName, kSlots + 1));
+
+  // Restarted, the agent drives units 1 and 2. Reconciling the others takes
+  // no slot, so as many new units as there are slots left can be driven.
+  a.restart();
+  intf = a.intf<F>();
+  intf->makeSwTable(1, nullptr, false);
+  intf->makeSwTable(2, nullptr, false);
+  intf->reconcile();
+  EXPECT_EQ(set()->swTables(), kSlots);
+  EXPECT_EQ(a.resources<F>().clientSlotsTaken(), 2u);
+  for (Asic::UnitId u = kSlots + 1; u <= 2 * kSlots - 2; ++u) {
+    intf->makeSwTable(u, nullptr, false);
+  }
+  EXPECT_EQ(a.resources<F>().clientSlotsTaken(), kSlots);
+  refused(2 * kSlots - 1);
+  refused(3); // a reconciled unit to drive again
+
+  // A write into a reconciled unit's table finds no slot: it fails, and
+  // the resource table keeps nothing for it.
+  auto t3 = Fwk::ptrCast<typename F::Table>(set()->swTable(3));
+  PipelineTest::Responses r;
+  const std::size_t entries = a.resources<F>().entries();
+  auto h = t3->entryWriteWithResponseHandler(Key(9), F::entry(9, 7), nullptr,
+                                             r.handler());
+  EXPECT_EQ(a.pass(), 1u);
+  EXPECT_EQ(h->entryState(), EntryState::failed);
+  EXPECT_EQ(r.count(h), 1u);
+  EXPECT_EQ(a.resources<F>().entries(), entries);
+  EXPECT_FALSE(a.resources<F>().entry(F::resKey(7)));
+}
+
 TYPED_TEST(Interface, AMissingOrWronglyTypedResourceTableStopsTheProcess) {
   using F = TypeParam;
   Fixture fx;
@@ -223,13 +298,13 @@ TYPED_TEST(Interface,
   Fixture fx;
   auto &a = fx.agent;
   a.boot();
-  for (Asic::UnitId u : {1, 2}) {
+  for (Asic::UnitId u : {1, 2, 3}) {
     auto t = a.intf<F>()->makeSwTable(u, nullptr, false);
     for (std::uint32_t l = 1; l <= 40; ++l) {
       t->entryWrite(Key(l), F::entry(l, l % 4 + 1), nullptr); // 4 resources
     }
   }
-  EXPECT_EQ(a.pass(), 80u);
+  EXPECT_EQ(a.pass(), 120u);
   const Asic::LogVersion logged = a.intf<F>()->entryLog()->tableVersion();
   a.confirm(F::kTypeId, logged);
   const auto before = F::result(
@@ -237,7 +312,13 @@ TYPED_TEST(Interface,
           ->entry(Key(5)));
   EXPECT_NE(before, 0u);
 
-  a.restart();
+  // Unit 3's configuration is lost while the agent is down.
+  a.stop();
+  ASSERT_EQ(
+      ::unlink(
+          (a.directory() + "/" + F::B::Constants::configSlatePath(3)).c_str()),
+      0);
+  a.boot();
   auto intf = a.intf<F>();
   auto t1 = intf->makeSwTable(1, nullptr, false);
   EXPECT_EQ(t1->entrys(), 40u);
@@ -248,18 +329,24 @@ TYPED_TEST(Interface,
   EXPECT_EQ(client->acks(), 4u); // one per resource in use
   EXPECT_EQ(t1->linkage()->entryUsageSms(), 4u);
 
-  // Unit 2 gets no table: reconcile clears it through the log.
+  // Units 2 and 3 get no table: reconcile clears them through the log.
+  // Unit 3, whose file was lost, is found wiped: the hardware writer is
+  // asked to rebuild (at a version of its own), which clears what the
+  // hardware holds of it.
   Traces tr({F::B::kInterfaceClass});
   intf->reconcile();
   EXPECT_TRUE(tr.has(3, " Found inactive unit id: 2"));
+  EXPECT_TRUE(tr.has(3, " Found inactive unit id: 3"));
   auto t2 = Fwk::ptrCast<typename F::Table>(intf->swTableSet()->swTable(2));
   ASSERT_TRUE(t2);
   EXPECT_EQ(t2->entrys(), 0u);
   EXPECT_FALSE(t2->inMarkingState());
-  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 1);
+  EXPECT_TRUE(intf->swTableSet()->swTable(3));
+  EXPECT_EQ(intf->entryLog()->hwResyncVersion(), logged + 2);
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 3);
   EXPECT_EQ(t1->entrys(), 40u);
   intf->reconcile(); // every unit has its table now
-  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 1);
+  EXPECT_EQ(intf->entryLog()->tableVersion(), logged + 3);
 
   // Nothing was replayed: the sweep removes unit 1's entries, and the
   // resources only unit 2 held are let go.

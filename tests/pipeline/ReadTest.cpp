@@ -2,7 +2,9 @@
 // configuration, and walks that survive changes between their steps.
 #include <algorithm>
 
+#include "OrderedTable/Introspection.h"
 #include "PipelineFixture.h"
+#include "tools/inspect/JsonVisitor.h"
 
 namespace {
 
@@ -171,3 +173,103 @@ TYPED_TEST(
 }
 
 } // namespace
+
+namespace {
+
+template <typename T> MicaMplsInspect::Json described(const T &obj) {
+  MicaMplsInspect::JsonVisitor v;
+  Introspect::inspectOperation(obj, v);
+  return v.take();
+}
+
+} // namespace
+
+// The table's description: its attributes by name, and every collection
+// walked a page at a time from a cursor, each element once, while the
+// table changes between pages; the resolver's says what each change waits
+// for.
+TYPED_TEST(Read, TheDescriptionNamesAttributesAndPagesCollectionsByCursor) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  env.commit({{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}});
+  t.entryWrite(Key(2), F::entry(2, 8, 1), nullptr);
+  t.entryWrite(Key(10), F::entry(10, 8), nullptr);
+  t.entryRemove(Key(5), nullptr);
+  const auto waiting = dependency(Asic::EntryState::made);
+  t.entryWrite(Key(11), F::entry(11, 8), waiting);
+  env.resolver->runPass(); // commits all but the change that depends
+  t.entryWrite(Key(12), F::entry(12, 8), nullptr);
+
+  const auto doc = described(t);
+  EXPECT_EQ(doc["class"], F::B::kSwTableClass);
+  EXPECT_EQ(doc["unitId"], Env<F>::kUnit);
+  EXPECT_EQ(doc["entries"], t.entrys());
+  EXPECT_EQ(doc["transientAddEntry"], 2);
+  EXPECT_EQ(doc["stats"]["entryWriteCnt"], t.stats()->entryWriteCnt());
+  EXPECT_EQ(doc["loggedVersion"], t.loggedVersion());
+
+  // Pages of two of the merged view are the table's own walk, and a key
+  // written between pages behind the cursor is not visited.
+  std::vector<Key> walked;
+  Introspect::Cursor at;
+  for (int page = 0;; ++page) {
+    const auto w =
+        Introspect::walkElements(t, "entries", at, 2, [&](const auto &e) {
+          if constexpr (std::is_same_v<std::decay_t<decltype(e)>,
+                                       typename F::Entry>) {
+            walked.push_back(e.key);
+          }
+        });
+    ASSERT_TRUE(w.found);
+    if (page == 0) {
+      EXPECT_EQ(walked.size(), 2u);
+    }
+    if (w.next.empty()) {
+      break;
+    }
+    at = w.next;
+  }
+  EXPECT_EQ(walked, keysOf(t.entryIteratorConst()));
+  auto snapshot = t.getTableEntries_py();
+  EXPECT_EQ(snapshot->size(), walked.size());
+
+  // The visitor form, and what a bad cursor or name gets.
+  MicaMplsInspect::JsonVisitor v;
+  const auto w =
+      Introspect::genericIfIterator(t, "transientAddEntry", {}, 100, v);
+  EXPECT_TRUE(w.next.empty());
+  EXPECT_EQ(v.take().size(), 2u);
+  EXPECT_THROW(Introspect::walkElements(t, "entries", Introspect::Cursor("x"),
+                                        5, [](const auto &) {}),
+               Introspect::BadCursor);
+  std::string bothPhases(1 + 3 + sizeof(Key), '\0');
+  bothPhases[0] = 0x06; // pending writes and the configuration at once
+  EXPECT_THROW(Introspect::walkElements(t, "entries",
+                                        Introspect::Cursor(bothPhases), 5,
+                                        [](const auto &) {}),
+               Introspect::BadCursor);
+  EXPECT_FALSE(
+      Introspect::walkElements(t, "noSuchCollection", {}, 5, [](const auto &) {
+      }).found);
+
+  // The resolver: one change parked on its dependency, one offered.
+  const auto r = described(*env.resolver);
+  EXPECT_EQ(r["resolverQueue"], 2);
+  EXPECT_EQ(r["parkedOn"]["dependency"], 1);
+  MicaMplsInspect::JsonVisitor q;
+  Introspect::genericIfIterator(*env.resolver, "resolverQueue", {}, 10, q);
+  const auto queue = q.take();
+  ASSERT_EQ(queue.size(), 2u);
+  int parked = 0;
+  for (const auto &c : queue) {
+    parked += c["waitsOn"] == "dependency";
+    EXPECT_TRUE(c["laneHead"].get<bool>());
+  }
+  EXPECT_EQ(parked, 1);
+  waiting->entryStateIs(Asic::EntryState::finished);
+  env.resolver->runPass();
+  EXPECT_EQ(described(*env.resolver)["resolverQueue"], 0);
+  EXPECT_EQ(env.resolver->parkedOn(Asic::WaitKind::dependency), 0u);
+}

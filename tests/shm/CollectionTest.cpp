@@ -445,6 +445,21 @@ TEST(ShmPaths, FilesAre0600DirectoriesAre0700AndListed) {
   EXPECT_EQ(em->entityPaths("b"), (std::vector<std::string>{"b/t2"}));
   auto t = mount<Table>(em, "b/t1", tableInfo(4));
   EXPECT_FALSE(t->entries().control().wiped());
+
+  // A file lost behind the store's back, while no writer had it open, is
+  // still one of the instance's entities (it mounts wiped); a deleted one is
+  // not.
+  em->close();
+  ASSERT_EQ(::unlink((dir + "/b/t2").c_str()), 0);
+  em = Shm::entityManager(agent, 0);
+  EXPECT_EQ(em->entityPaths("b"), (std::vector<std::string>{"b/t1"}));
+  EXPECT_EQ(em->knownEntityPaths("b"),
+            (std::vector<std::string>{"b/t1", "b/t2"}));
+  EXPECT_EQ(em->knownEntityPaths(""),
+            (std::vector<std::string>{"a", "b/t1", "b/t2"}));
+  EXPECT_TRUE(em->knownEntityPaths("b/t").empty());
+  em->entityDel("b/t2");
+  EXPECT_EQ(em->knownEntityPaths("b"), (std::vector<std::string>{"b/t1"}));
   em->close();
 }
 

@@ -423,6 +423,41 @@ TEST_F(AgentSummary, ARestartCountsWhatItRestoredSweptReconciledAndRewrote) {
   EXPECT_EQ(agentRun(freshAgent(), {"--verify", after}).code, 4);
 }
 
+// A unit's configuration lost while the agent is down, of a unit it no
+// longer drives, then of one it drives: each time the agent says so, the
+// hardware writer rebuilds, and the hardware drops what neither the set nor
+// the agent's store holds any more.
+TEST_F(AgentSummary, LostConfigurationsAreRebuiltFromDrivenOrNot) {
+  const std::string agent = freshAgent();
+  const std::string before = writeFile("lost-0.conf", "isem2 1 100 inlif=1\n"
+                                                      "isem2 2 100 inlif=2\n"
+                                                      "isem2 2 101 inlif=2\n"
+                                                      "isem2 3 7 inlif=3\n"
+                                                      "lem 3 100 adj=3\n");
+  Program hwWriter("mpls-hw",
+                   {"--agent", agent, "--store", Shm::rootDirectory()});
+  ASSERT_EQ(agentRun(agent, {before}).code, 0);
+  const auto lose = [&](unsigned unit, const std::string &set) {
+    SCOPED_TRACE(unit);
+    const std::string cfg = Shm::rootDirectory() + "/" + agent + ".0/" +
+                            Isem2::B::Constants::configSlatePath(unit);
+    ASSERT_EQ(::unlink(cfg.c_str()), 0) << cfg;
+    const Exit e = agentRun(agent, {set});
+    ASSERT_EQ(e.code, 0) << e.err;
+    EXPECT_TRUE(contains(e.err, "unable to load item: entryCfg::MplsIsem2"))
+        << e.err;
+    const Exit verify = agentRun(agent, {"--verify", set});
+    EXPECT_EQ(verify.code, 0) << verify.out << verify.err;
+  };
+  lose(3, writeFile("lost-1.conf", "isem2 1 100 inlif=1\n"
+                                   "isem2 2 100 inlif=2\n"
+                                   "isem2 2 101 inlif=2\n"));
+  lose(2, writeFile("lost-2.conf", "isem2 1 100 inlif=1\n"
+                                   "isem2 2 101 inlif=2\n"));
+  EXPECT_TRUE(contains(hwWriter.stop(SIGTERM).err,
+                       "MplsIsem2: the agent asked for a rebuild"));
+}
+
 TEST_F(AgentStop, SigintStopsWithTheSummaryAndSaysWhatWasLeft) {
   const std::string agent = freshAgent(); // no hardware writer
   Program a("mpls-agent", agentArgs(agent, {"--generate", "10"}));
@@ -539,7 +574,8 @@ TEST_F(AgentConfirm, WhatTheHardwareRefusesFailsAndAnIdenticalWriteRetriesIt) {
   shown = run("mpls-show", {"--agent", agent, "--store", Shm::rootDirectory(),
                             "summary", "--json"});
   ASSERT_EQ(shown.code, 0) << shown.err;
-  for (const Json &t : Json::parse(shown.out)["tables"]) {
+  const Json summary = Json::parse(shown.out);
+  for (const Json &t : summary["tables"]) {
     for (const Json &u : t["units"]) {
       EXPECT_EQ(u["hwRefused"], 0) << u;
     }

@@ -160,6 +160,91 @@ TEST(HwFollow, ARestartResumesFromThePublishedVersion) {
   EXPECT_NE(s.out.find("\"resyncs\": 1"), std::string::npos) << s.out;
 }
 
+// A writer stopped in a step, after it applied changes and before it
+// published them: its successor takes none of them twice (the hardware
+// never goes back through them), unless the log is no longer the one they
+// came from; then it rebuilds from the configuration.
+TEST(HwFollow, ARestartTakesNoChangeTwiceUnlessTheLogIsAnother) {
+  Agent agent(freshAgent());
+  agent.isem2->mountSlateConfig(1, 0);
+  agent.isem2->mountSlateConfig(2, 0);
+  for (std::uint32_t l = 1; l <= 3; ++l) {
+    agent.write<Isem2>(1, l, l);
+  }
+  ASSERT_EQ(hwOnce(agent.name()).code, 0);
+  const std::string older = ::testing::TempDir() + agent.name() + ".older";
+  std::filesystem::remove_all(older);
+  std::filesystem::copy(agent.directory(), older,
+                        std::filesystem::copy_options::recursive);
+  agent.isem2->tableDel(nullptr, 1); // 4
+  agent.write<Isem2>(1, 10, 10);
+  agent.write<Isem2>(1, 11, 11);
+  agent.del<Isem2>(1, 10);
+  agent.write<Isem2>(2, 20, 20); // 8
+  ASSERT_EQ(hwOnce(agent.name()).code, 0);
+  // One view of the writer's instance at a time: views share its handle.
+  const auto table = [&](Asic::UnitId u) {
+    return HwView(agent.name()).table<Isem2>(u);
+  };
+  const auto published = [&] {
+    return HwView(agent.name()).published<Isem2>();
+  };
+  const MicaMplsHw::FollowRecord record =
+      HwView(agent.name()).followRecord<Isem2>();
+
+  // What a writer stopped before it published leaves: the tables at 8, the
+  // version published 3.
+  const auto unpublish = [&] {
+    MicaMplsHw::HwStore store(agent.name(), 65536);
+    store.publish(Asic::SwTableId(Isem2::kTypeId), 3, record);
+  };
+  const auto commits = [&](Asic::UnitId u) {
+    MicaMplsHw::InstanceView view(MicaMplsHw::hwInstanceName(agent.name()));
+    return view
+        .entity<MicaMplsHw::HwTable<Isem2::B>>(
+            MicaMplsHw::hwTablePath<Isem2::B>(u))
+        ->hwEntries()
+        .control()
+        .commitSequence();
+  };
+  unpublish();
+  const std::uint64_t unit1 = commits(1), unit2 = commits(2);
+  Exit e = hwOnce(agent.name());
+  ASSERT_EQ(e.code, 0) << e.err;
+  EXPECT_EQ(published(), 8u);
+  EXPECT_EQ(table(1), (Table{{11, 11}}));
+  EXPECT_EQ(table(2), (Table{{20, 20}}));
+  EXPECT_EQ(commits(1), unit1); // nothing written again
+  EXPECT_EQ(commits(2), unit2);
+  EXPECT_EQ(HwView(agent.name()).followRecord<Isem2>().resyncs, record.resyncs);
+
+  // The agent's store is put back to its copy at version 3 and goes on
+  // with other changes at the versions the tables took.
+  unpublish();
+  agent.stop();
+  std::filesystem::remove_all(agent.directory());
+  std::filesystem::copy(older, agent.directory(),
+                        std::filesystem::copy_options::recursive);
+  std::filesystem::remove_all(older);
+  agent.start();
+  agent.isem2->mountSlateConfig(1, 0);
+  agent.isem2->mountSlateConfig(2, 0);
+  for (std::uint32_t l = 30; l <= 34; ++l) {
+    agent.write<Isem2>(l == 34 ? 2 : 1, l, l); // 4 to 8
+  }
+  e = hwOnce(agent.name());
+  ASSERT_EQ(e.code, 0) << e.err;
+  EXPECT_TRUE(contains(e.err, "MplsIsem2: the hardware tables took a change "
+                              "of version 8 that is not the log's; 2 unit "
+                              "table(s) rebuilt"))
+      << e.err;
+  EXPECT_EQ(published(), 8u);
+  EXPECT_EQ(
+      table(1),
+      (Table{{1, 1}, {2, 2}, {3, 3}, {30, 30}, {31, 31}, {32, 32}, {33, 33}}));
+  EXPECT_EQ(table(2), (Table{{34, 34}}));
+}
+
 // Killed at any instant, a writer restarts into the tables the agent has:
 // it re-applies whatever came after the version it published.
 TEST(HwFollow, AWriterKilledAnywhereRestartsIntoTheAgentsTables) {

@@ -29,14 +29,35 @@
 //
 // Applying. A write puts the log entry in the unit's table (insert or
 // replace), an entry delete removes the key, a table delete empties the
-// unit's table. Each is idempotent, so re-applying what came after the
-// published version (a restart) gives the same tables. A write of a new key
-// into a full table is refused: reported, counted and recorded among the
-// refusals (HwRefusalSlate.h) before the version that covers it is
-// published, so that the agent fails the change instead of reporting it
-// done; the version still advances. A later change of the key that is taken
+// unit's table. A write of a new key into a full table is refused:
+// reported, counted and recorded among the refusals (HwRefusalSlate.h)
+// before the version that covers it is published, so that the agent fails
+// the change instead of reporting it done; the version still advances. A later change of the key that is taken
 // (or a rebuild that puts the key in) forgets the refusal. A refusal that
 // cannot be recorded (no record left) holds the follower up until one can.
+//
+// Progress per table. The version is published once per step (up to
+// `budget` changes), so a writer killed in a step has applied changes
+// beyond the version it published, and its successor reads them again.
+// Applied again in version order they would end in the same tables, but on
+// the way the hardware would go back: a table delete empties a unit that
+// holds what later changes wrote, a write puts back an entry a later change
+// removed or moved, until the replay gets there again. So each unit's table
+// keeps the version of the last change applied to it in its collection's
+// scratchpad word, stored after the change (a change cut off in the middle
+// is below it and is applied again, which completes it), and a hash of that
+// change's record in its auxiliary word; a change at or below the version
+// is not applied again. That holds only while the log is the one those
+// changes came from: when it is attached, each table whose version is above
+// the one published must find, at that version, the very change it took
+// (same hash). A table that does not (the agent's store was put back to an
+// older copy while the writer was stopped in a step: the log's versions
+// above the copy's are other changes) has the tables rebuilt from the
+// configuration. A rebuild of a table sets its word to 0 before it changes
+// anything, because the versions that follow a rebuild need not be above
+// those of the log followed before (a new log, versions that went back),
+// and a rebuild cut off leaves a table that only a full replay from the
+// version published brings back.
 //
 // Following the right log. The follow record names the change-log file
 // (sourceIdOf) the tables are in step with, and the agent's rebuild version
@@ -101,6 +122,7 @@
 
 #include "OrderedTable/EntryLogRecords.h"
 #include "platform/asic/Constants.h"
+#include "platform/framework/Hash.h"
 #include "platform/trace/Trace.h"
 #include "tools/hw/HwStore.h"
 #include "tools/hw/InstanceView.h"
@@ -342,6 +364,7 @@ private:
     }
     log_ = log;
     sourceId_ = id;
+    checkProgress();
     lastProblem_.clear();
     event(FollowEvent::Kind::following,
           fmt::format("{}: following the change log in {}", tableName(),
@@ -387,6 +410,12 @@ private:
     if (reserved < taken_) {
       return RebaseNeed{fmt::format("its versions went back from {} to {}",
                                     taken_, reserved)};
+    }
+    if (strayProgress_ != 0) {
+      return RebaseNeed{fmt::format("the hardware tables took a change of "
+                                    "version {} that is not the log's",
+                                    strayProgress_),
+                        *published_};
     }
     if (damagedUpTo_ > taken_) {
       // The same log on: the rebuilt tables must keep every change
@@ -440,6 +469,7 @@ private:
     scannedCommit_ = kNever;
     damagedUpTo_ = 0;
     missing_ = 0;
+    strayProgress_ = 0;
     record_.sourceId = sourceId_;
     record_.epoch = epoch;
     ++record_.resyncs;
@@ -502,6 +532,7 @@ private:
     std::sort(live.begin(), live.end(), less);
     auto table = store_.template hwTable<B>(unit);
     auto &hw = table->hwEntries();
+    hw.control().scratchpadIs(0); // no change is known to be applied
     for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
       LogEntry probe{};
       probe.key = *k;
@@ -597,6 +628,14 @@ private:
                         tableName(), r.unitId));
     }
     auto &hw = table->hwEntries();
+    if (r.logVersion <= hw.control().scratchpad()) {
+      // Applied by a writer stopped before it published the version: the
+      // table holds it and what came after it in this unit.
+      ++record_.changesApplied; // that writer's count was never published
+      HW_TRACE(9, "{}: version {} unit {} is in the table already", tableName(),
+               r.logVersion, r.unitId);
+      return true;
+    }
     if (r.isTableDelete()) {
       for (auto k = hw.firstKey(); k; k = hw.nextKey(*k)) {
         hw.erase(*k);
@@ -611,11 +650,46 @@ private:
     if (stalled_) {
       unstall(); // what held it up is over
     }
+    hw.control().auxiliaryIs(identityOf(r));
+    hw.control().scratchpadIs(r.logVersion);
     ++record_.changesApplied;
     ++run_.changesApplied;
     HW_TRACE(9, "{}: applied version {} unit {} deleteBits {} {}", tableName(),
              r.logVersion, r.unitId, r.deleteBits, r.logEntry);
     return true;
+  }
+
+  // What a unit's table keeps of the last change it took (see "Progress
+  // per table" at the top of the file).
+  static std::uint64_t identityOf(const LogRecord &r) noexcept {
+    return Fwk::hashBytes64(&r, sizeof r, 0x6c6f67u);
+  }
+
+  // Sets strayProgress_ to the highest version a unit's table took beyond
+  // the one published that is not, or cannot be shown to be, the log's
+  // change of that version (0: none).
+  void checkProgress() {
+    strayProgress_ = 0;
+    const Asic::LogVersion published = published_.value_or(0);
+    for (Asic::UnitId u : store_.template hwUnits<B>()) {
+      const auto &control =
+          store_.template hwTable<B>(u)->hwEntries().control();
+      const Asic::LogVersion took = control.scratchpad();
+      if (took <= published) {
+        continue;
+      }
+      LogRecord r{};
+      bool same = false;
+      try {
+        same = log_->entryLogConfig().find(took, r) && r.unitId == u &&
+               identityOf(r) == control.auxiliary();
+      } catch (const Shm::CorruptionError &) {
+        // Proves nothing; the scans drop it.
+      }
+      if (!same) {
+        strayProgress_ = std::max(strayProgress_, took);
+      }
+    }
   }
 
   Asic::HwRefusalKey refusalKey(Asic::UnitId unit, const Key &key) const {
@@ -696,6 +770,8 @@ private:
   Asic::LogVersion damagedUpTo_ = 0;
   Asic::LogVersion noSkipUpTo_ = 0;
   Asic::LogVersion missing_ = 0;
+  // Set when the log was attached (checkProgress); a rebase clears it.
+  Asic::LogVersion strayProgress_ = 0;
   bool stalled_ = false;
   std::chrono::milliseconds unreadPause_ = kRetryBroken;
   FollowCounters run_;

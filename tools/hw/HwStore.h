@@ -43,9 +43,10 @@
 //
 // Crash safety: the writer changes the hardware tables (and records the
 // changes they refused) first and publishes the version after, so a version
-// it published is always in the tables or among the refusals;
-// applying a change twice gives the same table, so a restart re-applies what
-// came after the published version. A rebuild of the tables from the
+// it published is always in the tables or among the refusals. Each
+// hardware table keeps the version of the last change it took, so a restart
+// takes what came after the published version without applying a change
+// twice (see ChangeLogFollower.h). A rebuild of the tables from the
 // agent's configuration publishes only once every unit is rebuilt (see
 // ChangeLogFollower.h), and a table whose contents were lost keeps its
 // wiped flag until it is rebuilt.

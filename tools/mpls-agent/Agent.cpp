@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <memory>
 #include <system_error>
 
 #include "MicaMpls/MplsIsem2Interface.h"
@@ -25,6 +26,8 @@
 #include "platform/statedb/EntityManager.h"
 #include "tools/hw/AgentNotify.h"
 #include "tools/hw/HwStore.h"
+#include "tools/mpls-agent/Endpoint.h"
+#include "tools/mpls-agent/Inspect.h"
 #include "tools/mpls-agent/Output.h"
 #include "tools/mpls-agent/Summary.h"
 
@@ -113,6 +116,9 @@ private:
   template <typename B> void makeTables();
   template <typename B> void reconcile();
   void openProgressFifo();
+  void openEndpoint();
+  Json desiredOf(const std::string &table, Asic::UnitId unit,
+                 std::uint32_t label, std::uint8_t qualifier) const;
   void syncInLifData();
 
   void startReplay();
@@ -131,6 +137,7 @@ private:
   void forwardHwProgress();
   void hwProgress();
   std::uint64_t unconfirmed() const;
+  std::uint64_t forHardware() const;
   std::uint64_t failedTotal() const;
   void burstStarts();
   void burstEnds();
@@ -165,6 +172,9 @@ private:
   Family<Isem2> isem2_;
   Family<Lem> lem_;
   Fwk::Ptr<Asic::SwTableStatsSlate> statsSlate_;
+  // Destroyed after the tables (it reads them; ~Host).
+  std::unique_ptr<Inspector> inspector_;
+  std::unique_ptr<Endpoint> endpoint_;
 
   // The changes to write, oldest first; next_ is the first not yet written.
   std::deque<Change> queue_;
@@ -203,7 +213,11 @@ private:
 };
 
 Host::~Host() {
-  // Tables and interfaces go first, then the store: as a process exit.
+  // Tables and interfaces go first, then the store: as a process exit. The
+  // endpoint stops answering before anything it reads goes; the inspector
+  // (whose view of the hardware writer's instance shares the process's
+  // read handle with the group interface) goes after the group.
+  endpoint_.reset();
   sigWatch_.cancel();
   fifoWatch_.cancel();
   isem2_.tables.clear();
@@ -221,6 +235,7 @@ Host::~Host() {
   adj_ = nullptr;
   group_ = nullptr;
   otIntf_ = nullptr;
+  inspector_.reset();
   stateDb_ = nullptr;
   if (shm_) {
     shm_->close();
@@ -314,10 +329,19 @@ void Host::boot() {
   group_->namedTableIs(inLif_);
   group_->namedTableIs(adj_);
   resourcesRestored_ = inLif_->restored() + adj_->restored();
+  for (std::uint32_t id : opt_.holdAdjacencies) {
+    adj_->holdIs({id});
+  }
+  for (std::uint32_t id : opt_.holdInLifs) {
+    inLif_->holdIs(inLifKey(id));
+  }
   isem2_.intf = MicaMpls::MplsIsem2Interface::getIntf(otIntf_);
   lem_.intf = MicaMpls::MplsLemInterface::getIntf(otIntf_);
   statsSlate_ = Asic::mountSwTableStatsSlate(shm_, MicaMplsHw::kGroup);
   openProgressFifo();
+  if (opt_.inspect) {
+    openEndpoint();
+  }
 
   makeTables<Isem2>();
   makeTables<Lem>();
@@ -384,6 +408,61 @@ void Host::openProgressFifo() {
                             path + " is not a FIFO the agent can read");
   }
   fifoWatch_ = loop_->watchIs(fifoFd_, [this] { onFifo(); });
+}
+
+// The inspection endpoint in the instance directory. An agent that cannot
+// make it (a directory path too long for a socket) runs without it.
+void Host::openEndpoint() {
+  InspectTargets t;
+  t.agent = opt_.agent;
+  t.group = group_.ptr();
+  t.isem2 = isem2_.intf.ptr();
+  t.lem = lem_.intf.ptr();
+  t.inLifs = inLif_.ptr();
+  t.adjacencies = adj_.ptr();
+  t.desired = [this](const std::string &table, Asic::UnitId unit,
+                     std::uint32_t label, std::uint8_t qualifier) {
+    return desiredOf(table, unit, label, qualifier);
+  };
+  t.progress = [this] {
+    std::uint64_t done = 0, failed = 0;
+    for (const auto &[at, c] : counts_) {
+      done += c.confirmed + c.unchanged + c.failed;
+      failed += c.failed;
+    }
+    return Json{{"toWrite", queue_.size() - next_},
+                {"written", next_},
+                {"finished", done},
+                {"failed", failed},
+                {"outstanding", outstanding_},
+                {"replayDone", replayDone_}};
+  };
+  inspector_ = std::make_unique<Inspector>(std::move(t));
+  try {
+    endpoint_ = std::make_unique<Endpoint>(
+        *loop_, shm_->directory() + "/.inspect",
+        [this](const Json &req) { return inspector_->answer(req); });
+  } catch (const std::system_error &e) {
+    out_.line(fmt::format("no inspection endpoint: {}", e.what()));
+  }
+}
+
+Json Host::desiredOf(const std::string &table, Asic::UnitId unit,
+                     std::uint32_t label, std::uint8_t qualifier) const {
+  EntryKey k;
+  k.table = table == "isem2" ? TableKind::isem2 : TableKind::lem;
+  k.unit = unit;
+  k.label = label;
+  k.qualifier = qualifier;
+  const auto it = desired_.entries().find(k);
+  if (it == desired_.entries().end()) {
+    return false;
+  }
+  const EntryValue &v = it->second.value;
+  if (k.table == TableKind::isem2) {
+    return Json{{"inLif", v.resource}, {"data", v.data}};
+  }
+  return Json{{"l2AdjId", v.resource}};
 }
 
 // An in-LIF keeps the client data it was allocated with. When the desired
@@ -644,7 +723,12 @@ void Host::hwProgress() {
 // Changes not confirmed yet: those still in the resolver, and the versions
 // this agent logged beyond what the hardware writer has taken.
 std::uint64_t Host::unconfirmed() const {
-  std::uint64_t n = group_->groupResolver()->resolverQueueSize();
+  return group_->groupResolver()->resolverQueueSize() + forHardware();
+}
+
+// Versions logged beyond what the hardware writer has taken.
+std::uint64_t Host::forHardware() const {
+  std::uint64_t n = 0;
   for (std::uint32_t id :
        {Isem2::Constants::swTableTypeId, Lem::Constants::swTableTypeId}) {
     const Asic::SwTableId tableId(id);
@@ -767,6 +851,11 @@ void Host::tick() {
     return;
   }
   const auto silent = now - lastProgress_;
+  if (forHardware() == 0) {
+    // Nothing waits for the hardware (changes may wait for resources).
+    lastProgress_ = now;
+    return;
+  }
   if (silent >= std::chrono::duration<double>(opt_.confirmTimeout)) {
     finish(kExitFailed,
            fmt::format("the hardware writer confirmed nothing for {} s; {} "

@@ -25,6 +25,10 @@
 // Signals arrive through a signalfd watched by the loop; no work is done in
 // a signal handler.
 //
+// While it runs, the agent answers read-only questions on the Unix socket
+// <store>/<agent>.0/.inspect (Endpoint.h, Inspect.h): what mpls-show why,
+// mpls-show top and the Python module ask.
+//
 // Exit codes (runAgent's result): 0 every change confirmed, 1 some failed,
 // the hardware writer confirmed nothing for `confirmTimeout` seconds, or the
 // run was stopped with changes unconfirmed; 3 the store is held by another
@@ -55,6 +59,11 @@ struct Options {
   double confirmTimeout = 60;      // seconds without confirmation
   std::uint32_t batch = 1000;      // changes written per loop turn
   double rate = 0;                 // changes written per second; 0: no limit
+  // Resources the simulated resource tables do not resolve, as if they did
+  // not exist yet: the changes that need them wait in the resolver.
+  std::vector<std::uint32_t> holdAdjacencies;
+  std::vector<std::uint32_t> holdInLifs;
+  bool inspect = true; // the inspection endpoint <instance>/.inspect
 };
 
 // Runs the agent over the store of `opt.agent` (under $MICA_SHM_ROOT).

@@ -117,6 +117,17 @@ int main(int argc, char **argv) {
                  "at most this many changes written per second (default: as "
                  "fast as the library takes them)")
       ->check(CLI::NonNegativeNumber);
+  app.add_option("--hold-adj", opt.holdAdjacencies,
+                 "L2 adjacencies the simulated adjacency table leaves "
+                 "unresolved, as if their neighbours were not learnt: the "
+                 "LEM entries that use them wait (see mpls-show why)")
+      ->delimiter(',');
+  app.add_option("--hold-inlif", opt.holdInLifs,
+                 "in-LIFs the simulated in-LIF table does not allocate: the "
+                 "ISEM2 entries that use them wait")
+      ->delimiter(',');
+  app.add_flag("!--no-inspect", opt.inspect,
+               "no inspection endpoint (<store>/<agent>.0/.inspect)");
   app.add_option("--emit", emit,
                  "write the desired set to this file in the file format ('-': "
                  "stdout) and exit; the store is not touched");

@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 #include <strings.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -13,6 +16,8 @@
 #include "MicaMpls/MplsLemEntryLog.h"
 #include "platform/asic/SwTableStatsSlate.h"
 #include "tools/hw/HwStore.h"
+#include "tools/inspect/Client.h"
+#include "tools/inspect/Why.h"
 #include "tools/mpls-show/TableView.h"
 
 namespace MplsShow {
@@ -206,7 +211,10 @@ void Show::read(Coll &coll, bool ordered, Restart &&restart, F &&f) {
 }
 
 template <typename Text> void Show::print(Json doc, Text &&text) {
-  if (json_) {
+  if (capture_) {
+    doc["corruptRecords"] = reporter_.count;
+    *capture_ = std::move(doc);
+  } else if (json_) {
     doc["corruptRecords"] = reporter_.count;
     std::printf("%s\n", doc.dump(2).c_str());
   } else {
@@ -616,6 +624,214 @@ void Show::stats(bool prometheus) {
       first = false;
     }
   });
+}
+
+} // namespace MplsShow
+
+// ---- why ----
+
+namespace MplsShow {
+
+template <typename B>
+Json Show::whyFromStores(Asic::UnitId unit, const typename B::Key &key) {
+  Json why = {{"table", B::Constants::tableName},
+              {"unit", unit},
+              {"label", key.label},
+              {"qualifier", key.qualifier},
+              {"source", "store"},
+              {"desired", nullptr},
+              {"committed", nullptr},
+              {"loggedVersion", nullptr}};
+  auto cfg = need<Asic::ConfigSlate<B>>(
+      agent(), B::Constants::configSlatePath(unit),
+      fmt::format("configuration table of {} unit {}", B::Constants::tableName,
+                  unit));
+  Asic::ConfigSlateEntry<B> r;
+  if (cfg->swTableEntries().findOrDrop(key, r)) {
+    why["committed"] = {{"logVersion", r.logVersion},
+                        {"entry", MicaMplsInspect::toJson(B::Entry::fromParts(
+                                      r.rsrcKeys, r.logEntry))},
+                        {"inDeletion", r.isDeleted != 0}};
+  }
+  if (auto log = maybe<Asic::EntryLogSlate<B>>(
+          agent_, B::Constants::tableEntryLogSlatePath())) {
+    why["loggedVersion"] = log->entryLogConfig().control().scratchpad();
+  }
+  why["hardware"] = MicaMplsInspect::hardwareFacts<B>(hw_, unit, key);
+  why["confirmedVersion"] = why["hardware"]["confirmedVersion"];
+  const auto refusals = MicaMplsHw::hwRefusals(hw_);
+  const auto refused =
+      refusals.find({B::Constants::swTableTypeId, unit, key.packed()});
+  why["hardware"]["refused"] = MicaMplsInspect::refusalJson(
+      refused == refusals.end() ? nullptr : &refused->second);
+  why["verdict"] = MicaMplsInspect::verdictOf(why);
+  return why;
+}
+
+void Show::why(const std::string &table, Asic::UnitId unit, std::uint32_t label,
+               std::uint8_t qualifier, bool storesOnly) {
+  Json doc;
+  withTable(table, [&](auto tag) {
+    using B = typename decltype(tag)::type;
+    if (!storesOnly) {
+      MicaMplsInspect::Client live(MicaMplsInspect::endpointPath(agentName_));
+      if (live.connected()) {
+        try {
+          doc = live.ask({{"op", "why"},
+                          {"table", TableView<B>::kShortName},
+                          {"unit", unit},
+                          {"label", label},
+                          {"qualifier", qualifier}});
+          return;
+        } catch (const MicaMplsInspect::EndpointError &e) {
+          throw ShowError(kExitMissing,
+                          fmt::format("agent {}: {}", agentName_, e.what()));
+        }
+      }
+    }
+    doc = whyFromStores<B>(unit, typename B::Key(label, qualifier));
+  });
+  print(std::move(doc), [](const Json &d) {
+    for (const std::string &line : MicaMplsInspect::explainLines(d)) {
+      std::printf("%s\n", line.c_str());
+    }
+  });
+}
+
+// ---- top ----
+
+namespace {
+
+// Per second, from two readings of a counter `dt` seconds apart.
+Json rate(const Json &now, const Json *before, const std::string &pointer,
+          double dt) {
+  if (!before || dt <= 0) {
+    return nullptr;
+  }
+  const Json::json_pointer p(pointer);
+  if (!now.contains(p) || !before->contains(p) || !now[p].is_number() ||
+      !(*before)[p].is_number()) {
+    return nullptr;
+  }
+  const double d = now[p].get<double>() - (*before)[p].get<double>();
+  return d < 0 ? Json() : Json(d / dt);
+}
+
+// Adds the rates of `before` (the previous screen) to a "top" reply.
+void addRates(Json &now, const Json *before) {
+  const double dt =
+      before ? (now.value("timeNs", 0.0) - before->value("timeNs", 0.0)) / 1e9
+             : 0.0;
+  Json rates = {
+      {"commitsPerSecond", rate(now, before, "/resolver/commits", dt)},
+      {"passesPerSecond", rate(now, before, "/resolver/passes", dt)}};
+  for (std::size_t i = 0; i < now["tables"].size(); ++i) {
+    Json &t = now["tables"][i];
+    const Json *bt = nullptr;
+    if (before) {
+      for (const Json &b : (*before)["tables"]) {
+        if (b["table"] == t["table"] && b["unit"] == t["unit"]) {
+          bt = &b;
+        }
+      }
+    }
+    t["writesPerSecond"] = rate(t, bt, "/counters/entryWriteCnt", dt);
+    t["commitsPerSecond"] = rate(t, bt, "/counters/commitCnt", dt);
+    t["confirmedPerSecond"] = rate(t, bt, "/confirmedVersion", dt);
+  }
+  now["rates"] = std::move(rates);
+}
+
+void printTop(const Json &d, bool clear) {
+  if (clear) {
+    std::printf("\x1b[H\x1b[2J");
+  }
+  const Json &r = d["resolver"];
+  const auto num = [](const Json &j) {
+    return j.is_number() ? fmt::format("{:.0f}", j.get<double>())
+                         : std::string("-");
+  };
+  std::printf("agent %s: %s commits/s, %s resolver passes/s\n\n",
+              d.value("agent", "?").c_str(),
+              num(d["rates"]["commitsPerSecond"]).c_str(),
+              num(d["rates"]["passesPerSecond"]).c_str());
+  printColumns(stdout, d["tables"],
+               {{"table", "/table"},
+                {"unit", "/unit"},
+                {"entries", "/entries"},
+                {"pendWrite", "/pendingWrites"},
+                {"pendRemove", "/pendingRemoves"},
+                {"forHw", "/waitingForHardware"},
+                {"logged", "/loggedVersion"},
+                {"confirmed", "/confirmedVersion"},
+                {"writes/s", "/writesPerSecond"},
+                {"commits/s", "/commitsPerSecond"},
+                {"confirms/s", "/confirmedPerSecond"}});
+  std::printf(
+      "\nresolver: %s queued, %s offerable; waiting on a resource %s, a "
+      "dependency %s, log room %s, behind an older change %s, unnamed %s%s\n",
+      r["resolverQueue"].dump().c_str(), r["offerable"].dump().c_str(),
+      r["parkedOn"]["resource"].dump().c_str(),
+      r["parkedOn"]["dependency"].dump().c_str(),
+      r["parkedOn"]["logRoom"].dump().c_str(), r["behindOlder"].dump().c_str(),
+      r["waitingUnnamed"].dump().c_str(),
+      r.value("suspended", false) ? " (clients held back)" : "");
+  const Json &o = d["oldest"];
+  if (o.is_object()) {
+    std::printf("oldest waiting: %s unit %s label %s/%s, queued %.1f s ago, "
+                "%s%s\n",
+                o.value("table", "?").c_str(), o["unit"].dump().c_str(),
+                o.contains("label") ? o["label"].dump().c_str() : "-",
+                o.contains("qualifier") ? o["qualifier"].dump().c_str() : "-",
+                o.value("ageMs", 0.0) / 1000.0,
+                o.value("waitsOn", "").empty()
+                    ? "not parked"
+                    : ("waits on: " + o.value("waitsOn", "")).c_str(),
+                d.value("oldestComplete", true) ? ""
+                                                : " (of the lanes looked at)");
+  } else {
+    std::printf("oldest waiting: none\n");
+  }
+  std::printf("\n");
+  Json res = Json::array();
+  for (const Json &t : d["resources"]) {
+    res.push_back(t);
+  }
+  printColumns(stdout, res,
+               {{"resource table", "/name"},
+                {"inUse", "/inUse"},
+                {"capacity", "/capacity"},
+                {"pending", "/pendingAllocations"},
+                {"held", "/heldAllocations"},
+                {"releasing", "/releasesPending"}});
+  std::fflush(stdout);
+}
+
+} // namespace
+
+void Show::top(std::uint64_t count, std::chrono::milliseconds interval) {
+  MicaMplsInspect::Client live(MicaMplsInspect::endpointPath(agentName_));
+  if (!live.connected()) {
+    throw ShowError(kExitMissing, fmt::format("agent {} is not running: {}",
+                                              agentName_, live.failure()));
+  }
+  const bool clear = !json_ && !capture_ && count != 1 && ::isatty(1);
+  Json before;
+  for (std::uint64_t n = 0; count == 0 || n < count; ++n) {
+    if (n != 0) {
+      std::this_thread::sleep_for(interval);
+    }
+    Json now;
+    try {
+      now = live.ask({{"op", "top"}});
+    } catch (const MicaMplsInspect::EndpointError &e) {
+      throw ShowError(kExitMissing,
+                      fmt::format("agent {}: {}", agentName_, e.what()));
+    }
+    addRates(now, n == 0 ? nullptr : &before);
+    before = now;
+    print(std::move(now), [clear](const Json &d) { printTop(d, clear); });
+  }
 }
 
 } // namespace MplsShow

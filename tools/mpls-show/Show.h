@@ -11,6 +11,7 @@
 // Failures are thrown as ShowError with the program's exit code.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -61,6 +62,20 @@ public:
   // The agent's published table counters, as text, JSON or in the
   // Prometheus text format.
   void stats(bool prometheus);
+  // Where a label stands (tools/inspect/Why.h): asked of the running agent
+  // through its inspection endpoint, else (or with `storesOnly`) read from
+  // the stores. A unit or table the agent does not have is ShowError
+  // (kExitMissing).
+  void why(const std::string &table, Asic::UnitId unit, std::uint32_t label,
+           std::uint8_t qualifier, bool storesOnly);
+  // The running agent's rates, queue depths, waits by cause and oldest
+  // waiting change, every `interval`: `count` screens, 0 until interrupted.
+  // ShowError(kExitMissing) when no agent answers.
+  void top(std::uint64_t count, std::chrono::milliseconds interval);
+
+  // For programs that embed the inspector (the Python module): each
+  // command's JSON document goes to `into` instead of stdout.
+  void captureIs(Json *into) noexcept { capture_ = into; }
 
   // Records found corrupt so far.
   std::uint64_t corruptRecords() const noexcept { return reporter_.count; }
@@ -77,6 +92,8 @@ private:
   void entriesOf(Asic::UnitId unit, std::optional<std::uint32_t> label);
   template <typename B> void logOf(Asic::LogVersion from, std::uint64_t limit);
   template <typename B> void hwOf(Asic::UnitId unit);
+  template <typename B>
+  Json whyFromStores(Asic::UnitId unit, const typename B::Key &key);
 
   // The agent's instance; ShowError(kExitMissing) when it does not exist.
   MicaMplsHw::InstanceView &agent();
@@ -100,6 +117,7 @@ private:
   CountingReporter reporter_;
   MicaMplsHw::InstanceView agent_;
   MicaMplsHw::InstanceView hw_;
+  Json *capture_ = nullptr;
 };
 
 } // namespace MplsShow

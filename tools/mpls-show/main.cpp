@@ -6,11 +6,14 @@
 //   mpls-show log lem --from 120 --limit 20 --json
 //   mpls-show hw isem2 1
 //   mpls-show stats --prometheus > /var/lib/node_exporter/mica_mpls.prom
+//   mpls-show why lem 1 1234            # where label 1234 stands, and why
+//   mpls-show top                       # live view of the running agent
 //
 // Exit codes: 0 shown (corrupt records are reported and skipped), 1 a
 // failure, 2 bad usage, 4 no store, instance or entity (the agent may not
 // have started).
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -67,6 +70,29 @@ int main(int argc, char **argv) {
       "hw", "a unit's simulated hardware table (from the hardware writer)");
   addTable(hw);
   addUnit(hw);
+  std::string whyLabel;
+  bool storesOnly = false;
+  auto *why = app.add_subcommand(
+      "why", "where a label stands (desired, waiting on what, committed, "
+             "confirmed, in the hardware or refused), from the running "
+             "agent, else from the stores");
+  addTable(why);
+  addUnit(why);
+  why->add_option("label", whyLabel, "the label, LABEL or LABEL/QUALIFIER")
+      ->required();
+  why->add_flag("--stores", storesOnly,
+                "read the stores even when the agent runs");
+  std::uint64_t topCount = 0;
+  double topInterval = 1.0;
+  auto *top = app.add_subcommand(
+      "top", "a live view of the running agent: rates, queue depths, waits "
+             "by cause, the oldest waiting change; refreshed every second");
+  top->add_flag_function(
+      "--once", [&](std::int64_t) { topCount = 1; }, "one screen, then exit");
+  top->add_option("--count", topCount, "this many screens, then exit");
+  top->add_option("--interval", topInterval, "seconds between screens")
+      ->check(CLI::Range(0.05, 3600.0))
+      ->capture_default_str();
   auto *stats =
       app.add_subcommand("stats", "the agent's published table counters");
   stats->add_flag("--prometheus", prometheus,
@@ -97,6 +123,31 @@ int main(int argc, char **argv) {
       show.hw(table, static_cast<Asic::UnitId>(unit));
     } else if (*stats) {
       show.stats(prometheus);
+    } else if (*why) {
+      unsigned long l = 0, q = 0;
+      char *end = nullptr;
+      l = std::strtoul(whyLabel.c_str(), &end, 0);
+      if (end != whyLabel.c_str() && *end == '/') {
+        const char *qs = end + 1;
+        q = std::strtoul(qs, &end, 0);
+        if (end == qs) {
+          end = nullptr;
+        }
+      }
+      if (whyLabel.empty() || !end || *end != '\0' || l > 0xFFFFF || q > 255 ||
+          whyLabel[0] == '-') {
+        std::fprintf(stderr,
+                     "mpls-show: label '%s': want LABEL (0 to 1048575) or "
+                     "LABEL/QUALIFIER (0 to 255)\n",
+                     whyLabel.c_str());
+        return MplsShow::kExitUsage;
+      }
+      show.why(table, static_cast<Asic::UnitId>(unit),
+               static_cast<std::uint32_t>(l), static_cast<std::uint8_t>(q),
+               storesOnly);
+    } else if (*top) {
+      show.top(topCount, std::chrono::milliseconds(
+                             static_cast<long>(topInterval * 1000)));
     }
   } catch (const MplsShow::ShowError &e) {
     std::fprintf(stderr, "mpls-show: %s\n", e.what());
