@@ -130,8 +130,9 @@ struct Describe<T> {
       const std::uint64_t end = slots + aside.size();
       std::size_t n = 0;
       for (; at < end && n < limit; ++at) {
-        const Sm *sm = at < slots ? l.entryUsageSmAt(static_cast<std::uint32_t>(at))
-                                  : aside[at - slots].ptr();
+        const Sm *sm = at < slots
+                           ? l.entryUsageSmAt(static_cast<std::uint32_t>(at))
+                           : aside[at - slots].ptr();
         if (sm) {
           emit(ResourceUsage<Sm>{*sm});
           ++n;

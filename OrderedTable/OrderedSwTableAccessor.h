@@ -22,6 +22,7 @@
 
 #include <chrono>
 #include <optional>
+#include <span>
 #include <type_traits>
 #include <vector>
 
@@ -126,10 +127,40 @@ template <typename T> struct OrderedSwTableAccessor {
     }
   }
 
-  static Fwk::Ptr<const EntryHandle>
-  entryWriteGeneric(T &t, const Key &key, const Entry &entry,
-                    const Dependency &dependency,
-                    const ResponseHandler &handler, Linkage *linkage) {
+  // Writes entries[i] at keys[i] in order, each change exactly what a
+  // write of its own would be (its version, handle, resolver entry and
+  // handler call); the clients are told whether to hold back once, after
+  // the last. While one change is made, where the next few keys' pending
+  // versions and writes are looked up is fetched, so that a batch over a
+  // large table does not wait for memory at every key. Each handle is
+  // appended to `handles` when that is given.
+  // REQUIRES: keys.size() == entries.size().
+  static void entriesWriteGeneric(
+      T &t, std::span<const Key> keys, std::span<const Entry> entries,
+      const Dependency &dependency, const ResponseHandler &handler,
+      Linkage *linkage, std::vector<Fwk::Ptr<const EntryHandle>> *handles) {
+    FWK_ASSERT_NAMED(keys.size() == entries.size(),
+                     "keys.size() == entries.size()");
+    constexpr std::size_t kAhead = 4;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (i + kAhead < keys.size()) {
+        t.transientVersionForKeyColl().prefetch(keys[i + kAhead]);
+        t.transientAddEntryColl().prefetch(keys[i + kAhead]);
+      }
+      auto handle = entryWriteGeneric(t, keys[i], entries[i], dependency,
+                                      handler, linkage, false);
+      if (handles) {
+        handles->push_back(std::move(handle));
+      }
+    }
+    afterChange(t);
+  }
+
+  // A write; `alone`: not one of a batch, whose hold-back check follows its
+  // last write only.
+  static Fwk::Ptr<const EntryHandle> entryWriteGeneric(
+      T &t, const Key &key, const Entry &entry, const Dependency &dependency,
+      const ResponseHandler &handler, Linkage *linkage, bool alone = true) {
     OT_TRACE(8, "key: {}", key);
     const ResolverEntry *previous;
     const EntryVersion v = nextVersion(t, key, previous);
@@ -152,7 +183,9 @@ template <typename T> struct OrderedSwTableAccessor {
     enqueue(t, r);
     OT_TRACE(2, "Done processing write for key: {} ", key);
     t.stats()->entryWriteCntInc(1);
-    afterChange(t);
+    if (alone) {
+      afterChange(t);
+    }
     return handle;
   }
 
@@ -1225,6 +1258,17 @@ OrderedSwTableState<B>::entryWriteWithResponseHandler(
                        key);
   return Accessor::entryWriteGeneric(self(), key, entry, dependency, handler,
                                      linkage_.ptr());
+}
+
+template <typename B>
+void OrderedSwTableState<B>::entriesWriteWithResponseHandler(
+    std::span<const Key> keys, std::span<const Entry> entries,
+    const Dependency &dependency, const ResponseHandler &handler,
+    std::vector<Fwk::Ptr<const EntryHandle>> *handles) {
+  Accessor::traceTable(8, "entriesWriteWithResponseHandler", __LINE__,
+                       " keys: {}", keys.size());
+  Accessor::entriesWriteGeneric(self(), keys, entries, dependency, handler,
+                                linkage_.ptr(), handles);
 }
 
 template <typename B>

@@ -28,8 +28,11 @@
 // (the process's minor faults: a first touch of fresh memory, which costs
 // several microseconds on a virtual machine).
 //
-//   bench_e2e [--quick] [--table lem|isem2] [--keys N] [--units N]
+//   bench_e2e [--quick] [--batched] [--table lem|isem2] [--keys N] [--units N]
 //     --quick: 65,536 keys, batches of 1,000 only
+//     --batched: the load and the rewrite give each batch to the batch
+//       entry point (entriesWriteWithResponseHandler), one call per unit,
+//       in rows named load-b and rewrite-b
 //   bench_e2e --goals [--rounds N] [--copies C]
 //     the goals of the change path beside what this run measures: 65,536
 //     keys, one unit, batches of 1,000, each table run N times (default
@@ -56,6 +59,8 @@
 
 namespace {
 std::atomic<std::uint64_t> gAllocations{0};
+// --batched: the load and the rewrite use the batch entry point.
+bool gBatched = false;
 } // namespace
 
 // Not inlined: the compiler would otherwise pair these calls with the
@@ -403,11 +408,29 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
     const std::uint64_t allocs0 = gAllocations.load();
     const std::uint64_t faults0 = minorFaults();
     const auto t0 = Clock::now();
+    // With --batched, the writes of a batch go through the batch entry
+    // point, one call per unit before each pass.
+    std::vector<std::vector<typename F::B::Key>> batchKeys(units);
+    std::vector<std::vector<typename F::B::Entry>> batchEntries(units);
+    const bool batched = gBatched && phase < 2;
+    const auto flush = [&] {
+      for (std::uint32_t u = 0; batched && u < units; ++u) {
+        a.tables[u]->entriesWriteWithResponseHandler(
+            batchKeys[u], batchEntries[u], nullptr, counter);
+        batchKeys[u].clear();
+        batchEntries[u].clear();
+      }
+    };
     for (std::uint32_t k = 0; k < keys; ++k) {
       for (std::uint32_t u = 0; u < units; ++u) {
         auto &t = *a.tables[u];
         const typename F::B::Key key(k);
-        if (phase == 0) {
+        if (batched) {
+          batchKeys[u].push_back(key);
+          batchEntries[u].push_back(
+              phase == 0 ? F::entry(k, 1 + kShared + u * keys + k)
+                         : F::entry(k, 1 + (k * 7 + u) % kShared));
+        } else if (phase == 0) {
           t.entryWriteWithResponseHandler(
               key, F::entry(k, 1 + kShared + u * keys + k), nullptr, counter);
         } else if (phase == 1) {
@@ -417,11 +440,13 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
           t.entryRemoveWithResponseHandler(key, nullptr, counter);
         }
         if (++queued == batch) {
+          flush();
           a.passAndConfirm();
           queued = 0;
         }
       }
     }
+    flush();
     a.passAndConfirm();
     const double seconds =
         std::chrono::duration<double>(Clock::now() - t0).count();
@@ -438,8 +463,8 @@ void run(std::vector<Row> &rows, std::uint32_t keys, std::uint32_t units,
       std::exit(1);
     }
     rows.push_back(Row{F::kName,
-                       phase == 0   ? "load"
-                       : phase == 1 ? "rewrite"
+                       phase == 0   ? (batched ? "load-b" : "load")
+                       : phase == 1 ? (batched ? "rewrite-b" : "rewrite")
                                     : "remove",
                        keys, units, batch, seconds, changes, roof, allocs,
                        faults});
@@ -582,6 +607,8 @@ int main(int argc, char **argv) {
       quick = true;
     } else if (a == "--goals") {
       goalsOnly = true;
+    } else if (a == "--batched") {
+      gBatched = true;
     } else if (a == "--rounds" && i + 1 < argc) {
       rounds = std::max(1, std::atoi(argv[++i]));
     } else if (a == "--copies" && i + 1 < argc) {
@@ -595,10 +622,11 @@ int main(int argc, char **argv) {
       onlyUnits =
           static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 0));
     } else {
-      std::fprintf(stderr,
-                   "usage: bench_e2e [--quick] [--table lem|isem2] [--keys N] "
-                   "[--units N]\n       bench_e2e --goals [--rounds N] "
-                   "[--copies C]\n");
+      std::fprintf(
+          stderr,
+          "usage: bench_e2e [--quick] [--batched] [--table lem|isem2] "
+          "[--keys N] [--units N]\n       bench_e2e --goals [--rounds N] "
+          "[--copies C]\n");
       return 2;
     }
   }

@@ -233,7 +233,7 @@ private:
   std::vector<Fwk::Ptr<ResolverEntry>> woken_;
   std::vector<Fwk::Ptr<ResolverEntry>> waiting_;
   std::size_t queued_ = 0;
-  std::size_t laneCount_ = 0; // lanes with a change queued
+  std::size_t laneCount_ = 0;  // lanes with a change queued
   std::uint64_t enqueued_ = 0; // queue order of the changes
   std::uint64_t genId_ = 0;
   bool passScheduled_ = false;
