@@ -37,8 +37,9 @@
 //     the goals of the change path beside what this run measures: 65,536
 //     keys, one unit, batches of 1,000, each table run N times (default
 //     3) and the best of the runs taken for every row; C, when given, is the
-//     measured number of copies of the value per ISEM2 change (see
-//     bench/copies.sh), which this program cannot count itself
+//     number of copies of the value per ISEM2 change measured outside this
+//     program (which cannot see the library's own copies), printed in its
+//     row
 #include <sys/resource.h>
 #include <unistd.h>
 
