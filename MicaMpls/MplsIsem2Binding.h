@@ -39,27 +39,35 @@ struct MICA_MPLS_API MplsIsem2Binding {
   static constexpr const char *kSwTableClass = "MplsIsem2SwTable";
   static constexpr const char *kWrapperClass = "MplsIsem2EntryWrapper";
   static constexpr const char *kTableSourceUnit = "MicaMpls/MplsIsem2SwTable";
-  static constexpr const char *kInfraSourceUnit = "MicaMpls/MplsIsem2InfraTypes";
+  static constexpr const char *kInfraSourceUnit =
+      "MicaMpls/MplsIsem2InfraTypes";
   static constexpr const char *kEntryLogClass = "MplsIsem2EntryLog";
-  static constexpr const char *kEntryLogSourceUnit = "MicaMpls/MplsIsem2EntryLog";
-  static constexpr const char *kConfigSlateType = "MicaMpls::MplsIsem2ConfigSlate";
-  static constexpr const char *kConfigSlateEntryType = "MicaMpls::MplsIsem2ConfigSlateEntry";
-  static constexpr const char *kEntryLogSlateType = "MicaMpls::MplsIsem2EntryLogSlate";
-  static constexpr const char *kLogSlateEntryType = "MicaMpls::MplsIsem2LogSlateEntry";
+  static constexpr const char *kEntryLogSourceUnit =
+      "MicaMpls/MplsIsem2EntryLog";
+  static constexpr const char *kConfigSlateType =
+      "MicaMpls::MplsIsem2ConfigSlate";
+  static constexpr const char *kConfigSlateEntryType =
+      "MicaMpls::MplsIsem2ConfigSlateEntry";
+  static constexpr const char *kEntryLogSlateType =
+      "MicaMpls::MplsIsem2EntryLogSlate";
+  static constexpr const char *kLogSlateEntryType =
+      "MicaMpls::MplsIsem2LogSlateEntry";
   // The second word of the items reported when a collection was wiped
   // (entryLog::MplsIsem2, entryCfg::MplsIsem2).
   static constexpr const char *kWipedItem = "MplsIsem2";
   // The table type's interface, and the resource table its tables take
   // resources from (its name is also the name of their clients).
   static constexpr const char *kInterfaceClass = "MplsIsem2Interface";
-  static constexpr const char *kInterfaceSourceUnit = "MicaMpls/MplsIsem2Interface";
+  static constexpr const char *kInterfaceSourceUnit =
+      "MicaMpls/MplsIsem2Interface";
   static constexpr const char *kInterfaceKey = "MicaMpls::MplsIsem2Interface";
   static constexpr const char *kInterfaceAssertion =
       "!singleton->swTableIntfHas( \"MicaMpls::MplsIsem2Interface\" )";
   static constexpr const char *kResourceNamespace = "MicaTunnelNiLib";
   static constexpr const char *kResourceName = "InLif.featureMicaMpls";
   static constexpr const char *kResourceStartedTrace =
-      " ResourceTable: MicaTunnelNiLib::InLif.featureMicaMpls started or restored with {} entries";
+      " ResourceTable: MicaTunnelNiLib::InLif.featureMicaMpls started or "
+      "restored with {} entries";
   static constexpr const char *kClearingTrace =
       " Clearing entries for table: MplsIsem2, unitId: {}";
   static constexpr const char *kRestoredTrace =
@@ -71,10 +79,10 @@ struct MICA_MPLS_API MplsIsem2Binding {
     e.inLif0Index = r ? r->data().inLif0Index : 0;
     e.inLif23Index = r ? r->data().inLif23Index : 0;
   }
-  // Asks the in-LIF table for the entry's in-LIF, with its client data.
-  template <typename Client>
-  static auto requestResource(Client &client, const Entry &e) {
-    return client.request(e.inLifKey, e.inLifClientData, nullptr);
+  // What a request of the entry's in-LIF carries: its client data.
+  static const MicaTunnelNiLib::InLifClientData &
+  requestData(const Entry &e) noexcept {
+    return e.inLifClientData;
   }
   static constexpr bool kCarriesClientData = true;
   static void retrieveClientData(Entry &e, const ResourceHandle &r) noexcept {

@@ -43,40 +43,46 @@ struct MICA_MPLS_API MplsLemBinding {
   static constexpr const char *kInfraSourceUnit = "MicaMpls/MplsLemInfraTypes";
   static constexpr const char *kEntryLogClass = "MplsLemEntryLog";
   static constexpr const char *kEntryLogSourceUnit = "MicaMpls/MplsLemEntryLog";
-  static constexpr const char *kConfigSlateType = "MicaMpls::MplsLemConfigSlate";
-  static constexpr const char *kConfigSlateEntryType = "MicaMpls::MplsLemConfigSlateEntry";
-  static constexpr const char *kEntryLogSlateType = "MicaMpls::MplsLemEntryLogSlate";
-  static constexpr const char *kLogSlateEntryType = "MicaMpls::MplsLemLogSlateEntry";
+  static constexpr const char *kConfigSlateType =
+      "MicaMpls::MplsLemConfigSlate";
+  static constexpr const char *kConfigSlateEntryType =
+      "MicaMpls::MplsLemConfigSlateEntry";
+  static constexpr const char *kEntryLogSlateType =
+      "MicaMpls::MplsLemEntryLogSlate";
+  static constexpr const char *kLogSlateEntryType =
+      "MicaMpls::MplsLemLogSlateEntry";
   // The second word of the items reported when a collection was wiped
   // (entryLog::MplsLem, entryCfg::MplsLem).
   static constexpr const char *kWipedItem = "MplsLem";
   // The table type's interface, and the resource table its tables take
   // resources from (its name is also the name of their clients).
   static constexpr const char *kInterfaceClass = "MplsLemInterface";
-  static constexpr const char *kInterfaceSourceUnit = "MicaMpls/MplsLemInterface";
+  static constexpr const char *kInterfaceSourceUnit =
+      "MicaMpls/MplsLemInterface";
   static constexpr const char *kInterfaceKey = "MicaMpls::MplsLemInterface";
   static constexpr const char *kInterfaceAssertion =
       "!singleton->swTableIntfHas( \"MicaMpls::MplsLemInterface\" )";
   static constexpr const char *kResourceNamespace = "MicaAdjLib";
-  static constexpr const char *kResourceName = "L2AdjToFecResourceTable.micaMpls";
+  static constexpr const char *kResourceName =
+      "L2AdjToFecResourceTable.micaMpls";
   static constexpr const char *kResourceStartedTrace =
-      " ResourceTable: MicaAdjLib::L2AdjToFecResourceTable.micaMpls started or restored with {} entries";
+      " ResourceTable: MicaAdjLib::L2AdjToFecResourceTable.micaMpls started or "
+      "restored with {} entries";
   static constexpr const char *kClearingTrace =
       " Clearing entries for table: MplsLem, unitId: {}";
   static constexpr const char *kRestoredTrace =
       " Restored {} entries for table: MplsLem, unitId: {}";
   static constexpr const char *kLinkageAttr = "l2AdjToFecLinkage";
 
-  static ResourceKey resourceKey(const Entry &e) noexcept { return {e.l2AdjId}; }
+  static ResourceKey resourceKey(const Entry &e) noexcept {
+    return {e.l2AdjId};
+  }
   static void setResolvedFields(Entry &e, const ResourceHandle *r) noexcept {
     e.fecId = r ? r->data().fecId : 0;
     e.errorCode = r ? r->data().errorCode : 0;
   }
-  // Asks the adjacency table for the entry's FEC; no client data.
-  template <typename Client>
-  static auto requestResource(Client &client, const Entry &e) {
-    return client.request(resourceKey(e), nullptr);
-  }
+  // A request of the adjacency's FEC carries nothing.
+  static Fwk::Unit requestData(const Entry &) noexcept { return {}; }
   static constexpr bool kCarriesClientData = false;
   static void retrieveClientData(Entry &, const ResourceHandle &) noexcept {}
 };

@@ -49,8 +49,10 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <optional>
@@ -96,6 +98,17 @@ public:
   using EntryLogSlateT = EntryLogSlate<B>;
   using ConfigEntry = ConfigSlateEntry<B>;
   using LogRecord = LogSlateEntry<B>;
+  using Entry = typename B::Entry;
+  // Where a key's configuration record is, found once for a change.
+  using ConfigPlace = typename ConfigSlateT::Collection::Place;
+
+  // An entry is its resource keys followed by its log entry, and so is the
+  // front of a configuration record: the record is built from the entry
+  // with one copy, and compared with it in place.
+  static_assert(offsetof(ConfigEntry, rsrcKeys) == 0 &&
+                    offsetof(ConfigEntry, logEntry) == sizeof(ResourceKeys) &&
+                    sizeof(Entry) == sizeof(ResourceKeys) + sizeof(LogEntry),
+                "a configuration record begins with the entry's bytes");
 
   static constexpr Fwk::AttrId attrTableEntryLog{6, "tableEntryLog"};
   static constexpr Fwk::AttrId attrTableConfigSlate{7, "tableConfigSlate"};
@@ -156,7 +169,8 @@ public:
   // goes up. A missing record (or one of another type) is no error.
   static void requestRelaunch(StateDb::EntityManager &entityManager,
                               const std::string &agentName) {
-    if (auto gen = entityManager.template entity<GenId>(GenId::path(agentName))) {
+    if (auto gen =
+            entityManager.template entity<GenId>(GenId::path(agentName))) {
       gen->majorIdInc(1);
     }
   }
@@ -314,7 +328,8 @@ public:
     if (confirmed <= tableVersion()) {
       return false;
     }
-    EL_TRACE(2, " Raising tableVersion from {} to {}, confirmed by the hardware",
+    EL_TRACE(2,
+             " Raising tableVersion from {} to {}, confirmed by the hardware",
              tableVersion(), confirmed);
     tableVersionIs(confirmed);
     requestHardwareResync("the hardware confirmed a version beyond the log");
@@ -391,11 +406,33 @@ public:
   }
 
   bool canLog(const Key &key, UnitId unitId) const {
+    ConfigSlateT &slate = configSlateOf(unitId);
+    return canLogAt(slate, slate.swTableEntries().at(key));
+  }
+  // The same for a key whose place in the unit's table was found.
+  bool canLogAt(ConfigSlateT &slate, const ConfigPlace &at) const {
     if (!tableEntryLog_->entryLogConfig().roomForNewKey()) {
       return false;
     }
-    auto &coll = configSlateOf(unitId).swTableEntries();
-    return coll.contains(key) || coll.roomForNewKey();
+    return at.found() || slate.swTableEntries().roomForNewKey();
+  }
+
+  // The unit's configuration table, or null (a hot path's lookup: no
+  // counted reference).
+  ConfigSlateT *configSlateAt(UnitId unitId) const noexcept {
+    return tableConfigSlatePtr(unitId);
+  }
+
+  // The committed record of a key at its place, verified; null when the
+  // key has none or its record was corrupt (reported and dropped).
+  static const ConfigEntry *committedAt(ConfigSlateT &slate, ConfigPlace &at) {
+    auto &coll = slate.swTableEntries();
+    try {
+      return coll.recordAt(at);
+    } catch (const Shm::CorruptionError &e) {
+      coll.doCorruptionDetected(e.what());
+      return nullptr;
+    }
   }
 
   // Logs a write of one entry and returns its version. With
@@ -405,19 +442,30 @@ public:
                      const Fwk::Ptr<const NeededEntry> &neededEntry,
                      UnitId unitId, const Fwk::Ptr<SwTableStats> &stats,
                      bool suppressIdenticalWrites) {
+    ConfigSlateT &slate = configSlateOf(unitId);
+    ConfigPlace at = slate.swTableEntries().at(logEntry.key);
+    return entryIs(Entry::fromParts(rsrcKeys, logEntry), slate, at, neededEntry,
+                   unitId, stats, suppressIdenticalWrites);
+  }
+
+  // The same for an entry whose key's place in the unit's table was found
+  // (a commit): the configuration record is built in its slot from the
+  // entry, and the stored one is compared where it lies.
+  LogVersion entryIs(const Entry &entry, ConfigSlateT &slate, ConfigPlace &at,
+                     const Fwk::Ptr<const NeededEntry> &neededEntry,
+                     UnitId unitId, const Fwk::Ptr<SwTableStats> &stats,
+                     bool suppressIdenticalWrites) {
     EL_TRACE(8,
              " logEntry: {} neededEntry: {} version: {} unitId: {} "
              "suppressIdenticalWrites: {}",
-             logEntry, neededEntry, tableVersion(), unitId,
+             entry.logEntry(), neededEntry, tableVersion(), unitId,
              suppressIdenticalWrites);
-    ConfigSlateT &slate = configSlateOf(unitId);
-    const Key &key = logEntry.key;
-    prefetchChange(slate, key);
+    const Key &key = entry.key;
+    tableEntryLog_->entryLogConfig().prefetch(tableVersion() + 1);
     if (suppressIdenticalWrites) {
-      ConfigEntry stored;
-      if (lookup(slate, key, stored) && !stored.isDeleted) {
-        const bool identical =
-            stored.logEntry == logEntry && stored.rsrcKeys == rsrcKeys;
+      const ConfigEntry *stored = at.found() ? committedAt(slate, at) : nullptr;
+      if (stored && !stored->isDeleted) {
+        const bool identical = std::memcmp(stored, &entry, sizeof(Entry)) == 0;
         if (identical && hwRefusedKey(key, unitId)) {
           EL_TRACE(3,
                    "key: {}: the hardware refused the stored entry; logging "
@@ -428,8 +476,8 @@ public:
             stats->suppressedWriteCntInc(1);
           }
           EL_TRACE(3, "Suppressing identical write for key: {}", key);
-          if (stored.logVersion != 0) {
-            return stored.logVersion;
+          if (stored->logVersion != 0) {
+            return stored->logVersion;
           }
         } else {
           EL_TRACE(3,
@@ -444,19 +492,20 @@ public:
     }
     refuseIfLogFull();
     const LogVersion v = reserveNextVersion();
-    ConfigEntry record{};
-    record.rsrcKeys = rsrcKeys;
-    record.logEntry = logEntry;
-    record.logVersion = v;
     try {
-      slate.swTableEntriesIs(record);
+      slate.swTableEntries().insertAt(at, false, [&](ConfigEntry &r) {
+        std::memcpy(static_cast<void *>(&r), &entry, sizeof(Entry));
+        std::memset(reinterpret_cast<unsigned char *>(&r) + sizeof(Entry), 0,
+                    sizeof(ConfigEntry) - sizeof(Entry));
+        r.logVersion = v;
+      });
     } catch (const Shm::CollectionFullError &) {
       // A new key into a full table: the store wrote nothing, and no record
       // carries the version, so the reservation is taken back.
       releaseVersion(v);
       throw;
     }
-    logChange(v, logEntry, unitId, 0, neededEntry);
+    logChange(v, entry.logEntry(), unitId, 0, neededEntry);
     changeComplete(v);
     return v;
   }
@@ -474,20 +523,32 @@ public:
   LogVersion entryDel(const Key &key,
                       const Fwk::Ptr<const NeededEntry> &neededEntry,
                       UnitId unitId) {
-    EL_TRACE(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
     ConfigSlateT &slate = configSlateOf(unitId);
-    prefetchChange(slate, key);
-    ConfigEntry stored;
-    if (!lookup(slate, key, stored)) {
+    ConfigPlace at = slate.swTableEntries().at(key);
+    return entryDel(key, slate, at, neededEntry, unitId);
+  }
+  // The same for a key whose place in the unit's table was found: the
+  // deleted record is copied once, from the stored one's slot to its new.
+  LogVersion entryDel(const Key &key, ConfigSlateT &slate, ConfigPlace &at,
+                      const Fwk::Ptr<const NeededEntry> &neededEntry,
+                      UnitId unitId) {
+    EL_TRACE(8, " key:{} neededEntry: {} unitId: {}", key, neededEntry, unitId);
+    tableEntryLog_->entryLogConfig().prefetch(tableVersion() + 1);
+    const ConfigEntry *stored = at.found() ? committedAt(slate, at) : nullptr;
+    if (!stored) {
       EL_TRACE(3, " key: {} entry does not exist. So ignoring delete", key);
       return 0;
     }
+    const LogEntry logEntry = stored->logEntry;
     refuseIfLogFull();
     const LogVersion v = reserveNextVersion();
-    stored.logVersion = v;
-    stored.isDeleted = true;
-    slate.swTableEntriesIs(stored);
-    logChange(v, stored.logEntry, unitId, LogRecord::kEntryDelete, neededEntry);
+    // The stored copy stays where it is until the new one is published.
+    slate.swTableEntries().insertAt(at, true, [&](ConfigEntry &r) {
+      std::memcpy(static_cast<void *>(&r), stored, sizeof(ConfigEntry));
+      r.logVersion = v;
+      r.isDeleted = 1;
+    });
+    logChange(v, logEntry, unitId, LogRecord::kEntryDelete, neededEntry);
     changeComplete(v);
     return v;
   }
@@ -613,14 +674,6 @@ private:
     return **s;
   }
 
-  // A change touches the key's record and the next change-log record in two
-  // collections; fetching both at once overlaps their memory latencies.
-  void prefetchChange(const ConfigSlateT &slate,
-                      const Key &key) const noexcept {
-    slate.swTableEntries().prefetch(key);
-    tableEntryLog_->entryLogConfig().prefetch(tableVersion() + 1);
-  }
-
   // Reserves the next version in the scratchpad before anything uses it.
   // No agent counts up to the end of 64 bits; damage can put the scratchpad
   // there, and then the change fails rather than wrap to version 0, which
@@ -716,12 +769,20 @@ private:
   // change-log record. The record goes last: while it is there, a clean-up
   // cut off by a crash is redone by the next one.
   void retireAt(LogVersion n) {
+    auto &log = tableEntryLog_->entryLogConfig();
+    auto at = log.at(n);
+    if (!at.found()) {
+      return;
+    }
     LogRecord r;
-    if (!tableEntryLog_->entryLogConfig().findOrDrop(n, r)) {
+    try {
+      r = *log.recordAt(at);
+    } catch (const Shm::CorruptionError &e) {
+      log.doCorruptionDetected(e.what());
       return;
     }
     retire(r);
-    tableEntryLog_->entryLogConfigDel(n);
+    log.eraseAt(at);
   }
 
   // Marks every live record of the unit deleted under version v. Records
@@ -886,15 +947,16 @@ private:
   }
 
   void retire(const LogRecord &r) {
-    auto slate = tableConfigSlate(r.unitId);
+    ConfigSlateT *slate = tableConfigSlatePtr(r.unitId);
     if (!slate) {
       EL_TRACE(3, " configSlate not found for unitId: {}", r.unitId);
       return;
     }
     if (r.isEntryDelete()) {
-      ConfigEntry c;
-      if (lookup(*slate, r.logEntry.key, c) && c.logVersion == r.logVersion) {
-        slate->swTableEntriesDel(r.logEntry.key);
+      ConfigPlace at = slate->swTableEntries().at(r.logEntry.key);
+      const ConfigEntry *c = at.found() ? committedAt(*slate, at) : nullptr;
+      if (c && c->logVersion == r.logVersion) {
+        slate->swTableEntries().eraseAt(at);
       }
       // A different version: the key was written again after its deletion,
       // and the newer record stays.

@@ -71,6 +71,12 @@ public:
     resPtr_ = std::move(h);
   }
 
+  // The resolver entry that carries the wrapper's change while it exists
+  // (set and cleared by the resolver entry), or null: what a later change
+  // of the key queues behind (ResolverEntry::laneAfterIs).
+  const ResolverEntry *queuedAs() const noexcept { return queuedAs_; }
+  void queuedAsIs(const ResolverEntry *r) noexcept { queuedAs_ = r; }
+
   // Writes the resource's results into the entry's resolved fields (zero
   // without a resource).
   void setResolvedFields() noexcept {
@@ -137,6 +143,7 @@ private:
   Entry entry_;
   Fwk::Ptr<Handle> entryHandle_;
   Fwk::Ptr<const ResourceHandle> resPtr_;
+  const ResolverEntry *queuedAs_ = nullptr;
 };
 
 template <typename B> class TableResolverEntry : public ResolverEntry {
@@ -174,10 +181,18 @@ public:
   TableResolverEntry(Fwk::Ptr<const DependencyEntryHandle> dependency,
                      EntryFlags flags, Table *table, Fwk::Ptr<Wrapper> wrapper)
       : ResolverEntry(std::move(dependency), flags), swTable_(table),
-        wrapper_(std::move(wrapper)) {}
+        wrapper_(std::move(wrapper)) {
+    if (wrapper_) {
+      wrapper_->queuedAsIs(this);
+    }
+  }
 
 protected:
-  ~TableResolverEntry() override = default;
+  ~TableResolverEntry() override {
+    if (wrapper_ && wrapper_->queuedAs() == this) {
+      wrapper_->queuedAsIs(nullptr);
+    }
+  }
 
 private:
   // Not counted: the table holds the resolver, and a table that goes away

@@ -117,9 +117,31 @@ struct Describe<T> {
   template <typename C> static void collections(const T &l, C &c) {
     c.walk("entryUsageSm", [&l](const Cursor &after, std::size_t limit,
                                 auto &emit) {
+      // The machines by resource slot, then those set aside; the cursor is
+      // the position after the last one emitted (slots first, then the
+      // ones set aside, counted from the number of slots).
       using Sm = typename T::LocalUsageUpdateSm;
-      auto sink = [&](const auto &e) { emit(ResourceUsage<Sm>{*e.value}); };
-      return walkMap(l.entryUsageSmColl(), after, limit, sink);
+      std::uint64_t at = 0;
+      if (!after.empty() && !after.to(at)) {
+        throw BadCursor();
+      }
+      const std::uint64_t slots = l.entryUsageSmSlots();
+      const auto &aside = l.entryUsageSmAside();
+      const std::uint64_t end = slots + aside.size();
+      std::size_t n = 0;
+      for (; at < end && n < limit; ++at) {
+        const Sm *sm = at < slots
+                           ? l.entryUsageSmAt(static_cast<std::uint32_t>(at))
+                           : aside[at - slots].ptr();
+        if (sm) {
+          emit(ResourceUsage<Sm>{*sm});
+          ++n;
+        }
+      }
+      while (at < slots && !l.entryUsageSmAt(static_cast<std::uint32_t>(at))) {
+        ++at;
+      }
+      return at < end ? Cursor::of(at) : Cursor();
     });
   }
 };

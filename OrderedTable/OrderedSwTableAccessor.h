@@ -21,6 +21,8 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
+#include <span>
 #include <type_traits>
 #include <vector>
 
@@ -44,6 +46,7 @@ template <typename T> struct OrderedSwTableAccessor {
   using ResponseHandler = typename T::ResponseHandler;
   using IterState = typename T::IterState;
   using ConfigEntry = ConfigSlateEntry<B>;
+  using EntryLogOf = typename B::EntryLog;
 
   static constexpr const char *kUnit = "OrderedTable/OrderedSwTableAccessor";
 
@@ -74,11 +77,24 @@ template <typename T> struct OrderedSwTableAccessor {
   // ---- Write, remove, remove-all ----
 
   // The version of a new change of `key`: one past its pending change, or
-  // (0, 0) when it has none.
-  static EntryVersion nextVersion(T &t, const Key &key) {
+  // (0, 0) when it has none. `previous` is set to the change of the key
+  // queued last, when there may be one: a key without a pending version has
+  // no change queued (its version goes when its newest change commits, or
+  // when its table's queue is dropped).
+  static EntryVersion nextVersion(T &t, const Key &key,
+                                  const ResolverEntry *&previous) {
+    previous = nullptr;
     if (const EntryVersion *cur = t.transientVersionForKeyColl().find(key)) {
       const EntryVersion currEntryVersion = *cur;
       FWK_ASSERT_NAMED(currEntryVersion.valid(), "currEntryVersion.valid()");
+      // The newest pending write or remove of the key, unless a remove-all
+      // dropped it from view (the changes after a remove-all are ordered
+      // behind it anyway).
+      if (const auto *w = t.transientAddEntryColl().find(key)) {
+        previous = (*w)->queuedAs();
+      } else if (const auto *w = t.transientRemoveEntryColl().find(key)) {
+        previous = (*w)->queuedAs();
+      }
       return currEntryVersion.next();
     }
     OT_TRACE(8, " Key: {} not found in entry version collection", key);
@@ -111,12 +127,43 @@ template <typename T> struct OrderedSwTableAccessor {
     }
   }
 
-  static Fwk::Ptr<const EntryHandle>
-  entryWriteGeneric(T &t, const Key &key, const Entry &entry,
-                    const Dependency &dependency,
-                    const ResponseHandler &handler, Linkage *linkage) {
+  // Writes entries[i] at keys[i] in order, each change exactly what a
+  // write of its own would be (its version, handle, resolver entry and
+  // handler call); the clients are told whether to hold back once, after
+  // the last. While one change is made, where the next few keys' pending
+  // versions and writes are looked up is fetched, so that a batch over a
+  // large table does not wait for memory at every key. Each handle is
+  // appended to `handles` when that is given.
+  // REQUIRES: keys.size() == entries.size().
+  static void entriesWriteGeneric(
+      T &t, std::span<const Key> keys, std::span<const Entry> entries,
+      const Dependency &dependency, const ResponseHandler &handler,
+      Linkage *linkage, std::vector<Fwk::Ptr<const EntryHandle>> *handles) {
+    FWK_ASSERT_NAMED(keys.size() == entries.size(),
+                     "keys.size() == entries.size()");
+    constexpr std::size_t kAhead = 4;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (i + kAhead < keys.size()) {
+        t.transientVersionForKeyColl().prefetch(keys[i + kAhead]);
+        t.transientAddEntryColl().prefetch(keys[i + kAhead]);
+      }
+      auto handle = entryWriteGeneric(t, keys[i], entries[i], dependency,
+                                      handler, linkage, false);
+      if (handles) {
+        handles->push_back(std::move(handle));
+      }
+    }
+    afterChange(t);
+  }
+
+  // A write; `alone`: not one of a batch, whose hold-back check follows its
+  // last write only.
+  static Fwk::Ptr<const EntryHandle> entryWriteGeneric(
+      T &t, const Key &key, const Entry &entry, const Dependency &dependency,
+      const ResponseHandler &handler, Linkage *linkage, bool alone = true) {
     OT_TRACE(8, "key: {}", key);
-    const EntryVersion v = nextVersion(t, key);
+    const ResolverEntry *previous;
+    const EntryVersion v = nextVersion(t, key, previous);
     t.transientVersionForKeyIs(key, v);
     const bool marking = t.inMarkingState();
     if (marking) {
@@ -130,12 +177,15 @@ template <typename T> struct OrderedSwTableAccessor {
     if (linkage) {
       linkage->resolveEntry(wrapper);
     }
-    enqueue(t, Fwk::make<Resolver>(dependency,
-                                   marking ? entryFlagMarked : entryFlagNone,
-                                   &t, wrapper));
+    auto r = Fwk::make<Resolver>(
+        dependency, marking ? entryFlagMarked : entryFlagNone, &t, wrapper);
+    r->laneAfterIs(previous);
+    enqueue(t, r);
     OT_TRACE(2, "Done processing write for key: {} ", key);
     t.stats()->entryWriteCntInc(1);
-    afterChange(t);
+    if (alone) {
+      afterChange(t);
+    }
     return handle;
   }
 
@@ -143,13 +193,15 @@ template <typename T> struct OrderedSwTableAccessor {
   entryRemoveGeneric(T &t, const Key &key, const Dependency &dependency,
                      const ResponseHandler &handler) {
     OT_TRACE(8, " Key: {} ", key);
-    const EntryVersion v = nextVersion(t, key);
+    const ResolverEntry *previous;
+    const EntryVersion v = nextVersion(t, key, previous);
     t.transientVersionForKeyIs(key, v);
     auto handle = makeHandle(t, v, key, handler);
     Entry removed{};
     removed.key = key;
     auto wrapper = Fwk::make<Wrapper>(removed, handle);
     auto r = Fwk::make<Resolver>(dependency, entryFlagRemove, &t, wrapper);
+    r->laneAfterIs(previous);
     t.transientAddEntryDel(key);
     t.transientRemoveEntryIs(wrapper);
     enqueue(t, r);
@@ -305,11 +357,13 @@ template <typename T> struct OrderedSwTableAccessor {
     // The table's own resolver entries are the only ones that call back
     // here (TableResolverEntry::commitEntry): no dynamic check needed.
     FWK_ASSERT(base);
-    const Fwk::Ptr<Resolver> r(static_cast<Resolver *>(base.ptr()));
-    const Dependency &dep = r->dependencyHandle();
-    const Fwk::Ptr<Wrapper> wrapper = r->entryWrapper();
-    const bool isEntryDelete = r->isEntryDeleted();
-    const bool isTableDelete = r->isTableDeleted();
+    // The resolver holds the change during the commit, and the change its
+    // wrapper: neither is counted again here.
+    const Resolver &r = static_cast<const Resolver &>(*base);
+    const Dependency &dep = r.dependencyHandle();
+    const Fwk::Ptr<Wrapper> &wrapper = r.entryWrapper();
+    const bool isEntryDelete = r.isEntryDeleted();
+    const bool isTableDelete = r.isTableDeleted();
     OT_TRACE(8, "Entry: {}, isEntryDeleted: {}, isTableDeleted: {}",
              wrapper->entry(), isEntryDelete, isTableDelete);
     FWK_ASSERT_NAMED(!(isEntryDelete && isTableDelete),
@@ -341,10 +395,10 @@ template <typename T> struct OrderedSwTableAccessor {
         outcome = Outcome::failSilently;
       }
     } else if (isEntryDelete) {
-      outcome = commitEntryDelete(t, dep, wrapper, handle, entryConfVersion,
-                                  linkage)
-                    ? Outcome::done
-                    : Outcome::failWithKey;
+      outcome =
+          commitEntryDelete(t, dep, wrapper, handle, entryConfVersion, linkage)
+              ? Outcome::done
+              : Outcome::failWithKey;
     } else {
       outcome =
           commitWrite(t, r, dep, wrapper, handle, entryConfVersion, linkage)
@@ -396,6 +450,56 @@ template <typename T> struct OrderedSwTableAccessor {
     return room;
   }
 
+  // The unit's configuration table and the key's place in it, looked up
+  // once for a commit (no table: no entry log, or the unit not mounted).
+  struct ConfigAt {
+    ConfigSlate<B> *slate = nullptr;
+    typename ConfigSlate<B>::Collection::Place at;
+  };
+  static ConfigAt configAt(const T &t, const Key &key) {
+    ConfigAt c;
+    if (t.entryLog()) {
+      c.slate = t.entryLog()->configSlateAt(t.unitId());
+      if (c.slate) {
+        c.at = c.slate->swTableEntries().at(key);
+      }
+    }
+    return c;
+  }
+  // Whether the key has a committed entry: its record is there, checked,
+  // and not marked deleted (a corrupt one is reported, dropped and counts
+  // as absent, as entryFromConfig() has it).
+  static bool committedAt(ConfigAt &c) {
+    if (!c.slate || !c.at.found()) {
+      return false;
+    }
+    const ConfigEntry *r = EntryLogOf::committedAt(*c.slate, c.at);
+    return r && !r->isDeleted;
+  }
+  // The dependencies a commit logs with: the resource's and the change's
+  // own; null when there are none (nothing to allocate).
+  static Fwk::Ptr<NeededEntry> neededFor(const Fwk::Ptr<Wrapper> &w,
+                                         const Dependency &dep) {
+    const auto &res = w->resourcePtr();
+    if (!dep && (!res || res->neededVersions().empty()) &&
+        !Trace::handleOf<typename B::EntryLog>().enabled(8)) {
+      return nullptr; // the entry log's trace shows the set
+    }
+    auto needed = Linkage::Accessor::getNeededEntrySet(w);
+    if (dep) {
+      needed->add(dep);
+    }
+    return needed;
+  }
+  // What the linkage's trace shows as the entry a commit replaces: read
+  // only when that trace is on.
+  static std::optional<Entry> oldForTrace(const T &t, const Key &key) {
+    if (Trace::handleOf<Linkage>().enabled(8)) [[unlikely]] {
+      return t.entryFromConfig(key);
+    }
+    return std::nullopt;
+  }
+
   // False when the change log had no room (the caller fails the handle).
   static bool commitEntryDelete(T &t, const Dependency &dep,
                                 const Fwk::Ptr<Wrapper> &wrapper,
@@ -405,30 +509,40 @@ template <typename T> struct OrderedSwTableAccessor {
     if (!roomToLogChange(t)) {
       clearTransient(
           t, t.transientRemoveEntryColl(),
-          [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key,
-          committed);
+          [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key, committed);
       return false; // refused before the helper hears of a success
     }
-    const Entry oldEntry = t.entryFromConfig(key);
-    auto needed = Fwk::make<NeededEntry>();
-    if (dep) {
-      needed->add(dep);
+    ConfigAt c = configAt(t, key);
+    const bool oldCommitted = committedAt(c);
+    const std::optional<Entry> oldEntry = oldForTrace(t, key);
+    Fwk::Ptr<NeededEntry> needed;
+    if (dep || Trace::handleOf<typename B::EntryLog>().enabled(8)) {
+      needed = Fwk::make<NeededEntry>();
+      if (dep) {
+        needed->add(dep);
+      }
     }
     clearTransient(
         t, t.transientRemoveEntryColl(),
         [&t](const Key &k) { t.transientRemoveEntryDel(k); }, key, committed);
     wrapper->finalizeOnSuccess(Fwk::Ptr<typename B::SwTable>(&t), true);
-    const LogVersion logVersion =
-        t.entryLog() ? t.entryLog()->entryDel(key, needed, t.unitId()) : 0;
+    LogVersion logVersion = 0;
+    if (const auto &log = t.entryLog()) {
+      logVersion = c.slate
+                       ? log->entryDel(key, *c.slate, c.at, needed, t.unitId())
+                       : log->entryDel(key, needed, t.unitId());
+    }
     // A deletion waits for the hardware whenever it was logged; one that
     // logged nothing, for a rebuild of the hardware under way, which removes
     // whatever the hardware still holds of the key.
-    const LogVersion waitFor =
-        logVersion != 0 || !t.entryLog() ? logVersion
-                                         : t.entryLog()->hwResyncPending();
+    const LogVersion waitFor = logVersion != 0 || !t.entryLog()
+                                   ? logVersion
+                                   : t.entryLog()->hwResyncPending();
     finishOrQueue(t, handle, waitFor, waitFor != 0);
     if (linkage) {
-      linkage->updateLocalUsage(wrapper, oldEntry, true);
+      Linkage::Accessor::commitUsage(
+          *linkage, wrapper, oldCommitted, true,
+          [&] { return oldEntry.value_or(Entry{}); });
     }
     return true;
   }
@@ -450,8 +564,13 @@ template <typename T> struct OrderedSwTableAccessor {
   // room, and the unit's configuration table has room or holds the key. A
   // refusal is traced and counted.
   static bool roomToLog(T &t, const Key &key) {
+    ConfigAt c = configAt(t, key);
+    return roomToLog(t, key, c);
+  }
+  static bool roomToLog(T &t, const Key &key, ConfigAt &c) {
     const auto &log = t.entryLog();
-    if (!log || log->canLog(key, t.unitId())) {
+    if (!log || (c.slate ? log->canLogAt(*c.slate, c.at)
+                         : log->canLog(key, t.unitId()))) {
       return true;
     }
     OT_TRACE(1, "key: {}: no room in the entry log of unitId: {}", key,
@@ -460,9 +579,22 @@ template <typename T> struct OrderedSwTableAccessor {
     return false;
   }
 
+  // Logs the write of a wrapper's entry at the key's place; its record is
+  // built in its slot straight from the entry.
+  static LogVersion logWrite(T &t, const Fwk::Ptr<Wrapper> &w, ConfigAt &c,
+                             const Fwk::Ptr<NeededEntry> &needed,
+                             bool suppress) {
+    const auto &log = t.entryLog();
+    if (!c.slate) {
+      return log->entryIs(w->entry().logEntry(), w->entry().resourceKeys(),
+                          needed, t.unitId(), t.stats(), suppress);
+    }
+    return log->entryIs(w->entry(), *c.slate, c.at, needed, t.unitId(),
+                        t.stats(), suppress);
+  }
+
   // False when the write failed (the caller fails its handle).
-  static bool commitWrite(T &t, const Fwk::Ptr<Resolver> &r,
-                          const Dependency &dep,
+  static bool commitWrite(T &t, const Resolver &r, const Dependency &dep,
                           const Fwk::Ptr<Wrapper> &wrapper,
                           const Fwk::Ptr<EntryHandle> &handle,
                           EntryVersion committed, Linkage *linkage) {
@@ -472,9 +604,10 @@ template <typename T> struct OrderedSwTableAccessor {
           t, t.transientAddEntryColl(),
           [&t](const Key &k) { t.transientAddEntryDel(k); }, key, committed);
     };
+    ConfigAt c = configAt(t, key);
     const Fwk::Ptr<typename B::SwTable> self(&t);
     if (checkResolveSuccess(wrapper, linkage)) {
-      if (!roomToLog(t, key)) {
+      if (!roomToLog(t, key, c)) {
         clear();
         return false; // refused before the helper hears of a success
       }
@@ -484,23 +617,19 @@ template <typename T> struct OrderedSwTableAccessor {
       t.stats()->resolveFailCntInc(1);
       const bool keep = wrapper->finalizeOnFailure(self, false);
       clear();
-      if (!keep || !roomToLog(t, key)) {
+      if (!keep || !roomToLog(t, key, c)) {
         return false;
       }
     }
-    auto needed = t.getNeededEntrySet(wrapper);
-    const Entry oldEntry = t.entryFromConfig(key);
-    if (dep) {
-      needed->add(dep);
-    }
+    const auto needed = neededFor(wrapper, dep);
+    const bool oldCommitted = committedAt(c);
+    const std::optional<Entry> oldEntry = oldForTrace(t, key);
     LogVersion logVersion = 0;
     LogVersion resync = 0;
     if (const auto &log = t.entryLog()) {
       resync = log->hwResyncPending();
       try {
-        logVersion = log->entryIs(wrapper->entry().logEntry(),
-                                  wrapper->entry().resourceKeys(), needed,
-                                  t.unitId(), t.stats(), r->isMarked());
+        logVersion = logWrite(t, wrapper, c, needed, r.isMarked());
       } catch (const Shm::CollectionFullError &e) {
         // Not expected after roomToLog; nothing was written either way.
         OT_TRACE(1, "key: {}: {}", key, e.what());
@@ -517,7 +646,9 @@ template <typename T> struct OrderedSwTableAccessor {
     finishOrQueue(t, handle, logVersion,
                   t.entryLog() && logVersion > t.entryLog()->cleanupVersion());
     if (linkage) {
-      linkage->updateLocalUsage(wrapper, oldEntry, false);
+      Linkage::Accessor::commitUsage(
+          *linkage, wrapper, oldCommitted, false,
+          [&] { return oldEntry.value_or(Entry{}); });
     }
     return true;
   }
@@ -954,11 +1085,10 @@ template <typename T> struct OrderedSwTableAccessor {
                            const typename B::LogEntry &storedLog,
                            LogVersion storedVersion, bool commitToLog) {
     if (updateLogs(w, storedLog, commitToLog)) {
-      if (roomToLog(t, key)) {
+      ConfigAt c = configAt(t, key);
+      if (roomToLog(t, key, c)) {
         auto needed = t.getNeededEntrySet(w);
-        const LogVersion v = t.entryLog()->entryIs(
-            w->entry().logEntry(), w->entry().resourceKeys(), needed,
-            t.unitId(), t.stats(), false);
+        const LogVersion v = logWrite(t, w, c, needed, false);
         handle->logVersionIs(v);
         handle->entryStateIs(EntryState::logged);
         t.stats()->updateCntInc(1);
@@ -1128,6 +1258,17 @@ OrderedSwTableState<B>::entryWriteWithResponseHandler(
                        key);
   return Accessor::entryWriteGeneric(self(), key, entry, dependency, handler,
                                      linkage_.ptr());
+}
+
+template <typename B>
+void OrderedSwTableState<B>::entriesWriteWithResponseHandler(
+    std::span<const Key> keys, std::span<const Entry> entries,
+    const Dependency &dependency, const ResponseHandler &handler,
+    std::vector<Fwk::Ptr<const EntryHandle>> *handles) {
+  Accessor::traceTable(8, "entriesWriteWithResponseHandler", __LINE__,
+                       " keys: {}", keys.size());
+  Accessor::entriesWriteGeneric(self(), keys, entries, dependency, handler,
+                                linkage_.ptr(), handles);
 }
 
 template <typename B>

@@ -3,7 +3,8 @@
 // commit whether it is ready, counting its users, and following its changes.
 //
 // Usage is counted by set membership: a resource key's usage machine holds
-// the table keys whose committed entry uses it. The first committed user
+// the table keys whose committed entry uses it (as a list of user nodes,
+// ResourceLinkage.h). The first committed user
 // creates the machine and acknowledges the version it has seen; the last one
 // to go releases the resource. The release of an old resource always comes
 // before the mapping of a new one.
@@ -29,6 +30,7 @@ template <typename L> struct SwTableResourceAccessor {
   using Wrapper = typename B::EntryWrapper;
   using ResourceKey = typename B::ResourceKey;
   using Sm = typename L::LocalUsageUpdateSm;
+  using ResourceHandle = typename B::ResourceHandle;
 
   static constexpr const char *kUnit =
       "OrderedTable/OrderedTableResourceAccessor";
@@ -52,18 +54,34 @@ template <typename L> struct SwTableResourceAccessor {
     return k == ResourceKey{};
   }
 
+  // Asks the resource table for the entry's resource. A wrapper that holds
+  // the key's handle already (the write asked, the commit asks again) asks
+  // through it, which finds the key by its slot.
   static void resolveEntry(L &linkage, const Fwk::Ptr<Wrapper> &w) {
     const ResourceKey key = B::resourceKey(w->entry());
     if (isNull(key)) {
       return; // the entry uses no resource
     }
-    w->resourcePtrIs(B::requestResource(*linkage.resTblClient(), w->entry()));
+    auto &client = *linkage.resTblClient();
+    if (const auto &held = w->resourcePtr()) {
+      w->resourcePtrIs(
+          client.requestAgain(*held, key, B::requestData(w->entry())));
+    } else {
+      w->resourcePtrIs(
+          client.request(key, B::requestData(w->entry()), nullptr));
+    }
   }
 
   // Hangs the handle of the key's usage machine on the wrapper: every entry
-  // that uses one resource key shares one handle.
+  // that uses one resource key shares one handle. The machine the table key
+  // uses is found through its user node; another key's, through the
+  // resource table.
   static void setResourceHandle(L &linkage, const Fwk::Ptr<Wrapper> &w) {
-    auto sm = linkage.entryUsageSm(B::resourceKey(w->entry()));
+    const ResourceKey key = B::resourceKey(w->entry());
+    Sm *sm = linkage.userSm(w->key());
+    if (!sm || !sm->resPtr() || !(sm->resPtr()->key() == key)) {
+      sm = linkage.machineOfKey(key);
+    }
     if (!sm) {
       return;
     }
@@ -108,19 +126,47 @@ template <typename L> struct SwTableResourceAccessor {
   }
 
   // Records a committed write or delete as a user of its resource (or as no
-  // longer one).
+  // longer one), given the entry the key had committed before.
   static void updateLocalUsage(L &linkage, const Fwk::Ptr<Wrapper> &w,
                                const Entry &oldEntry, bool isDeleted) {
-    const Key swKey = w->key();
     RA_TRACE(8, "updateLocalUsage", "key: {}, isDeleted: {}, oldEntry:{}",
-             swKey, isDeleted, oldEntry);
+             w->key(), isDeleted, oldEntry);
+    usage(linkage, w, static_cast<bool>(oldEntry),
+          oldEntry ? B::resourceKey(oldEntry) : ResourceKey{}, isDeleted);
+  }
+
+  // The same for a commit, which knows whether the key had a committed
+  // entry but has not read it: the resource the entry used is the one the
+  // key's user node names (none: the null key). `oldForTrace` is read only
+  // when the trace is on.
+  template <typename ReadOld>
+  static void commitUsage(L &linkage, const Fwk::Ptr<Wrapper> &w,
+                          bool oldCommitted, bool isDeleted,
+                          ReadOld &&oldForTrace) {
+    if (Trace::handleOf<L>().enabled(8)) [[unlikely]] {
+      trace(8, "updateLocalUsage", __LINE__,
+            "key: {}, isDeleted: {}, oldEntry:{}", w->key(), isDeleted,
+            oldCommitted ? oldForTrace() : Entry{});
+    }
+    Sm *old = oldCommitted ? linkage.userSm(w->key()) : nullptr;
+    usage(linkage, w, oldCommitted,
+          old && old->resPtr() ? old->resPtr()->key() : ResourceKey{},
+          isDeleted);
+  }
+
+  // updateLocalUsage's decisions: a first committed entry adds its key to
+  // its resource's users; a rewrite onto another resource leaves the old
+  // one first (released with its last user) and then joins the new one; a
+  // deletion leaves. The same resource again changes nothing.
+  static void usage(L &linkage, const Fwk::Ptr<Wrapper> &w, bool oldCommitted,
+                    const ResourceKey &oldKey, bool isDeleted) {
+    const Key swKey = w->key();
     if (!isDeleted) {
       const ResourceKey newKey = B::resourceKey(w->entry());
-      if (!oldEntry) {
+      if (!oldCommitted) {
         addResKeyMapping(linkage, newKey, w, true);
         return;
       }
-      const ResourceKey oldKey = B::resourceKey(oldEntry);
       if (oldKey == newKey) {
         return; // usage unchanged, nothing to acknowledge
       }
@@ -128,9 +174,8 @@ template <typename L> struct SwTableResourceAccessor {
       addResKeyMapping(linkage, newKey, w, true);
       return;
     }
-    if (oldEntry) {
-      deleteResKeyMapping(linkage, B::resourceKey(oldEntry), swKey,
-                          w->entryHandle());
+    if (oldCommitted) {
+      deleteResKeyMapping(linkage, oldKey, swKey, w->entryHandle());
     }
   }
 
@@ -141,32 +186,57 @@ template <typename L> struct SwTableResourceAccessor {
       RA_TRACE(3, "addResKeyMapping", "Null resKey: {}", resKey);
       return;
     }
-    auto sm = linkage.entryUsageSm(resKey);
-    if (!sm) {
-      linkage.entryUsageSmIs(w->resourcePtr());
-      sm = linkage.entryUsageSm(resKey);
-      FWK_ASSERT(sm);
-      if (ackUpdate) {
-        // The first user acknowledges the version it has seen.
-        linkage.resTblClient()->ackUpdate(sm->resPtr(), sm->resPtr()->version(),
-                                          w->entryHandle());
+    // The wrapper holds the key's handle (it asked for it): its machine is
+    // found by the handle's slot, and a key no machine holds gets one
+    // without a further lookup.
+    const auto &res = w->resourcePtr();
+    Sm *sm = nullptr;
+    if (res && res->key() == resKey &&
+        res->index() != ResourceHandle::kNoIndex) {
+      sm = linkage.machineOf(*res);
+      if (!sm && !linkage.entryUsageSmAside().empty()) {
+        sm = linkage.asideOf(resKey);
+      }
+      if (!sm) {
+        sm = linkage.newMachine(res).ptr();
+        ackFirst(linkage, *sm, w, ackUpdate);
+      }
+    } else {
+      sm = linkage.machineOfKey(resKey);
+      if (!sm) {
+        sm = linkage.entryUsageSmIs(res).ptr();
+        ackFirst(linkage, *sm, w, ackUpdate);
       }
     }
     sm->entryUsageIs(w->key());
+  }
+
+  // The first user of a resource acknowledges the version it has seen.
+  static void ackFirst(L &linkage, Sm &sm, const Fwk::Ptr<Wrapper> &w,
+                       bool ackUpdate) {
+    if (ackUpdate) {
+      linkage.resTblClient()->ackUpdate(sm.resPtr(), sm.resPtr()->version(),
+                                        w->entryHandle());
+    }
   }
 
   static void
   deleteResKeyMapping(L &linkage, const ResourceKey &resKey, const Key &swKey,
                       const Fwk::Ptr<OrderedSwTable::EntryHandle> &handle) {
     RA_TRACE(8, "deleteResKeyMapping", "resKey: {}, swKey: {}", resKey, swKey);
-    auto sm = linkage.entryUsageSm(resKey);
+    // The machine the key uses is found through its user node; one it does
+    // not use (the caller named another), through the resource table.
+    Sm *sm = linkage.userSm(swKey);
+    if (!sm || !sm->resPtr() || !(sm->resPtr()->key() == resKey)) {
+      sm = linkage.machineOfKey(resKey);
+    }
     if (!sm) {
       return; // nothing was held
     }
     sm->entryUsageDel(swKey);
     if (sm->entryUsages() == 0) {
       linkage.resTblClient()->release(sm->resPtr(), handle);
-      linkage.entryUsageSmDel(resKey);
+      linkage.entryUsageSmDel(*sm);
     }
   }
 
@@ -177,7 +247,8 @@ template <typename L> struct SwTableResourceAccessor {
   // again before it commits.)
   static void releaseUnused(L &linkage, const Fwk::Ptr<Wrapper> &w) {
     const ResourceKey key = B::resourceKey(w->entry());
-    if (isNull(key) || !w->resourcePtr() || linkage.entryUsageSm(key)) {
+    if (isNull(key) || !w->resourcePtr() ||
+        linkage.machineOf(*w->resourcePtr()) || linkage.machineOfKey(key)) {
       return;
     }
     // Nothing of the change reached the log: nothing to wait for.
@@ -194,7 +265,7 @@ template <typename L> struct SwTableResourceAccessor {
   }
 
   // After a restart: every resource in use is treated as changed, one
-  // after the other in the map's order, as handleResourceChange() would
+  // after the other in the linkage's order, as handleResourceChange() would
   // treat each. The users of every machine are gathered first (updates do
   // not change usage), so that the records of the next users can be fetched
   // while the current one is updated.
@@ -204,13 +275,12 @@ template <typename L> struct SwTableResourceAccessor {
     std::vector<std::size_t> ends;
     sms.reserve(linkage.entryUsageSms());
     ends.reserve(linkage.entryUsageSms());
-    for (auto it = linkage.entryUsageSmColl().begin();
-         it != linkage.entryUsageSmColl().end(); ++it) {
-      sms.push_back(it.value());
-      it.value()->forEachEntryUsage(
-          [&](const Key &k) { users.push_back(k); });
+    users.reserve(linkage.userNodes());
+    linkage.forEachEntryUsageSm([&](Sm &sm) {
+      sms.emplace_back(&sm);
+      sm.forEachEntryUsage([&](const Key &k) { users.push_back(k); });
       ends.push_back(users.size());
-    }
+    });
     std::size_t next = 0;
     for (std::size_t i = 0; i < sms.size(); ++i) {
       updateUsers(*sms[i], users, next, ends[i]);
@@ -218,7 +288,7 @@ template <typename L> struct SwTableResourceAccessor {
     }
   }
 
-  // Per machine, in the map's order, what handleResourceChange would do
+  // Per machine, in the linkage's order, what handleResourceChange would do
   // after updating its users: acknowledge the resource's current version
   // with the handle of the last user's update (in the set's order).
   static void acknowledgeAtInit(
@@ -227,10 +297,7 @@ template <typename L> struct SwTableResourceAccessor {
           &updates) {
     std::vector<Fwk::Ptr<Sm>> sms;
     sms.reserve(linkage.entryUsageSms());
-    for (auto it = linkage.entryUsageSmColl().begin();
-         it != linkage.entryUsageSmColl().end(); ++it) {
-      sms.push_back(it.value());
-    }
+    linkage.forEachEntryUsageSm([&](Sm &sm) { sms.emplace_back(&sm); });
     for (const auto &sm : sms) {
       RA_TRACE(8, "handleResourceChange", "");
       const auto res = sm->resPtr();

@@ -16,9 +16,23 @@
 // the resource is released when that set empties. A machine watches its
 // handle and, when the resource changes, brings every entry that uses it up
 // to date (OrderedTableResourceAccessor.h).
+//
+// Layout. Everything is kept by index, not in maps of sets: the machines in
+// an array indexed by their resource's slot in the resource table (the
+// handle's index(), ResourceTable.h), and each table key that uses a
+// resource as a node of a dense array, linked into the list of its
+// resource's users. A key is looked up once per commit (its node); moving it
+// from one resource to another unlinks its node from one list and links it
+// into the other. A machine whose slot the resource table gave to another
+// key (its resource was released by hand while it still had users) moves
+// aside, to a short list of its own, and keeps its users.
+//
+// Invalidation: a change of usage (a machine made or dropped, a user added
+// or removed) invalidates no machine; walks of a machine's users must not
+// change them (handleResourceChange copies them first).
 #pragma once
 
-#include <optional>
+#include <algorithm>
 #include <vector>
 
 #include "OrderedTable/TableBinding.h"
@@ -44,6 +58,19 @@ public:
   using Accessor = SwTableResourceAccessor<typename B::Linkage>;
 
   static constexpr Fwk::AttrId attrEntryUsageSm{3, "entryUsageSm"};
+  static constexpr std::uint32_t kNone = ~std::uint32_t{0};
+
+  class LocalUsageUpdateSm;
+
+  // A table key that uses a resource: its machine and its neighbours in the
+  // machine's list of users (node numbers, kNone at the ends). Free nodes
+  // are chained through `next`.
+  struct UserNode {
+    Key key;
+    LocalUsageUpdateSm *sm = nullptr;
+    std::uint32_t prev = kNone;
+    std::uint32_t next = kNone;
+  };
 
   // Per resource key in use: its handle and the table keys that use it.
   class LocalUsageUpdateSm : public Fwk::Notifier, private Fwk::Observer {
@@ -70,61 +97,35 @@ public:
     typename B::Linkage *parent() const noexcept { return parent_; }
 
     bool entryUsage(const Key &key) const noexcept {
-      return many_.empty() ? one_ && *one_ == key : many_.contains(key);
+      return linked_ && parent_->userSm(key) == this;
     }
-    std::size_t entryUsages() const noexcept {
-      return many_.empty() ? (one_ ? 1 : 0) : many_.size();
-    }
-    // Calls f(key) for every user, in the set's (hash) order.
+    std::size_t entryUsages() const noexcept { return count_; }
+    // Calls f(key) for every user, in the order they were added. f must not
+    // change the users.
     template <typename F> void forEachEntryUsage(F &&f) const {
-      if (many_.empty()) {
-        if (one_) {
-          f(*one_);
-        }
+      if (!linked_) {
         return;
       }
-      for (auto it = many_.begin(); it != many_.end(); ++it) {
-        f(it.key());
+      const auto &nodes = parent_->users_;
+      for (std::uint32_t i = head_; i != kNone; i = nodes[i].next) {
+        f(nodes[i].key);
       }
     }
-    // Adds a user; an existing one is left as it is.
+    // Adds a user; an existing one is left as it is. A key is the user of
+    // one resource at a time: one that used another leaves that one's set.
     void entryUsageIs(const Key &key) {
-      bool added = true;
-      if (!many_.empty()) {
-        added = many_.insert(key);
-      } else if (!one_) {
-        one_ = key;
-      } else if (*one_ == key) {
-        added = false;
-      } else {
-        many_.insert(*one_);
-        many_.insert(key);
-        one_.reset();
-      }
-      if (added) {
+      if (linked_ && parent_->linkUser(key, *this)) {
         notify(attrEntryUsage, key);
       }
     }
     void entryUsageDel(const Key &key) {
-      bool gone = false;
-      if (many_.empty()) {
-        gone = one_ && *one_ == key;
-        if (gone) {
-          one_.reset();
-        }
-      } else if (many_.erase(key)) {
-        gone = true;
-        if (many_.size() == 1) {
-          one_ = many_.begin().key();
-          many_.clear();
-        }
-      }
-      if (gone) {
+      if (linked_ && parent_->unlinkUser(key, *this)) {
         notify(attrEntryUsage, key);
       }
     }
     void entryUsageDelAll() {
       std::vector<Key> users;
+      users.reserve(count_);
       forEachEntryUsage([&](const Key &k) { users.push_back(k); });
       for (const Key &k : users) {
         entryUsageDel(k);
@@ -149,6 +150,8 @@ public:
     void handleResourceChange() { Accessor::handleResourceChange(*this); }
 
   private:
+    friend class ResourceLinkage;
+
     ~LocalUsageUpdateSm() override {
       notificationActive_ = false;
       suppressed_ = true;
@@ -156,8 +159,6 @@ public:
         resPtr_->observerDel(this);
         subscribed_ = false;
       }
-      one_.reset();
-      many_.clear();
     }
 
     void subscribe(bool on) {
@@ -185,10 +186,12 @@ public:
 
     Fwk::Ptr<const ResourceHandle> resPtr_;
     typename B::Linkage *parent_;
-    // The users: most resources have one, kept here without a set (one_
-    // alone, many_ empty); two or more are in many_ (one_ empty).
-    std::optional<Key> one_;
-    Fwk::HashSet<Key> many_{0x510e527fu};
+    // The list of users (nodes of the parent's array), while the machine is
+    // the parent's (linked_); a machine taken out of the parent has none.
+    std::uint32_t head_ = kNone;
+    std::uint32_t tail_ = kNone;
+    std::uint32_t count_ = 0;
+    bool linked_ = false;
     bool notificationActive_ = false;
     bool subscribed_ = false;
     bool suppressed_ = false;
@@ -213,53 +216,108 @@ public:
 
   // The usage machine of a resource key, or null.
   SmPtr entryUsageSm(const ResourceKey &key) const {
-    const auto *sm = entryUsageSm_.find(key);
-    return sm ? *sm : nullptr;
+    return SmPtr(machineOfKey(key));
   }
-  std::size_t entryUsageSms() const noexcept { return entryUsageSm_.size(); }
-  const Fwk::HashMap<ResourceKey, SmPtr> &entryUsageSmColl() const noexcept {
-    return entryUsageSm_;
+  std::size_t entryUsageSms() const noexcept { return machines_; }
+  // The machine at a resource slot (the handle's index()), or null: the
+  // way to walk every machine, with the ones set aside (entryUsageSmAside).
+  LocalUsageUpdateSm *entryUsageSmAt(std::uint32_t slot) const noexcept {
+    return slot < bySlot_.size() ? bySlot_[slot].ptr() : nullptr;
   }
+  std::uint32_t entryUsageSmSlots() const noexcept {
+    return static_cast<std::uint32_t>(bySlot_.size());
+  }
+  const std::vector<SmPtr> &entryUsageSmAside() const noexcept {
+    return aside_;
+  }
+  // Calls f(machine) for every machine: by slot, then those set aside.
+  template <typename F> void forEachEntryUsageSm(F &&f) const {
+    for (const SmPtr &sm : bySlot_) {
+      if (sm) {
+        f(*sm);
+      }
+    }
+    for (const SmPtr &sm : aside_) {
+      f(*sm);
+    }
+  }
+
   // The machine of the handle's key, made (subscribed, active) if there is
   // none. A null handle is refused; a key held through another handle is a
-  // reinstantiation.
+  // reinstantiation; so is a handle no resource table made (it has no slot).
   SmPtr entryUsageSmIs(const Fwk::Ptr<const ResourceHandle> &resPtr) {
     if (!resPtr) {
       throw Fwk::NullPointerException("resPtr");
     }
-    if (const auto *sm = entryUsageSm_.find(resPtr->key())) {
-      if ((*sm)->resPtr() == resPtr) {
-        return *sm;
-      }
+    const std::uint32_t slot = resPtr->index();
+    if (slot < bySlot_.size() && bySlot_[slot] &&
+        bySlot_[slot]->resPtr() == resPtr) {
+      return bySlot_[slot];
+    }
+    if (machineOfKey(resPtr->key())) {
       throw Fwk::ReinstantiationException(
           fmt::format("entryUsageSm: key {} is held through another resource "
                       "handle",
                       resPtr->key()));
     }
-    auto sm = localUsageUpdateSmFactory(
-        resPtr, static_cast<typename B::Linkage *>(this));
-    sm->hasNotificationActiveIs(true);
-    entryUsageSm_.insert(resPtr->key(), sm);
-    notify(attrEntryUsageSm, resPtr->key());
-    return sm;
+    if (slot == ResourceHandle::kNoIndex) {
+      throw Fwk::ReinstantiationException(
+          fmt::format("entryUsageSm: the handle of key {} is no resource "
+                      "table's",
+                      resPtr->key()));
+    }
+    return newMachine(resPtr);
   }
   // Removes the machine of a key and hands it back (unsubscribed), or null.
+  // Users it still has lose it.
   SmPtr entryUsageSmDel(const ResourceKey &key) {
+    LocalUsageUpdateSm *sm = machineOfKey(key);
+    return sm ? entryUsageSmDel(*sm) : nullptr;
+  }
+  SmPtr entryUsageSmDel(LocalUsageUpdateSm &machine) {
     SmPtr sm;
-    if (!entryUsageSm_.take(key, sm)) {
-      return nullptr;
+    const std::uint32_t slot =
+        machine.resPtr_ ? machine.resPtr_->index() : ResourceHandle::kNoIndex;
+    if (slot < bySlot_.size() && bySlot_[slot].ptr() == &machine) {
+      sm = std::move(bySlot_[slot]);
+    } else {
+      const auto it =
+          std::find_if(aside_.begin(), aside_.end(),
+                       [&](const SmPtr &p) { return p.ptr() == &machine; });
+      if (it == aside_.end()) {
+        return nullptr;
+      }
+      sm = std::move(*it);
+      aside_.erase(it);
     }
-    notify(attrEntryUsageSm, key);
+    --machines_;
+    while (sm->head_ != kNone) {
+      unlink(sm->head_);
+    }
+    sm->linked_ = false;
+    notify(attrEntryUsageSm, sm->resPtr_ ? sm->resPtr_->key() : ResourceKey{});
     sm->hasNotificationActiveIs(false);
     return sm;
   }
   // Drops every machine; releases nothing in the resource table.
   void entryUsageSmDelAll() {
-    // A machine is kept under its handle's key, so the map's key is the one.
-    while (!entryUsageSm_.empty()) {
-      entryUsageSmDel(ResourceKey(entryUsageSm_.begin().key()));
+    std::vector<LocalUsageUpdateSm *> all;
+    all.reserve(machines_);
+    forEachEntryUsageSm([&](LocalUsageUpdateSm &sm) { all.push_back(&sm); });
+    for (LocalUsageUpdateSm *sm : all) {
+      entryUsageSmDel(*sm);
     }
   }
+
+  // ---- The users ----
+
+  // The machine of the resource a table key uses, or null.
+  LocalUsageUpdateSm *userSm(const Key &key) const noexcept {
+    const std::uint32_t *n = userIndex_.find(key);
+    return n ? users_[*n].sm : nullptr;
+  }
+  // The number of table keys that use a resource.
+  std::size_t userNodes() const noexcept { return userIndex_.size(); }
 
   // ---- What the table calls ----
 
@@ -298,23 +356,156 @@ public:
     Accessor::acknowledgeAtInit(self(), updates);
   }
 
+  // The machine of a handle the resource table made, or null: by its slot,
+  // without looking its key up.
+  LocalUsageUpdateSm *machineOf(const ResourceHandle &h) const noexcept {
+    const std::uint32_t slot = h.index();
+    if (slot < bySlot_.size() && bySlot_[slot] &&
+        bySlot_[slot]->resPtr().ptr() == &h) {
+      return bySlot_[slot].ptr();
+    }
+    return nullptr;
+  }
+
 protected:
   // Notifications are switched off and every machine is dropped; resources
   // are not released (the table goes away, the resources stay held).
   ~ResourceLinkage() override {
     entryUsageSmDelAll();
-    entryUsageSm_.clear();
+    bySlot_.clear();
     resTblClient_ = nullptr;
   }
 
 private:
+  friend struct SwTableResourceAccessor<typename B::Linkage>;
+
   typename B::Linkage &self() {
     return static_cast<typename B::Linkage &>(*this);
   }
 
+  // A machine for a handle whose key has none. REQUIRES: the handle has a
+  // slot, and no machine holds its key.
+  SmPtr newMachine(const Fwk::Ptr<const ResourceHandle> &resPtr) {
+    const std::uint32_t slot = resPtr->index();
+    if (slot >= bySlot_.size()) {
+      bySlot_.resize(std::max<std::size_t>(
+          slot + 1, std::max<std::size_t>(64, 2 * bySlot_.size())));
+    }
+    if (bySlot_[slot]) {
+      // The resource table gave the slot to another key: the machine there
+      // watches a handle released by hand (post-release) and keeps its
+      // users, aside.
+      aside_.push_back(std::move(bySlot_[slot]));
+    }
+    auto sm = localUsageUpdateSmFactory(
+        resPtr, static_cast<typename B::Linkage *>(this));
+    sm->hasNotificationActiveIs(true);
+    sm->linked_ = true;
+    bySlot_[slot] = sm;
+    ++machines_;
+    notify(attrEntryUsageSm, resPtr->key());
+    return sm;
+  }
+
+  // The machine among those set aside that holds a key, or null.
+  LocalUsageUpdateSm *asideOf(const ResourceKey &key) const noexcept {
+    for (const SmPtr &sm : aside_) {
+      if (sm->resPtr() && sm->resPtr()->key() == key) {
+        return sm.ptr();
+      }
+    }
+    return nullptr;
+  }
+
+  // The machine of a resource key: through the resource table's handle of
+  // the key (its slot), else among those set aside.
+  LocalUsageUpdateSm *machineOfKey(const ResourceKey &key) const {
+    if (resTblClient_ && resTblClient_->table()) {
+      if (const auto h = resTblClient_->table()->entry(key)) {
+        if (LocalUsageUpdateSm *sm = machineOf(*h)) {
+          return sm;
+        }
+      }
+    }
+    return asideOf(key);
+  }
+
+  // Makes `key` a user of `sm`; false when it is one already. A key that
+  // used another resource leaves that one's list.
+  bool linkUser(const Key &key, LocalUsageUpdateSm &sm) {
+    std::uint32_t n;
+    if (const std::uint32_t *found = userIndex_.find(key)) {
+      n = *found;
+      if (users_[n].sm == &sm) {
+        return false;
+      }
+      detach(n);
+    } else {
+      n = newNode(key);
+    }
+    attach(n, sm);
+    return true;
+  }
+  // Takes `key` out of `sm`'s users; false when it was not one.
+  bool unlinkUser(const Key &key, LocalUsageUpdateSm &sm) {
+    const std::uint32_t *found = userIndex_.find(key);
+    if (!found || users_[*found].sm != &sm) {
+      return false;
+    }
+    unlink(*found);
+    return true;
+  }
+
+  std::uint32_t newNode(const Key &key) {
+    std::uint32_t n;
+    if (freeNode_ != kNone) {
+      n = freeNode_;
+      freeNode_ = users_[n].next;
+    } else {
+      n = static_cast<std::uint32_t>(users_.size());
+      users_.emplace_back();
+    }
+    users_[n] = UserNode{key, nullptr, kNone, kNone};
+    userIndex_.insert(key, n);
+    return n;
+  }
+  // Appends node n to sm's users.
+  void attach(std::uint32_t n, LocalUsageUpdateSm &sm) {
+    UserNode &u = users_[n];
+    u.sm = &sm;
+    u.prev = sm.tail_;
+    u.next = kNone;
+    (sm.tail_ != kNone ? users_[sm.tail_].next : sm.head_) = n;
+    sm.tail_ = n;
+    ++sm.count_;
+  }
+  // Takes node n out of its machine's list (the node stays).
+  void detach(std::uint32_t n) {
+    UserNode &u = users_[n];
+    LocalUsageUpdateSm &sm = *u.sm;
+    (u.prev != kNone ? users_[u.prev].next : sm.head_) = u.next;
+    (u.next != kNone ? users_[u.next].prev : sm.tail_) = u.prev;
+    --sm.count_;
+    u.sm = nullptr;
+  }
+  // Takes node n out of its list and frees it.
+  void unlink(std::uint32_t n) {
+    detach(n);
+    userIndex_.erase(users_[n].key);
+    users_[n].next = freeNode_;
+    freeNode_ = n;
+  }
+
   Table *swTable_;
   Fwk::Ptr<ClientInstance> resTblClient_;
-  Fwk::HashMap<ResourceKey, SmPtr> entryUsageSm_{0x9b05688cu};
+  // The machines by their resource's slot, those set aside, their number.
+  std::vector<SmPtr> bySlot_;
+  std::vector<SmPtr> aside_;
+  std::size_t machines_ = 0;
+  // The users: table key -> node, the nodes, the first free node.
+  Fwk::HashMap<Key, std::uint32_t> userIndex_{0x510e527fu};
+  std::vector<UserNode> users_;
+  std::uint32_t freeNode_ = kNone;
 };
 
 } // namespace Asic

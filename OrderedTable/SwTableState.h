@@ -27,7 +27,9 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "OrderedTable/InfraTypes.h"
 #include "OrderedTable/SwTableIterator.h"
@@ -181,6 +183,17 @@ public:
   entryWriteWithResponseHandler(const Key &key, const Entry &entry,
                                 const Dependency &dependency,
                                 const ResponseHandler &handler);
+  // A batch of writes: entries[i] at keys[i], in order, each with the same
+  // version, handle, commit and handler call as entryWriteWithResponseHandler
+  // would give it; the handles are appended to `handles` when it is given.
+  // What changes is what the batch costs: the clients are asked to hold
+  // back (GroupResolver::maybeUpdateSuspend) once, after the last write,
+  // and the next keys' lookups are fetched ahead.
+  // REQUIRES: keys.size() == entries.size().
+  void entriesWriteWithResponseHandler(
+      std::span<const Key> keys, std::span<const Entry> entries,
+      const Dependency &dependency, const ResponseHandler &handler,
+      std::vector<Fwk::Ptr<const EntryHandle>> *handles = nullptr);
   Fwk::Ptr<const EntryHandle> entryRemove(const Key &key,
                                           const Dependency &dependency);
   Fwk::Ptr<const EntryHandle>

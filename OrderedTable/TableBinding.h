@@ -15,6 +15,7 @@
 //     static constexpr const char *kSwTableClass = "MySwTable";  // ...
 //     static ResourceKey resourceKey(const Entry &);
 //     static void setResolvedFields(Entry &, const ResourceHandle *);
+//     static auto requestData(const Entry &);  // what a request carries
 //     static constexpr bool kCarriesClientData = ...;
 //     static void retrieveClientData(Entry &, const ResourceHandle &);
 //   };
@@ -59,6 +60,9 @@ concept TableBinding = requires(typename B::Entry &entry,
   // and whether the resource's client data is copied back into the entry.
   { B::resourceKey(centry) } -> std::same_as<typename B::ResourceKey>;
   B::setResolvedFields(entry, handle);
+  // What a request of the entry's resource carries besides its key (the
+  // resource table's client data; Fwk::Unit when there is none).
+  B::requestData(centry);
   { B::kCarriesClientData } -> std::convertible_to<bool>;
 };
 

@@ -93,22 +93,36 @@ GroupResolver::GroupResolver(Scheduler schedule)
 
 GroupResolver::~GroupResolver() {
   // Parked changes leave their wait points, which may outlive the queue.
-  for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
-    for (ResolverEntry *e = it.value().head.ptr(); e; e = e->laneNext_.ptr()) {
+  for (auto it = tables_.begin(); it != tables_.end(); ++it) {
+    TableOrder &order = *it.value();
+    while (ResolverEntry *e = order.first) {
       if (e->parkedOn_) {
         e->parkedOn_->unpark(*e);
       }
       e->resolver_ = nullptr;
+      e->laneNext_ = nullptr;
+      e->laneFollows_ = false;
+      listRemove(order, *e);
     }
   }
-  for (auto it = tables_.begin(); it != tables_.end(); ++it) {
-    for (const Barrier &b : it.value().barriers) {
-      if (b.removeAll->parkedOn_) {
-        b.removeAll->parkedOn_->unpark(*b.removeAll);
-      }
-      b.removeAll->resolver_ = nullptr;
-    }
-  }
+}
+
+void GroupResolver::listAppend(TableOrder &order, ResolverEntry &e) noexcept {
+  e.newRef();
+  e.queuePrev_ = order.last;
+  e.queueNext_ = nullptr;
+  (order.last ? order.last->queueNext_ : order.first) = &e;
+  order.last = &e;
+}
+
+// Drops the list's reference: the caller holds one of its own when it
+// still uses the change.
+void GroupResolver::listRemove(TableOrder &order, ResolverEntry &e) noexcept {
+  (e.queuePrev_ ? e.queuePrev_->queueNext_ : order.first) = e.queueNext_;
+  (e.queueNext_ ? e.queueNext_->queuePrev_ : order.last) = e.queuePrev_;
+  e.queuePrev_ = e.queueNext_ = nullptr;
+  e.order_ = nullptr;
+  e.deleteRef();
 }
 
 void GroupResolver::handBack(const Fwk::Ptr<ResolverEntry> &e) {
@@ -120,13 +134,46 @@ void GroupResolver::handBack(const Fwk::Ptr<ResolverEntry> &e) {
 }
 
 GroupResolver::TableOrder &GroupResolver::tableOrder(std::uint64_t table) {
-  if (TableOrder *o = tables_.find(table)) {
-    return *o;
+  if (lastOrder_ && lastOrder_->table == table) {
+    return *lastOrder_; // a burst of changes of one table
   }
-  // Kept for as long as the resolver lives: an idle order is the same as a
-  // new one, and tables are few.
-  tables_.insert(table, TableOrder{});
-  return *tables_.find(table);
+  if (auto *o = tables_.find(table)) {
+    lastOrder_ = o->get();
+    return *lastOrder_;
+  }
+  // Kept until the table's changes are taken out (resolverQueueDelAll): an
+  // idle order is the same as a new one, and tables are few.
+  auto order = std::make_unique<TableOrder>();
+  order->table = table;
+  lastOrder_ = order.get();
+  tables_.insert(table, std::move(order));
+  return *lastOrder_;
+}
+
+ResolverEntry *GroupResolver::laneTail(TableOrder &order, ResolverEntry &e) {
+  if (!e.laneHinted_) {
+    const LaneKey key{order.table, e.orderKey()};
+    if (Lane *lane = lanes_.find(key)) {
+      ResolverEntry *tail = lane->tail;
+      lane->tail = &e;
+      return tail;
+    }
+    lanes_.insert(key, Lane{&e, &e});
+    return nullptr;
+  }
+  // The change its queuer names, if it is still queued here in the same
+  // segment (one before a remove-all is ordered by the remove-all); the
+  // newest of its lane is the one to go behind.
+  auto *prev =
+      const_cast<ResolverEntry *>(std::exchange(e.laneAfter_, nullptr));
+  if (!prev || prev->resolver_ != this || prev->order_ != &order ||
+      prev->segment_ != e.segment_ || prev->isTableDeleted()) {
+    return nullptr;
+  }
+  while (prev->laneNext_) {
+    prev = prev->laneNext_;
+  }
+  return prev;
 }
 
 void GroupResolver::offer(Fwk::Ptr<ResolverEntry> e) {
@@ -169,8 +216,9 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
   entry->queuedAtNs_ = batchTimeNs_;
   entry->resolver_ = this;
   ++queued_;
-  const std::uint64_t table = tableOf(*entry);
-  TableOrder &order = tableOrder(table);
+  TableOrder &order = tableOrder(tableOf(*entry));
+  entry->order_ = &order;
+  listAppend(order, *entry);
   if (entry->isTableDeleted()) {
     entry->segment_ = order.active + order.barriers.size() + 1;
     order.barriers.push_back(Barrier{entry, 0, {}});
@@ -182,15 +230,15 @@ void GroupResolver::resolverQueueEnq(const Fwk::Ptr<ResolverEntry> &entry) {
     } else {
       ++order.barriers.back().outstanding;
     }
-    const LaneKey key{table, entry->orderKey()};
-    if (Lane *lane = lanes_.find(key)) {
-      lane->tail->laneNext_ = entry;
-      lane->tail = entry.ptr();
+    if (ResolverEntry *tail = laneTail(order, *entry)) {
+      tail->laneNext_ = entry.ptr();
+      entry->laneFollows_ = true;
     } else {
-      lanes_.insert(key, Lane{entry, entry.ptr()});
+      ++laneCount_;
       headIs(order, entry);
     }
   }
+  entry->laneAfter_ = nullptr;
   notify(attrResolverQueue, queued_);
 }
 
@@ -198,7 +246,7 @@ void GroupResolver::retire(const Fwk::Ptr<ResolverEntry> &e) {
   --queued_;
   e->offered_ = false;
   e->resolver_ = nullptr;
-  TableOrder &order = tableOrder(tableOf(*e));
+  TableOrder &order = *static_cast<TableOrder *>(e->order_);
   if (e->isTableDeleted()) {
     // The front barrier: every change before it has committed. Its segment
     // opens, and the lane heads that waited for it are offered.
@@ -210,17 +258,24 @@ void GroupResolver::retire(const Fwk::Ptr<ResolverEntry> &e) {
       offer(std::move(h));
     }
   } else {
-    const LaneKey key{tableOf(*e), e->orderKey()};
-    Lane *lane = lanes_.find(key);
-    Fwk::Ptr<ResolverEntry> next = std::move(e->laneNext_);
+    ResolverEntry *next = std::exchange(e->laneNext_, nullptr);
+    if (!e->laneHinted_) {
+      const LaneKey key{order.table, e->orderKey()};
+      if (next) {
+        lanes_.find(key)->head = next;
+      } else {
+        lanes_.erase(key);
+      }
+    }
     if (next) {
-      lane->head = next;
-      headIs(order, next);
+      next->laneFollows_ = false;
+      headIs(order, Fwk::Ptr<ResolverEntry>(next));
     } else {
-      lanes_.erase(key);
+      --laneCount_;
     }
     --order.outstanding;
   }
+  listRemove(order, *e);
   maybeOfferRemoveAll(order);
   notify(attrResolverQueue, queued_);
 }
@@ -232,14 +287,9 @@ GroupResolver::resolverQueue(std::size_t position) const {
   }
   std::vector<Fwk::Ptr<ResolverEntry>> all;
   all.reserve(queued_);
-  for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
-    for (ResolverEntry *e = it.value().head.ptr(); e; e = e->laneNext_.ptr()) {
-      all.emplace_back(e);
-    }
-  }
   for (auto it = tables_.begin(); it != tables_.end(); ++it) {
-    for (const Barrier &b : it.value().barriers) {
-      all.push_back(b.removeAll);
+    for (ResolverEntry *e = it.value()->first; e; e = e->queueNext_) {
+      all.emplace_back(e);
     }
   }
   std::nth_element(
@@ -253,48 +303,80 @@ bool GroupResolver::resolverQueueWalk(
     const QueueCursor *after, std::size_t maxLanes,
     const std::function<void(const ResolverEntry &, bool)> &f,
     QueueCursor &next) const {
-  auto it = lanes_.begin();
-  if (after) {
-    const LaneKey at{after->table, after->key};
-    it = lanes_.lowerBound(at);
-    if (it != lanes_.end() && it.key() == at) {
-      ++it;
-    }
-  } else {
-    for (auto t = tables_.begin(); t != tables_.end(); ++t) {
-      for (const Barrier &b : t.value().barriers) {
-        f(*b.removeAll, false);
+  // The lane heads are gathered from the tables' lists (a change that went
+  // behind another one is not a head) and walked in (table, key) order; a
+  // key with lanes in two segments of its table (either side of a
+  // remove-all) is walked in one step, its older lane first.
+  struct Head {
+    LaneKey at;
+    const ResolverEntry *e;
+  };
+  std::vector<Head> heads;
+  for (auto t = tables_.begin(); t != tables_.end(); ++t) {
+    const TableOrder &order = *t.value();
+    for (const ResolverEntry *e = order.first; e; e = e->queueNext_) {
+      if (e->isTableDeleted()) {
+        if (!after) {
+          f(*e, false);
+        }
+      } else if (!e->laneFollows_) {
+        const LaneKey at{order.table, e->orderKey()};
+        if (!after || after->table < at.table ||
+            (after->table == at.table && after->key < at.key)) {
+          heads.push_back(Head{at, e});
+        }
       }
     }
   }
-  for (std::size_t n = 0; it != lanes_.end() && n < maxLanes; ++it, ++n) {
-    bool head = true;
-    for (const ResolverEntry *e = it.value().head.ptr(); e;
-         e = e->laneNext_.ptr()) {
-      f(*e, head);
-      head = false;
+  std::sort(heads.begin(), heads.end(), [](const Head &a, const Head &b) {
+    if (a.at.table != b.at.table) {
+      return a.at.table < b.at.table;
     }
-    next = QueueCursor{it.key().table, it.key().key};
+    if (a.at.key != b.at.key) {
+      return a.at.key < b.at.key;
+    }
+    return a.e->queueSeq_ < b.e->queueSeq_;
+  });
+  std::size_t i = 0;
+  for (std::size_t n = 0; i < heads.size() && n < maxLanes; ++n) {
+    const LaneKey at = heads[i].at;
+    for (; i < heads.size() && heads[i].at == at; ++i) {
+      bool head = true;
+      for (const ResolverEntry *e = heads[i].e; e; e = e->laneNext_) {
+        f(*e, head);
+        head = false;
+      }
+    }
+    next = QueueCursor{at.table, at.key};
   }
-  return it != lanes_.end();
+  return i < heads.size();
 }
 
 const ResolverEntry *GroupResolver::resolverQueueLane(const void *table,
                                                       std::uint64_t key) const {
-  const Lane *lane =
-      lanes_.find(LaneKey{reinterpret_cast<std::uintptr_t>(table), key});
-  return lane ? lane->head.ptr() : nullptr;
+  // The table's list is in queue order: the first change of the key on it
+  // is the oldest, the head of its lane.
+  const auto *order = tables_.find(reinterpret_cast<std::uintptr_t>(table));
+  if (!order) {
+    return nullptr;
+  }
+  for (const ResolverEntry *e = (*order)->first; e; e = e->queueNext_) {
+    if (!e->isTableDeleted() && e->orderKey() == key) {
+      return e;
+    }
+  }
+  return nullptr;
 }
 
 const ResolverEntry *
 GroupResolver::resolverQueueLaneNext(const ResolverEntry &e) noexcept {
-  return e.laneNext_.ptr();
+  return e.laneNext_;
 }
 
 std::size_t GroupResolver::removeAllsQueued() const noexcept {
   std::size_t n = 0;
   for (auto t = tables_.begin(); t != tables_.end(); ++t) {
-    n += t.value().barriers.size();
+    n += t.value()->barriers.size();
   }
   return n;
 }
@@ -303,33 +385,28 @@ std::vector<Fwk::Ptr<ResolverEntry>>
 GroupResolver::resolverQueueDelAll(const void *table) {
   const std::uint64_t t = reinterpret_cast<std::uintptr_t>(table);
   std::vector<Fwk::Ptr<ResolverEntry>> dropped;
-  const auto drop = [&dropped](Fwk::Ptr<ResolverEntry> e) {
-    if (e->parkedOn_) {
-      e->parkedOn_->unpark(*e);
+  if (auto *found = tables_.find(t)) {
+    TableOrder &order = **found;
+    // The list is in queue order: oldest first.
+    while (ResolverEntry *e = order.first) {
+      if (e->parkedOn_) {
+        e->parkedOn_->unpark(*e);
+      }
+      if (!e->isTableDeleted() && !e->laneFollows_) {
+        --laneCount_;
+        if (!e->laneHinted_) {
+          lanes_.erase(LaneKey{t, e->orderKey()});
+        }
+      }
+      e->offered_ = false;
+      e->resolver_ = nullptr;
+      e->laneNext_ = nullptr;
+      e->laneFollows_ = false;
+      dropped.emplace_back(e);
+      listRemove(order, *e);
     }
-    e->offered_ = false;
-    e->resolver_ = nullptr;
-    dropped.push_back(std::move(e));
-  };
-  std::vector<LaneKey> gone;
-  for (auto it = lanes_.begin(); it != lanes_.end(); ++it) {
-    if (it.key().table == t) {
-      gone.push_back(it.key());
-    }
-  }
-  for (const LaneKey &k : gone) {
-    Lane lane;
-    lanes_.take(k, lane);
-    // Unlinked one by one: a long lane must not unwind recursively.
-    for (Fwk::Ptr<ResolverEntry> e = std::move(lane.head); e;) {
-      Fwk::Ptr<ResolverEntry> next = std::move(e->laneNext_);
-      drop(std::move(e));
-      e = std::move(next);
-    }
-  }
-  if (TableOrder *order = tables_.find(t)) {
-    for (Barrier &b : order->barriers) {
-      drop(std::move(b.removeAll));
+    if (lastOrder_ == &order) {
+      lastOrder_ = nullptr;
     }
     tables_.erase(t);
   }
@@ -348,7 +425,6 @@ GroupResolver::resolverQueueDelAll(const void *table) {
   eraseFrom(deferred_, 0);
   eraseFrom(woken_, 0);
   eraseFrom(waiting_, 0);
-  std::sort(dropped.begin(), dropped.end(), olderFirst);
   notify(attrResolverQueue, queued_);
   return dropped;
 }

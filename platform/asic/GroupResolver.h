@@ -26,6 +26,14 @@
 //      the later changes of its own key and, through a remove-all queued
 //      after it, of its own table; never those of other keys, tables or
 //      units.
+// Lanes: each change names the change of its table and key queued last
+// before it (laneAfterIs), when its queuer keeps track of that, as a
+// software table does; it then joins that change's lane, or starts a lane of
+// its own, without a lookup. A change that names nothing is found a lane by
+// its order key in a map of lanes. Every queued change of a table is also on
+// its table's list, oldest first, which is what removing a table's changes,
+// inspection and destruction walk.
+//
 // A pass offers every change that was offerable when it began, once, oldest
 // first: it asks isResolved() and, when that answers true, takes the change
 // out of its lane, makes the lane's next change offerable and commits it
@@ -60,6 +68,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "platform/Export.h"
@@ -98,10 +107,11 @@ public:
   Fwk::Ptr<ResolverEntry> resolverQueue(std::size_t position) const;
   // For inspection, in bounded steps: calls f(change, laneHead) for the
   // queued changes of at most `maxLanes` (table, key) lanes, each lane
-  // oldest first, in the lanes' hash order from the lane after `after` (or
+  // oldest first, in (table, key) order from the lane after `after` (or
   // from the first, then preceded by every queued remove-all, when `after`
   // is null). Returns whether lanes remain; `next` is then where to resume.
-  // A lane that went away since is resumed after, never walked twice.
+  // A lane that went away since is resumed after, never walked twice. Each
+  // step gathers the lane heads of every queued change: O(queued).
   // REQUIRES: f does not change the resolver.
   struct QueueCursor {
     std::uint64_t table = 0;
@@ -113,6 +123,7 @@ public:
       QueueCursor &next) const;
   // The oldest queued change of a table's key (by the entry's orderKey()),
   // or null; the others of its lane follow through resolverQueueLaneNext().
+  // O(queued changes of the table).
   const ResolverEntry *resolverQueueLane(const void *table,
                                          std::uint64_t orderKey) const;
   static const ResolverEntry *
@@ -125,7 +136,7 @@ public:
   }
   std::size_t waitingUnnamed() const noexcept { return waiting_.size(); }
   // The number of (table, key) lanes, and of queued remove-alls.
-  std::size_t lanes() const noexcept { return lanes_.size(); }
+  std::size_t lanes() const noexcept { return laneCount_; }
   std::size_t removeAllsQueued() const noexcept;
   // Passes run and changes committed since the resolver was made.
   std::uint64_t passes() const noexcept { return passes_; }
@@ -156,15 +167,16 @@ private:
   friend class WaitPoint;
   ~GroupResolver() override;
 
-  // A (table, key) lane: its queued changes, oldest first, linked through
-  // the entries themselves (ResolverEntry::laneNext_).
+  // A (table, key) lane of changes that named no lane (laneAfterIs): its
+  // oldest and newest change, linked through the changes themselves
+  // (ResolverEntry::laneNext_).
   struct LaneKey {
     std::uint64_t table = 0;
     std::uint64_t key = 0;
     bool operator==(const LaneKey &) const = default;
   };
   struct Lane {
-    Fwk::Ptr<ResolverEntry> head;
+    ResolverEntry *head = nullptr;
     ResolverEntry *tail = nullptr;
   };
   // A queued remove-all, and the segment of its table it opens: how many
@@ -175,11 +187,16 @@ private:
     std::vector<Fwk::Ptr<ResolverEntry>> blockedHeads;
   };
   // The segments of a table: `active` is the one whose changes may commit,
-  // barriers[i] the remove-all that opens segment active + 1 + i.
+  // barriers[i] the remove-all that opens segment active + 1 + i. The
+  // table's queued changes, oldest first, are a list through the changes
+  // (ResolverEntry::queuePrev_, queueNext_) that holds a reference on each.
   struct TableOrder {
+    std::uint64_t table = 0;
     std::uint64_t active = 0;
     std::uint64_t outstanding = 0; // queued changes of the active segment
     std::vector<Barrier> barriers;
+    ResolverEntry *first = nullptr;
+    ResolverEntry *last = nullptr;
   };
 
   TableOrder &tableOrder(std::uint64_t table);
@@ -190,6 +207,12 @@ private:
   // waited behind it offerable.
   void retire(const Fwk::Ptr<ResolverEntry> &e);
   void maybeOfferRemoveAll(TableOrder &order);
+  // The table's list of queued changes.
+  static void listAppend(TableOrder &order, ResolverEntry &e) noexcept;
+  static void listRemove(TableOrder &order, ResolverEntry &e) noexcept;
+  // The change a new one of the same lane goes behind, or null: it starts
+  // a lane.
+  ResolverEntry *laneTail(TableOrder &order, ResolverEntry &e);
   static bool olderFirst(const Fwk::Ptr<ResolverEntry> &a,
                          const Fwk::Ptr<ResolverEntry> &b) noexcept;
   // A wait point hands back a change parked on it.
@@ -197,7 +220,9 @@ private:
 
   Scheduler schedule_;
   Fwk::HashMap<LaneKey, Lane> lanes_{0x7f4a7c15u};
-  Fwk::HashMap<std::uint64_t, TableOrder> tables_{0x94d049bbu};
+  // Per table, at a fixed address (a change names its table's order).
+  Fwk::HashMap<std::uint64_t, std::unique_ptr<TableOrder>> tables_{0x94d049bbu};
+  TableOrder *lastOrder_ = nullptr; // what tableOrder() found last
   // Offerable changes: [offerHead_, end) of offer_; during a pass, those
   // queued after it began go to deferred_, for the next pass. woken_: handed
   // back by their wait points; waiting_: not ready, and named nothing to
@@ -208,6 +233,7 @@ private:
   std::vector<Fwk::Ptr<ResolverEntry>> woken_;
   std::vector<Fwk::Ptr<ResolverEntry>> waiting_;
   std::size_t queued_ = 0;
+  std::size_t laneCount_ = 0;  // lanes with a change queued
   std::uint64_t enqueued_ = 0; // queue order of the changes
   std::uint64_t genId_ = 0;
   bool passScheduled_ = false;

@@ -58,7 +58,11 @@ class OrderedSwTableStatus;
 // table), a namespace and a name; its text is "<namespace>::<name>".
 class MICA_PLATFORM_API CanonicalTableName : public Fwk::Object {
 public:
-  enum Kind : std::uint8_t { softwareTable = 0, hardwareTable = 1, resourceTable = 2 };
+  enum Kind : std::uint8_t {
+    softwareTable = 0,
+    hardwareTable = 1,
+    resourceTable = 2
+  };
 
   CanonicalTableName(Kind kind, std::string ns, std::string name);
   static Fwk::Ptr<const CanonicalTableName>
@@ -119,7 +123,9 @@ private:
 class MICA_PLATFORM_API NeededEntry : public Fwk::Object {
 public:
   NeededEntry() = default;
-  static Fwk::Ptr<NeededEntry> neededEntryIs() { return Fwk::make<NeededEntry>(); }
+  static Fwk::Ptr<NeededEntry> neededEntryIs() {
+    return Fwk::make<NeededEntry>();
+  }
 
   void add(const TableVersion &v);
   // Adds the dependency's table and log version.
@@ -154,7 +160,9 @@ public:
 
 #define MICA_STATS_COUNTER(name, id)                                           \
   static constexpr Fwk::AttrId attr_##name{id, #name};                         \
-  std::uint64_t name() const noexcept { return name##_; }                      \
+  std::uint64_t name() const noexcept {                                        \
+    return name##_;                                                            \
+  }                                                                            \
   void name##Inc(std::uint64_t n) {                                            \
     name##_ += n;                                                              \
     notify(attr_##name);                                                       \
@@ -164,7 +172,9 @@ public:
 
   static constexpr Fwk::AttrId attrLastCommitTime{10, "lastCommitTime"};
   // UTC time of the last commit (success or failure).
-  Clock::time_point lastCommitTime() const noexcept { return lastCommitTime_; }
+  Clock::time_point lastCommitTime() const noexcept {
+    return lastCommitTime_;
+  }
   void lastCommitTimeIs(Clock::time_point t) {
     lastCommitTime_ = t;
     notify(attrLastCommitTime);
@@ -339,7 +349,8 @@ private:
 // that names nothing is asked again at every pass.
 class MICA_PLATFORM_API ResolverEntry : public Fwk::Object {
 public:
-  const Fwk::Ptr<const DependencyEntryHandle> &dependencyHandle() const noexcept {
+  const Fwk::Ptr<const DependencyEntryHandle> &
+  dependencyHandle() const noexcept {
     return dependency_;
   }
   EntryFlags flags() const noexcept { return flags_; }
@@ -371,6 +382,18 @@ public:
   virtual const void *orderTable() const noexcept = 0;
   virtual std::uint64_t orderKey() const noexcept = 0;
 
+  // The change of the same table and key queued last before this one, when
+  // its queuer keeps track of that (a software table does: the newest
+  // pending change of every key): null when there is none queued. Given
+  // before the change is queued, it spares the resolver a lookup of the
+  // key; a change queued without it is found by its order key.
+  void laneAfterIs(const ResolverEntry *previous) noexcept {
+    laneAfter_ = previous;
+    laneHinted_ = true;
+  }
+  // Whether the change is queued with a resolver now.
+  bool queued() const noexcept { return resolver_ != nullptr; }
+
   // Starts fetching what commitEntry() reads, for a change the resolver
   // offers a few changes later (`ahead` 2: where the record is looked up;
   // 1: the record, once that has arrived), so that a pass over a batch does
@@ -391,12 +414,20 @@ private:
   Fwk::Ptr<const DependencyEntryHandle> dependency_;
   EntryFlags flags_;
   // Kept by the resolver while the change is queued.
-  bool offered_ = false;          // offered, or parked: not offered anew
-  std::uint64_t queueSeq_ = 0;    // queue order
-  std::int64_t queuedAtNs_ = 0;   // when it was queued (see queuedAtNs())
-  std::uint64_t segment_ = 0;     // the segment of its table it belongs to
-  Fwk::Ptr<ResolverEntry> laneNext_; // the next change of its lane
-  GroupResolver *resolver_ = nullptr; // the resolver it is queued with
+  bool offered_ = false;       // offered, or parked: not offered anew
+  bool laneHinted_ = false;    // laneAfter_ was given (laneAfterIs)
+  bool laneFollows_ = false;   // queued behind an older change of its lane
+  std::uint64_t queueSeq_ = 0; // queue order
+  std::int64_t queuedAtNs_ = 0; // when it was queued (see queuedAtNs())
+  std::uint64_t segment_ = 0;  // the segment of its table it belongs to
+  const ResolverEntry *laneAfter_ = nullptr; // see laneAfterIs
+  ResolverEntry *laneNext_ = nullptr;        // the next change of its lane
+  GroupResolver *resolver_ = nullptr;        // the resolver it is queued with
+  void *order_ = nullptr; // its table's order in that resolver
+  // Its neighbours in its table's list of queued changes (the list holds a
+  // reference on each).
+  ResolverEntry *queuePrev_ = nullptr;
+  ResolverEntry *queueNext_ = nullptr;
   // What the last isResolved() said it waits for (taken by the resolver).
   const WaitPoint *waitingOn_ = nullptr;
   // Where it is parked, and its neighbours there (WaitPoint.h).

@@ -33,6 +33,12 @@ public:
       : WaitPoint(WaitKind::resource), key_(key) {}
 
   const Key &key() const noexcept { return key_; }
+  // The key's slot in the resource table that made the handle: a small
+  // dense number, the index of whatever the table and its users keep per
+  // resource. kNoIndex for a handle no table made.
+  static constexpr std::uint32_t kNoIndex = ~std::uint32_t{0};
+  std::uint32_t index() const noexcept { return index_; }
+  void indexIs(std::uint32_t i) noexcept { index_ = i; }
   // One byte: 0 pending, 4 resolved, 3/5/6 failed, 1 passed through.
   std::uint8_t entryState() const noexcept { return entryState_; }
   std::uint32_t version() const noexcept { return version_; }
@@ -90,6 +96,7 @@ private:
   ~ResourceHandle() override = default;
 
   Key key_;
+  std::uint32_t index_ = kNoIndex;
   std::uint8_t entryState_ = 0;
   bool postRelease_ = false;
   std::uint32_t version_ = 0;

@@ -35,6 +35,14 @@
 // holds its own instance, so that one unit's release never frees what
 // another unit still uses.
 //
+// Layout. A key in the table has a slot: a small dense number, its handle's
+// index(), which stays the key's until the key leaves the table (a freed
+// slot is given to the next new key). What the table keeps of a key (its
+// handle, its holders, whose releases wait for the hardware) lies in an
+// array indexed by slot, and so does what a user table keeps per resource
+// (OrderedTable/ResourceLinkage.h): a key is looked up once, when it is
+// requested, and everything after goes by its slot.
+//
 // Client slots. A resource records its holders as one bit per client, so
 // at most kMaxClients clients hold resources of one table. A client takes
 // its slot (its bit) when it first holds a resource, or before, when its
@@ -68,7 +76,6 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -192,13 +199,22 @@ public:
         std::is_same_v<ClientData, Fwk::Unit> {
       return request(key, Fwk::Unit{}, dependency);
     }
+    // A request of a key whose handle the caller got from an earlier one:
+    // the same as request(key, ...), but while `held` is still the key's
+    // handle the key is not looked up (it is found by its slot).
+    Fwk::Ptr<const ResourceHandle> requestAgain(const ResourceHandle &held,
+                                                const Key &key,
+                                                const ClientData &clientData) {
+      ++requests_;
+      return table_->holdAgain(this, held, key, clientData);
+    }
     // Gives up this client's hold of the handle's key once `dependency`
     // (the change that stopped using it; null: none) is in the hardware.
     void release(const Fwk::Ptr<const ResourceHandle> &handle,
                  const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
       ++releases_;
       if (handle) {
-        table_->releaseAfter(this, handle->key(), dependency);
+        table_->releaseAfter(this, *handle, dependency);
       }
     }
     // The hardware has taken every change of the table type up to `v`.
@@ -232,6 +248,7 @@ public:
     std::string name_;
     std::uint32_t instance_;
     std::uint64_t bit_ = 0; // its bit in a resource's holders; 0: no slot
+    unsigned slot_ = 0;     // that bit's number, once it has one
     std::uint64_t requests_ = 0;
     std::uint64_t releases_ = 0;
     std::uint64_t acks_ = 0;
@@ -261,31 +278,32 @@ public:
     // Sized once for the capacity (a load of at most 1/4 when full): the
     // first load of a table fills it at the rate of changes, and a rebuild
     // would move every entry at once.
-    entries_.reserve(2 * std::size_t{capacity()});
+    index_.reserve(2 * std::size_t{capacity()});
+    slots_.reserve(capacity());
     auto &coll = slate_->allocations();
     coll.control().clearWiped(); // lost allocations are simply made again
     std::vector<Key> unusable;
     for (;;) {
       try {
         coll.forEachUnordered([&](const Allocation &a) {
-          if (entries_.contains(a.key) || !allocator_->claim(a.key, a.data)) {
+          if (index_.contains(a.key) || !allocator_->claim(a.key, a.data)) {
             unusable.push_back(a.key);
             return;
           }
-          Holding e;
-          e.handle = Fwk::make<ResourceHandle>(a.key);
+          Holding &e = slots_[newSlot(a.key)];
           e.handle->restoredIs(a.data, a.version);
           e.allocated = true;
-          entries_.insert(a.key, std::move(e));
           ++restored_;
         });
         break;
       } catch (const Shm::CorruptionError &err) {
         coll.doCorruptionDetected(err.what()); // dropped; the scan goes on
-        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-          allocator_->free(it.key(), it.value().handle->data());
+        for (auto it = index_.begin(); it != index_.end(); ++it) {
+          allocator_->free(it.key(), slots_[it.value()].handle->data());
         }
-        entries_.clear();
+        index_.clear();
+        slots_.clear();
+        freeSlots_.clear();
         unusable.clear();
         restored_ = 0;
       }
@@ -341,11 +359,16 @@ public:
   }
 
   // The number of keys held by any client, or restored and not yet claimed.
-  std::size_t entries() const noexcept override { return entries_.size(); }
+  std::size_t entries() const noexcept override { return index_.size(); }
   // The handle of a held key, or null.
   Fwk::Ptr<const ResourceHandle> entry(const Key &key) const {
-    const auto *e = entries_.find(key);
-    return e ? Fwk::Ptr<const ResourceHandle>(e->handle) : nullptr;
+    const auto *i = index_.find(key);
+    return i ? Fwk::Ptr<const ResourceHandle>(slots_[*i].handle) : nullptr;
+  }
+  // The number of slots a key can have had so far: every handle's index()
+  // is below it.
+  std::uint32_t slots() const noexcept {
+    return static_cast<std::uint32_t>(slots_.size());
   }
   std::size_t pendingAllocations() const noexcept {
     return pending_.size() - pendingHead_;
@@ -362,18 +385,20 @@ public:
     // four.
     for (; pendingHead_ < pending_.size(); ++pendingHead_) {
       prefetchPending(pendingHead_ + 8, pendingHead_ + 4);
-      const Key key = pending_[pendingHead_].key;
-      auto *e = entries_.find(key);
-      if (!e || e->handle->entryState() != 0) {
+      const Pending &p = pending_[pendingHead_];
+      Holding *e = &slots_[p.slot];
+      if (!e->handle || !(e->handle->key() == p.key) ||
+          e->handle->entryState() != 0) {
         continue; // released meanwhile, or resolved already
       }
+      const Key key = p.key;
       if (!held_.empty() && held_.contains(key)) {
         heldPending_.push_back(std::move(pending_[pendingHead_]));
         continue; // until holdDel()
       }
       Fwk::Ptr<ResourceHandle> h = e->handle;
       Data data{};
-      if (allocator_->allocate(key, pending_[pendingHead_].clientData, data)) {
+      if (allocator_->allocate(key, p.clientData, data)) {
         e->allocated = true;
         storeThenSet(*h, data, true);
       } else {
@@ -398,11 +423,11 @@ public:
   // New data for a resolved resource: its handle announces the update.
   // False when the key is not held.
   bool updateIs(const Key &key, const Data &data) {
-    auto *e = entries_.find(key);
-    if (!e) {
+    const auto *i = index_.find(key);
+    if (!i) {
       return false;
     }
-    Fwk::Ptr<ResourceHandle> h = e->handle;
+    Fwk::Ptr<ResourceHandle> h = slots_[*i].handle;
     storeThenSet(*h, data);
     return true;
   }
@@ -435,48 +460,48 @@ public:
   // whether keys remain, `next` then being where to resume.
   template <typename F>
   bool entryWalk(const Key *after, std::size_t limit, F &&f, Key &next) const {
-    auto it = entries_.begin();
+    auto it = index_.begin();
     if (after) {
-      it = entries_.lowerBound(*after);
-      if (it != entries_.end() && it.key() == *after) {
+      it = index_.lowerBound(*after);
+      if (it != index_.end() && it.key() == *after) {
         ++it;
       }
     }
-    for (std::size_t n = 0; it != entries_.end() && n < limit; ++it, ++n) {
-      const Holding &h = it.value();
+    for (std::size_t n = 0; it != index_.end() && n < limit; ++it, ++n) {
+      const Holding &h = slots_[it.value()];
       f(it.key(), *h.handle, std::popcount(h.holders));
       next = it.key();
     }
-    return it != entries_.end();
+    return it != index_.end();
   }
 
   // Marks a held resource failed (state 5), as a failing hardware would.
   bool failIs(const Key &key) {
-    auto *e = entries_.find(key);
-    if (!e) {
+    const auto *i = index_.find(key);
+    if (!i) {
       return false;
     }
-    Fwk::Ptr<ResourceHandle> h = e->handle;
+    Fwk::Ptr<ResourceHandle> h = slots_[*i].handle;
     h->entryStateIs(static_cast<std::uint8_t>(EntryState::failed));
     return true;
   }
 
   std::size_t releaseUnclaimed() override {
-    std::vector<Key> unclaimed;
-    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      if (it.value().holders == 0) {
-        unclaimed.push_back(it.key());
+    std::vector<std::uint32_t> unclaimed;
+    for (auto it = index_.begin(); it != index_.end(); ++it) {
+      if (slots_[it.value()].holders == 0) {
+        unclaimed.push_back(it.value());
       }
     }
-    for (const Key &k : unclaimed) {
-      free(k);
+    for (const std::uint32_t slot : unclaimed) {
+      free(slot);
     }
     return unclaimed.size();
   }
   std::size_t releaseUnclaimedAfter(std::vector<TableVersion> fence) override {
     std::size_t n = 0;
-    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      n += it.value().holders == 0 ? 1 : 0;
+    for (auto it = index_.begin(); it != index_.end(); ++it) {
+      n += slots_[it.value()].holders == 0 ? 1 : 0;
     }
     unclaimedFence_ = std::move(fence);
     unclaimedPending_ = true;
@@ -492,8 +517,7 @@ public:
     confirmed_.insert(tableId.packed(), v);
     if (auto *q = deferred_.find(tableId.packed())) {
       while (!q->empty() && done(*q->front().dependency, v)) {
-        const Deferred d = std::move(q->front());
-        q->pop_front();
+        const Deferred d = q->popFront();
         finishRelease(d);
       }
     }
@@ -505,15 +529,18 @@ protected:
   void capacityIs(std::uint32_t c) noexcept { capacity_ = c; }
 
 private:
-  // A key in the table: its handle, the clients that hold it (one bit each)
-  // and whether its allocation was made.
+  // A key in the table, at its slot: its handle (null: a free slot), the
+  // clients that hold it and those whose release of it waits for the
+  // hardware (one bit each), and whether its allocation was made.
   struct Holding {
     Fwk::Ptr<ResourceHandle> handle;
     std::uint64_t holders = 0;
+    std::uint64_t releasing = 0;
     bool allocated = false;
   };
   // An allocation to make, with what its first request carried.
   struct Pending {
+    std::uint32_t slot;
     Key key;
     ClientData clientData;
   };
@@ -521,6 +548,23 @@ private:
   static std::string clientKey(const std::string &name,
                                std::uint32_t instance) {
     return name + '#' + std::to_string(instance);
+  }
+
+  // A new key's slot, with a new (pending) handle that names it.
+  std::uint32_t newSlot(const Key &key) {
+    std::uint32_t slot;
+    if (!freeSlots_.empty()) {
+      slot = freeSlots_.back();
+      freeSlots_.pop_back();
+    } else {
+      slot = static_cast<std::uint32_t>(slots_.size());
+      slots_.emplace_back();
+    }
+    index_.insert(key, slot);
+    Holding &e = slots_[slot];
+    e.handle = Fwk::make<ResourceHandle>(key);
+    e.handle->indexIs(slot);
+    return slot;
   }
 
   // New data for a resource: stored with the version it takes before the
@@ -549,9 +593,20 @@ private:
     if (slotsTaken_ == ~std::uint64_t{0}) {
       return false;
     }
-    client.bit_ = std::uint64_t{1} << std::countr_one(slotsTaken_);
+    client.slot_ = static_cast<unsigned>(std::countr_one(slotsTaken_));
+    client.bit_ = std::uint64_t{1} << client.slot_;
     slotsTaken_ |= client.bit_;
     return true;
+  }
+
+  // The client's hold of the key at `slot`; a release of it that waits for
+  // the hardware is withdrawn (kept after all).
+  void holdSlot(const ClientInstance *client, Holding &e, std::uint32_t slot) {
+    e.holders |= client->bit_;
+    if (e.releasing & client->bit_) [[unlikely]] {
+      e.releasing &= ~client->bit_;
+      releasing_.erase(releaseId(slot, client->slot_));
+    }
   }
 
   Fwk::Ptr<const ResourceHandle> hold(ClientInstance *client, const Key &key,
@@ -561,45 +616,76 @@ private:
       refused->entryStateIs(static_cast<std::uint8_t>(EntryState::failed));
       return refused;
     }
-    if (auto *e = entries_.find(key)) {
-      e->holders |= client->bit_;
-      if (!releasing_.empty()) {
-        releasing_.erase(ReleaseKey{key, client->bit_}); // kept after all
-      }
-      return e->handle;
+    if (const auto *i = index_.find(key)) {
+      Holding &e = slots_[*i];
+      holdSlot(client, e, *i);
+      return e.handle;
     }
-    Holding e;
-    e.handle = Fwk::make<ResourceHandle>(key);
+    const std::uint32_t slot = newSlot(key);
+    Holding &e = slots_[slot];
     e.holders = client->bit_;
     Fwk::Ptr<const ResourceHandle> out = e.handle;
-    entries_.insert(key, std::move(e));
     notify(attrEntry, key);
-    pending_.push_back(Pending{key, cd});
+    pending_.push_back(Pending{slot, key, cd});
     scheduleAllocation();
     return out;
   }
 
-  // A release waiting for its dependency: the client's hold of the key, and
-  // which release of it this is (a later one, or a request, supersedes it).
-  struct ReleaseKey {
-    Key key;
-    std::uint64_t bit = 0;
-    bool operator==(const ReleaseKey &o) const noexcept {
-      return bit == o.bit && key == o.key;
+  Fwk::Ptr<const ResourceHandle> holdAgain(ClientInstance *client,
+                                           const ResourceHandle &held,
+                                           const Key &key,
+                                           const ClientData &cd) {
+    const std::uint32_t slot = held.index();
+    if (client->bit_ != 0 && slot < slots_.size() &&
+        slots_[slot].handle.ptr() == &held && held.key() == key) {
+      Holding &e = slots_[slot];
+      holdSlot(client, e, slot);
+      return e.handle;
     }
-    bool operator<(const ReleaseKey &o) const noexcept {
-      return bit != o.bit ? bit < o.bit
-                          : std::memcmp(&key, &o.key, sizeof key) < 0;
-    }
-    std::uint32_t hash(std::uint32_t seed) const noexcept {
-      return key.hash(seed ^ static_cast<std::uint32_t>(
-                                 bit * 0x9e3779b97f4a7c15ull >> 32));
-    }
-  };
+    return hold(client, key, cd); // released meanwhile, or another key's
+  }
+
+  // A release waiting for its dependency names the client's hold of a slot
+  // (releaseId) and which release of it this is (a later one, or a request,
+  // supersedes it).
+  static std::uint64_t releaseId(std::uint32_t slot, unsigned client) {
+    return std::uint64_t{slot} << 6 | client;
+  }
   struct Deferred {
-    ReleaseKey at;
+    std::uint64_t id = 0;
     std::uint64_t seq = 0;
     Fwk::Ptr<const DependencyEntryHandle> dependency;
+  };
+  // The releases waiting for one table type's changes, oldest first: a ring
+  // that grows by doubling and never shrinks, so that a steady flow of
+  // releases allocates nothing.
+  class DeferredQueue {
+  public:
+    bool empty() const noexcept { return size_ == 0; }
+    const Deferred &front() const noexcept { return ring_[head_]; }
+    Deferred popFront() noexcept {
+      Deferred d = std::move(ring_[head_]);
+      head_ = (head_ + 1) & (ring_.size() - 1);
+      --size_;
+      return d;
+    }
+    void pushBack(Deferred d) {
+      if (size_ == ring_.size()) {
+        std::vector<Deferred> grown(std::max<std::size_t>(16, 2 * size_));
+        for (std::size_t i = 0; i < size_; ++i) {
+          grown[i] = std::move(ring_[(head_ + i) & (ring_.size() - 1)]);
+        }
+        ring_.swap(grown);
+        head_ = 0;
+      }
+      ring_[(head_ + size_) & (ring_.size() - 1)] = std::move(d);
+      ++size_;
+    }
+
+  private:
+    std::vector<Deferred> ring_; // a power of two long
+    std::size_t head_ = 0;
+    std::size_t size_ = 0;
   };
 
   // Whether the change a release waits for is in the hardware, when the
@@ -616,36 +702,56 @@ private:
     }
   }
 
-  void releaseAfter(const ClientInstance *client, const Key &key,
+  void releaseAfter(const ClientInstance *client, const ResourceHandle &handle,
                     const Fwk::Ptr<const DependencyEntryHandle> &dependency) {
-    if (client->bit_ == 0 || !entries_.contains(key)) {
+    if (client->bit_ == 0) {
       return; // it holds nothing
     }
-    const ReleaseKey at{key, client->bit_};
+    std::uint32_t slot = handle.index();
+    if (slot >= slots_.size() || slots_[slot].handle.ptr() != &handle) {
+      // Not this table's handle of its key (one made by hand, say): found
+      // by its key, if the key is here at all.
+      const auto *i = index_.find(handle.key());
+      if (!i) {
+        return;
+      }
+      slot = *i;
+    }
+    Holding &e = slots_[slot];
+    const std::uint64_t id = releaseId(slot, client->slot_);
     if (dependency) {
       const std::uint32_t table = dependency->tableId().packed();
       const LogVersion *confirmed = confirmed_.find(table);
       if (!done(*dependency, confirmed ? *confirmed : 0)) {
         const std::uint64_t seq = ++releaseSeq_;
-        releasing_.insert(at, seq);
-        if (!deferred_.contains(table)) {
-          deferred_.insert(table, std::deque<Deferred>{});
+        releasing_.insert(id, seq);
+        e.releasing |= client->bit_;
+        DeferredQueue *q = deferred_.find(table);
+        if (!q) {
+          deferred_.insert(table, DeferredQueue{});
+          q = deferred_.find(table);
         }
-        deferred_.find(table)->push_back(Deferred{at, seq, dependency});
+        q->pushBack(Deferred{id, seq, dependency});
         return;
       }
     }
-    releasing_.erase(at);
-    drop(client->bit_, key);
+    if (e.releasing & client->bit_) {
+      e.releasing &= ~client->bit_;
+      releasing_.erase(id);
+    }
+    drop(client->bit_, slot);
   }
 
   void finishRelease(const Deferred &d) {
-    const std::uint64_t *seq = releasing_.find(d.at);
+    const std::uint64_t *seq = releasing_.find(d.id);
     if (!seq || *seq != d.seq) {
       return; // requested again, or released again later
     }
-    releasing_.erase(d.at);
-    drop(d.at.bit, d.at.key);
+    releasing_.erase(d.id);
+    const auto slot = static_cast<std::uint32_t>(d.id >> 6);
+    const std::uint64_t bit = std::uint64_t{1} << (d.id & 63);
+    slots_[slot].releasing &= ~bit;
+    drop(bit, slot);
   }
 
   void maybeReleaseUnclaimed() {
@@ -664,21 +770,25 @@ private:
     releaseUnclaimed();
   }
 
-  void drop(std::uint64_t bit, const Key &key) {
-    auto *e = entries_.find(key);
-    if (!e) {
+  void drop(std::uint64_t bit, std::uint32_t slot) {
+    Holding &e = slots_[slot];
+    if (!e.handle) {
       return;
     }
-    e->holders &= ~bit;
-    if (e->holders == 0) {
-      free(key);
+    e.holders &= ~bit;
+    if (e.holders == 0) {
+      free(slot);
     }
   }
 
-  // The key leaves the table: its stored record first, then its allocation.
-  void free(const Key &key) {
-    Holding gone;
-    entries_.take(key, gone);
+  // The key leaves the table: its stored record first, then its allocation;
+  // its slot is free for the next new key.
+  void free(std::uint32_t slot) {
+    Holding gone = std::move(slots_[slot]);
+    slots_[slot] = Holding{};
+    freeSlots_.push_back(slot);
+    const Key key = gone.handle->key();
+    index_.erase(key);
     if (gone.allocated) {
       if (slate_) {
         slate_->allocations().erase(key);
@@ -691,15 +801,13 @@ private:
 
   void prefetchPending(std::size_t far, std::size_t near) const noexcept {
     if (far < pending_.size()) {
-      entries_.prefetch(pending_[far].key);
+      __builtin_prefetch(&slots_[pending_[far].slot]);
       if (slate_) {
         slate_->allocations().prefetch(pending_[far].key);
       }
     }
     if (near < pending_.size()) {
-      if (const auto *e = entries_.find(pending_[near].key)) {
-        __builtin_prefetch(e->handle.get(), 1);
-      }
+      __builtin_prefetch(slots_[pending_[near].slot].handle.get(), 1);
     }
   }
 
@@ -723,8 +831,11 @@ private:
   std::vector<Task> resolvedHooks_;
   std::vector<Fwk::Ptr<GroupResolver>> resolvers_;
   Fwk::HashMap<std::string, Fwk::Ptr<ClientInstance>> clients_{0x2d7f4e11u};
+  // The keys in the table and their slots; freeSlots_: slots no key has.
+  Fwk::HashMap<Key, std::uint32_t> index_{0x4c8e1b53u};
+  std::vector<Holding> slots_;
+  std::vector<std::uint32_t> freeSlots_;
   std::uint64_t slotsTaken_ = 0; // one bit per client slot
-  Fwk::HashMap<Key, Holding> entries_{0x4c8e1b53u};
   std::vector<Pending> pending_; // [pendingHead_, end) still to run
   Fwk::HashMap<Key, Fwk::Unit> held_{0x3b9aca07u};
   std::vector<Pending> heldPending_; // allocations of held keys
@@ -734,9 +845,10 @@ private:
   std::size_t restored_ = 0;
   // Releases waiting for the hardware, per table type of their dependency
   // in the order they were made (the order of its versions), and the
-  // latest release of each hold; the confirmed version of each table type.
-  Fwk::HashMap<std::uint32_t, std::deque<Deferred>> deferred_{0x1d8e4e27u};
-  Fwk::HashMap<ReleaseKey, std::uint64_t> releasing_{0x7a2b1c93u};
+  // latest release of each hold (by releaseId); the confirmed version of
+  // each table type.
+  Fwk::HashMap<std::uint32_t, DeferredQueue> deferred_{0x1d8e4e27u};
+  Fwk::HashMap<std::uint64_t, std::uint64_t> releasing_{0x7a2b1c93u};
   std::uint64_t releaseSeq_ = 0;
   Fwk::HashMap<std::uint32_t, LogVersion> confirmed_{0x5e2d58d9u};
   std::vector<TableVersion> unclaimedFence_;

@@ -44,6 +44,13 @@
 //                                      nothing, once the sequence numbers of
 //                                      the collection are used up
 //   roomForNewKey, reserveNewKey       whether such an insert would succeed
+//   at, recordAt, insertAt, eraseAt    one lookup for a change that checks,
+//                                      reads and then writes one key: at()
+//                                      locates the key and answers whether it
+//                                      is there (and flagged) without reading
+//                                      the record; insertAt() builds the new
+//                                      record in its slot (no copy of it is
+//                                      made first)
 //   erase                              true when the key was there
 //   firstKey, nextKey, lowerBoundKey   the order; nextKey(k) and
 //                                      lowerBoundKey(k) work whether or not k
@@ -496,6 +503,125 @@ public:
     }
   }
 
+  // Where a key is, or would be inserted: found once, then used to check,
+  // read and write the key without another lookup. Valid until the index
+  // changes shape (an insert of a new key, an erase, a drop of a corrupt
+  // record); a stale one is noticed and looked up again. A replace keeps it
+  // valid.
+  class Place {
+  public:
+    bool found() const noexcept { return found_; }
+    // Whether the key's record is flagged (Traits::flagged), from the
+    // index: no record is read.
+    bool flagged() const noexcept { return found_ && (flags_ & kFlagged); }
+
+  private:
+    friend class Collection;
+    Key key_{};
+    std::uint64_t hash_ = 0;
+    std::size_t pos_ = 0;
+    std::uint64_t shape_ = 0;
+    std::uint32_t flags_ = 0;
+    bool found_ = false;
+  };
+  // REQUIRES: writer.
+  Place at(const Key &key) const {
+    requireView();
+    Place p;
+    p.key_ = key;
+    p.hash_ = hashBytes(&key, sizeof(Key));
+    refresh(p);
+    return p;
+  }
+  // The record at a place where the key was found, verified as findRef
+  // does; null when it is not there.
+  const Record *recordAt(Place &p) const {
+    refresh(p);
+    return p.found_ ? verified(index_.at(p.pos_)) : nullptr;
+  }
+  // Inserts or replaces the key's record at its place, built by
+  // fill(Record &) in the slot it goes to: fill must write every byte of
+  // the record (padding included) and its key must be the place's. Throws
+  // as insert() does, with nothing changed; afterwards the place holds the
+  // key.
+  template <typename Fill> void insertAt(Place &p, bool flagged, Fill &&fill) {
+    requireWriter();
+    if (nextSeq_ > format::kSeqMask) [[unlikely]] {
+      throwExhausted();
+    }
+    refresh(p);
+    const std::uint32_t flags = kUsed | (flagged ? kFlagged : 0);
+    const std::uint64_t seal = format::sealOf(nextSeq_);
+    if (p.found_) {
+      Entry &e = index_.at(p.pos_);
+      // The old copy's seal is stored to below; fetch it meanwhile.
+      __builtin_prefetch(slotAt(e.slot), 1);
+      freeRoom();
+      const std::uint32_t slot = takeSlot();
+      unsigned char *s = slotAt(slot);
+      const std::uint64_t seq = beginChange();
+      buildRecord(s, seal, fill);
+      detail::publish(s, seal);
+      detail::unpublish(slotAt(e.slot));
+      endChange(seq);
+      free_.push_back(e.slot);
+      flagged_ += (flags & kFlagged ? 1 : 0) - (e.flags & kFlagged ? 1 : 0);
+      e.slot = slot;
+      e.flags = flags;
+      p.flags_ = flags;
+      return;
+    }
+    if (index_.size() >= capacity()) {
+      throwFull(&p.key_, sizeof(Key));
+    }
+    if (!spaceForNewKey()) [[unlikely]] {
+      throwNoSpace(&p.key_, sizeof(Key));
+    }
+    freeRoom();
+    const std::uint32_t slot = takeSlot();
+    std::size_t pos;
+    try {
+      pos = index_.insertNew(p.hash_, cmpTo(p.key_),
+                             Entry{p.hash_, slot, flags, p.key_},
+                             typename Array::Pos{p.pos_, false});
+    } catch (...) {
+      free_.push_back(slot);
+      throw;
+    }
+    ++shape_;
+    unsigned char *s = slotAt(slot);
+    const std::uint64_t seq = beginChange();
+    buildRecord(s, seal, fill);
+    detail::publish(s, seal);
+    endChange(seq);
+    flagged_ += flags & kFlagged ? 1 : 0;
+    p.pos_ = pos;
+    p.found_ = true;
+    p.flags_ = flags;
+    p.shape_ = shape_;
+  }
+  // Removes the key's record at its place. True when it was there.
+  bool eraseAt(Place &p) {
+    requireWriter();
+    refresh(p);
+    if (!p.found_) {
+      return false;
+    }
+    freeRoom();
+    Entry &e = index_.at(p.pos_);
+    const std::uint32_t slot = e.slot;
+    const std::uint64_t seq = beginChange();
+    detail::unpublish(slotAt(slot));
+    endChange(seq);
+    free_.push_back(slot);
+    flagged_ -= e.flags & kFlagged ? 1 : 0;
+    index_.eraseAt(p.pos_);
+    ++shape_;
+    maybeShrink();
+    refresh(p);
+    return true;
+  }
+
   // Whether an insert() of a new key would succeed now: the collection has
   // room and the file system has space for the record (reserved here, so the
   // insert cannot then fail for want of it). Changes no record.
@@ -569,6 +695,7 @@ public:
       free_.push_back(slot);
       throw;
     }
+    ++shape_;
     unsigned char *s = slotAt(slot);
     const std::uint64_t seq = beginChange();
     detail::writeRecord(s, &r, sizeof(Record), ck);
@@ -580,21 +707,8 @@ public:
   // Removes the key's record. True when it was there. REQUIRES: writer.
   bool erase(const Key &key) {
     requireWriter();
-    const auto p = locate(key);
-    if (!p.found) {
-      return false;
-    }
-    freeRoom();
-    Entry &e = index_.at(p.pos);
-    const std::uint32_t slot = e.slot;
-    const std::uint64_t seq = beginChange();
-    detail::unpublish(slotAt(slot));
-    endChange(seq);
-    free_.push_back(slot);
-    flagged_ -= e.flags & kFlagged ? 1 : 0;
-    index_.eraseAt(p.pos);
-    maybeShrink();
-    return true;
+    Place p = at(key);
+    return eraseAt(p);
   }
 
   // The order. Writer only.
@@ -700,9 +814,11 @@ public:
       if (seal == 0) {
         continue;
       }
-      const auto *r = reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
+      const auto *r =
+          reinterpret_cast<const Record *>(s + format::kSlotHeaderSize);
       if (!format::sealValid(seal) ||
-          format::recordChecksum(r, sizeof(Record), seal) != checksumAt(s)) [[unlikely]] {
+          format::recordChecksum(r, sizeof(Record), seal) != checksumAt(s))
+          [[unlikely]] {
         if (droppedByReader(i, seal)) {
           continue; // dropped through a closed handle
         }
@@ -783,6 +899,30 @@ private:
   typename Array::Pos locate(const Key &key) const {
     return index_.lowerBound(hashBytes(&key, sizeof(Key)), cmpTo(key));
   }
+  // Locates a place again when the index changed shape since.
+  void refresh(Place &p) const {
+    if (p.shape_ == shape_) {
+      return;
+    }
+    const auto at = index_.lowerBound(p.hash_, cmpTo(p.key_));
+    p.pos_ = at.pos;
+    p.found_ = at.found;
+    p.flags_ = at.found ? index_.at(at.pos).flags : 0;
+    p.shape_ = shape_;
+  }
+  // The record bytes and checksum of a change, built in slot `s` (whose
+  // seal is 0, inside beginChange): the store steps of writeRecord, with
+  // the record written by `fill` instead of copied.
+  template <typename Fill>
+  void buildRecord(unsigned char *s, std::uint64_t seal, Fill &&fill) {
+    detail::beforeStore(detail::WriteStep::record);
+    auto *r = reinterpret_cast<Record *>(s + format::kSlotHeaderSize);
+    fill(*r);
+    const std::uint64_t ck = format::recordChecksum(r, sizeof(Record), seal);
+    detail::beforeStore(detail::WriteStep::checksum);
+    detail::wordAt(detail::slotHeader(s).checksum)
+        .store(ck, std::memory_order_relaxed);
+  }
   std::optional<Key> keyAt(std::size_t pos) const {
     if (pos == Array::npos) {
       return std::nullopt;
@@ -834,6 +974,7 @@ private:
   void maybeShrink() {
     if (index_.size() == 0 && index_.slots() > 4096 &&
         index_.slots() > presizedSlots_) {
+      ++shape_;
       index_.clear();
       if (const std::size_t n = presize()) {
         index_.reserve(n);
@@ -872,6 +1013,7 @@ private:
       free_.push_back(slot);
       flagged_ -= index_.at(pos).flags & kFlagged ? 1 : 0;
       index_.eraseAt(pos);
+      ++shape_;
     }
   }
 
@@ -969,6 +1111,7 @@ private:
       flagged_ -= e.flags & kFlagged ? 1 : 0;
       mountDrop(e.slot, "more records than the capacity");
       index_.eraseAt(last);
+      ++shape_;
     }
     mountFinish(hw, maxSeq);
   }
@@ -1076,6 +1219,9 @@ private:
   }
 
   Array index_;
+  // Raised whenever the index changes shape (positions move): what tells a
+  // stale Place.
+  std::uint64_t shape_ = 1;
   std::size_t presizedSlots_ = 0; // index_.slots() after the mount
   std::size_t flagged_ = 0;
   mutable std::vector<Pending> pending_;

@@ -188,7 +188,8 @@ TYPED_TEST(Linkage, AResourceKeyHasOneMachineOverOneHandle) {
   Env<F> env;
   auto &l = *env.linkage;
   EXPECT_THROW(l.entryUsageSmIs(nullptr), Fwk::NullPointerException);
-  auto handle = F::B::requestResource(*env.client, F::entry(1, 4));
+  auto handle = env.client->request(F::resKey(4),
+                                    F::B::requestData(F::entry(1, 4)), nullptr);
   auto sm = l.entryUsageSmIs(handle);
   EXPECT_TRUE(sm->hasNotificationActive());
   EXPECT_EQ(l.entryUsageSmIs(handle), sm);
@@ -196,6 +197,66 @@ TYPED_TEST(Linkage, AResourceKeyHasOneMachineOverOneHandle) {
   EXPECT_THROW(l.entryUsageSmIs(other), Fwk::ReinstantiationException);
   EXPECT_EQ(l.entryUsageSm(F::resKey(4)), sm);
   EXPECT_EQ(l.entryUsageSms(), 1u);
+}
+
+TYPED_TEST(Linkage, UsageGoesByTheResourcesSlotUntilItsKeyLeavesTheTable) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  Env<F> env;
+  auto &t = *env.table;
+  env.commit({{1, 5}, {2, 5}, {3, 6}});
+  auto h5 = env.sm(5)->resPtr();
+  const auto slot5 = h5->index();
+  EXPECT_NE(slot5, env.sm(6)->resPtr()->index());
+  EXPECT_LT(slot5, env.res->slots());
+  // Asked again through the handle it holds, a key is the same resource
+  // (and counted as a request).
+  const auto requests = env.client->requests();
+  EXPECT_EQ(env.client->requestAgain(*h5, F::resKey(5),
+                                     F::B::requestData(F::entry(1, 5))),
+            h5);
+  EXPECT_EQ(env.client->requests(), requests + 1);
+
+  // A key moves from one resource's users to another's; the last user of
+  // a resource releases it, and once the hardware has the change its slot
+  // goes to the next new key.
+  t.entryWrite(Key(3), F::entry(3, 5), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_FALSE(env.sm(6));
+  EXPECT_EQ(env.sm(5)->entryUsages(), 3u);
+  t.tableStatusVersion(env.log->tableVersion());
+  std::vector<Key> users;
+  env.sm(5)->forEachEntryUsage([&](const Key &k) { users.push_back(k); });
+  EXPECT_EQ(users, (std::vector<Key>{Key(1), Key(2), Key(3)}));
+  env.commit({{4, 7}});
+  EXPECT_LT(env.sm(7)->resPtr()->index(), env.res->slots());
+
+  // A resource released by hand while its users stay: the request of its
+  // key finds a new handle, and the old machine keeps its users aside of
+  // the new key that takes its slot.
+  env.client->release(h5, nullptr);
+  EXPECT_TRUE(h5->isPostReleaseProtoState());
+  EXPECT_NE(env.client->requestAgain(*h5, F::resKey(5),
+                                     F::B::requestData(F::entry(1, 5))),
+            h5);
+  env.client->release(env.res->entry(F::resKey(5)), nullptr);
+  env.commit({{9, 8}});
+  EXPECT_EQ(env.sm(8)->resPtr()->index(), slot5);
+  EXPECT_EQ(env.linkage->entryUsageSmAside().size(), 1u);
+  EXPECT_EQ(env.linkage->entryUsageSms(), 3u);
+  ASSERT_TRUE(env.sm(5));
+  EXPECT_EQ(env.sm(5)->resPtr(), h5);
+  EXPECT_EQ(env.sm(5)->entryUsages(), 3u);
+  EXPECT_TRUE(env.sm(8)->entryUsage(Key(9)));
+  EXPECT_FALSE(env.sm(8)->entryUsage(Key(1)));
+  // Its last user leaving drops it.
+  for (const std::uint32_t label : {1u, 2u, 3u}) {
+    t.entryRemove(Key(label), nullptr);
+  }
+  EXPECT_EQ(env.pass(), 3u);
+  EXPECT_FALSE(env.sm(5));
+  EXPECT_TRUE(env.linkage->entryUsageSmAside().empty());
+  EXPECT_EQ(env.linkage->entryUsageSms(), 2u);
 }
 
 TYPED_TEST(Linkage, AChangedResourceUpdatesItsUsersAndIsAcknowledgedOnce) {

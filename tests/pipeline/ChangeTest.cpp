@@ -45,6 +45,80 @@ TYPED_TEST(Change, EachChangeOfAKeySupersedesThePendingOneWithTheNextVersion) {
             EntryVersion(0, 0));
 }
 
+TYPED_TEST(Change, ABatchOfWritesGivesEachChangeWhatWritingItAloneGives) {
+  using F = TypeParam;
+  using Key = typename F::Key;
+  using Handle = Fwk::Ptr<const typename F::Table::EntryHandle>;
+  // The same history on two tables: a committed key, a pending remove, then
+  // writes one by one on the first and as one batch on the second. The
+  // batch repeats a key (its second write goes behind its first), rewrites
+  // the committed key, writes over the pending remove, and asks for a
+  // resource that fails.
+  const std::vector<std::pair<std::uint32_t, std::uint32_t>> writes = {
+      {1, 5}, {2, 6}, {1, 7}, {3, 9}, {4, 8}, {5, 5}, {2, 6}};
+  std::vector<Key> keys;
+  std::vector<typename F::Entry> entries;
+  for (const auto &[label, r] : writes) {
+    keys.emplace_back(label);
+    entries.push_back(F::entry(label, r));
+  }
+  Env<F> one, batch;
+  Responses rOne, rBatch;
+  std::vector<Handle> hOne, hBatch;
+  for (Env<F> *env : {&one, &batch}) {
+    F::allocator(*env->res).failingKeyIs(F::resKey(9));
+    env->commit({{4, 4}});
+    env->table->entryRemove(Key(3), nullptr);
+  }
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    hOne.push_back(one.table->entryWriteWithResponseHandler(
+        keys[i], entries[i], nullptr, rOne.handler()));
+  }
+  batch.table->entriesWriteWithResponseHandler(keys, entries, nullptr,
+                                               rBatch.handler(), &hBatch);
+  ASSERT_EQ(hBatch.size(), hOne.size());
+  const auto same = [&](const char *when) {
+    SCOPED_TRACE(when);
+    for (std::size_t i = 0; i < hOne.size(); ++i) {
+      EXPECT_EQ(hBatch[i]->version(), hOne[i]->version()) << i;
+      EXPECT_EQ(hBatch[i]->entryState(), hOne[i]->entryState()) << i;
+    }
+    EXPECT_EQ(batch.resolver->resolverQueueSize(),
+              one.resolver->resolverQueueSize());
+    EXPECT_EQ(batch.table->transientVersionForKeys(),
+              one.table->transientVersionForKeys());
+    EXPECT_EQ(batch.table->stats()->entryWriteCnt(),
+              one.table->stats()->entryWriteCnt());
+    for (std::uint32_t label = 1; label <= 5; ++label) {
+      EXPECT_EQ(batch.table->transientVersionForKey(Key(label)),
+                one.table->transientVersionForKey(Key(label)))
+          << label;
+      EXPECT_EQ(batch.committed(label), one.committed(label)) << label;
+      EXPECT_EQ(batch.logged(label), one.logged(label)) << label;
+    }
+    // The handlers were called for the same changes in the same order.
+    ASSERT_EQ(rBatch.calls.size(), rOne.calls.size());
+    for (std::size_t i = 0; i < rOne.calls.size(); ++i) {
+      const auto at = [](const std::vector<Handle> &hs, const auto &h) {
+        return std::find_if(
+                   hs.begin(), hs.end(),
+                   [&](const Handle &x) { return x.ptr() == h.ptr(); }) -
+               hs.begin();
+      };
+      EXPECT_EQ(at(hBatch, rBatch.calls[i]), at(hOne, rOne.calls[i])) << i;
+    }
+  };
+  same("queued");
+  EXPECT_EQ(batch.pass(), one.pass());
+  same("after a pass");
+  EXPECT_EQ(batch.pass(), one.pass());
+  same("after a second pass");
+  EXPECT_EQ(hBatch[3]->entryState(), EntryState::failed);
+  EXPECT_EQ(hBatch[2]->version(), EntryVersion(1, 0));
+  EXPECT_TRUE(static_cast<bool>(batch.committed(1)));
+  EXPECT_FALSE(static_cast<bool>(batch.committed(3)));
+}
+
 TYPED_TEST(Change, RemoveAllCountsPendingClearsAndDropsPendingChangesFromView) {
   using F = TypeParam;
   using Key = typename F::Key;
@@ -213,7 +287,7 @@ TYPED_TEST(Change, ChangesTheHardwareNeedNotWaitForFinishInsideTheCommit) {
   EXPECT_EQ(t.entryHandleInLogSize(), 0u);
 }
 
-TYPED_TEST(Change, TwoWritesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
+TYPED_TEST(Change, ChangesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
   using F = TypeParam;
   using Key = typename F::Key;
   Env<F> env;
@@ -234,6 +308,39 @@ TYPED_TEST(Change, TwoWritesOfAKeyCommitInOrderAndOnlyTheNewestClearsIt) {
   EXPECT_FALSE(t.transientVersionForKey(k).valid());
   EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(2));
   EXPECT_EQ(env.group->logEntriesWithDependencies(), 1u);
+
+  // A change whose dependency failed holds back the next change of its key
+  // until it fails; a failed newest change leaves the key pending, and the
+  // next change of the key still commits.
+  auto failing = dependency(EntryState::made);
+  auto a = t.entryWrite(k, F::entry(5, 3), failing);
+  t.entryWrite(k, F::entry(5, 4), nullptr);
+  EXPECT_EQ(env.pass(), 0u);
+  failing->entryStateIs(EntryState::failed);
+  EXPECT_EQ(env.pass(), 2u);
+  EXPECT_EQ(a->entryState(), EntryState::failed);
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(4));
+  failing = dependency(EntryState::failed);
+  t.entryWrite(k, F::entry(5, 5), failing);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_TRUE(t.transientAddEntry(k));
+  t.entryWrite(k, F::entry(5, 6), nullptr);
+  EXPECT_EQ(env.pass(), 1u);
+  EXPECT_FALSE(t.transientAddEntry(k));
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(6));
+
+  // Across a remove-all: the change before it commits first, the one after
+  // it last.
+  auto later = dependency(EntryState::made);
+  t.entryWrite(k, F::entry(5, 7), later);
+  t.entryRemoveAll(nullptr);
+  auto last = t.entryWrite(k, F::entry(5, 8), nullptr);
+  EXPECT_EQ(env.pass(), 0u);
+  later->entryStateIs(EntryState::finished);
+  EXPECT_EQ(env.pass(), 3u);
+  EXPECT_EQ(last->entryState(), EntryState::logged);
+  EXPECT_EQ(F::B::resourceKey(env.committed(5)), F::resKey(8));
+  EXPECT_EQ(env.resolver->resolverQueueSize(), 0u);
 }
 
 TYPED_TEST(Change,
@@ -315,10 +422,10 @@ TYPED_TEST(Change, AWriteTheFileSystemHasNoSpaceForFailsAndChangesNothing) {
     // way nothing is thrown out of the pass.
     auto del = t.entryRemove(Key(0), nullptr);
     env.pass();
-    TestSupport::require(
-        del->entryState() == EntryState::failed ? t.entryHas(Key(0))
-                                                : !t.entryHas(Key(0)),
-        "the deletion");
+    TestSupport::require(del->entryState() == EntryState::failed
+                             ? t.entryHas(Key(0))
+                             : !t.entryHas(Key(0)),
+                         "the deletion");
     const auto refused = t.stats()->logRefusedCnt();
     t.entryRemoveAll(nullptr);
     env.pass();

@@ -45,11 +45,36 @@ TEST(ShmCollection, MatchesAModelAcrossRemounts) {
     ASSERT_EQ(big.count(), model.size());
     for (int i = 0; i < 400; ++i) {
       const std::uint32_t label = rng() % 80;
+      const BigKey key{label, label % 4};
+      // Every other change goes through the key's place: found once (with
+      // the record's flag, from the index), then read and written there.
+      const bool byPlace = rng() % 2 == 0;
+      auto at = big.at(key);
+      ASSERT_EQ(at.found(), model.count(label) == 1);
+      ASSERT_EQ(at.flagged(), at.found() && model[label] % 3 == 0);
+      if (at.found()) {
+        ASSERT_TRUE(bigConsistent(*big.recordAt(at)));
+      }
       if (rng() % 3 == 0) {
-        EXPECT_EQ(big.erase(BigKey{label, label % 4}), model.erase(label) == 1);
+        EXPECT_EQ(byPlace ? big.eraseAt(at) : big.erase(key),
+                  model.erase(label) == 1);
+        EXPECT_FALSE(big.at(key).found());
       } else if (model.size() < 64 || model.count(label)) {
-        big.insert(bigRecord(label, round * 1000 + i));
-        model[label] = round * 1000 + i;
+        const BigRecord r = bigRecord(label, round * 1000 + i);
+        if (byPlace) {
+          // Another key's insert in between moves the place: it is found
+          // again before the write.
+          if (rng() % 4 == 0 && model.size() < 63 && !model.count(79)) {
+            big.insert(bigRecord(79, 3));
+            model[79] = 3;
+          }
+          big.insertAt(at, r.flagged, [&](BigRecord &slot) { slot = r; });
+          EXPECT_TRUE(at.found());
+          EXPECT_EQ(big.recordAt(at)->value, r.value);
+        } else {
+          big.insert(r);
+        }
+        model[label] = r.value;
       }
     }
     std::size_t flagged = 0;
@@ -458,7 +483,8 @@ TEST(ShmPaths, MountGroupCloseKeepsItsMountsAndUnmountTakesThem) {
   auto one = em->entity("one");
   ASSERT_TRUE(one);
   EXPECT_FALSE(one->closed());
-  EXPECT_THROW(g1->doMount("three", Table::kTypeName, tableInfo(4)), Shm::Error);
+  EXPECT_THROW(g1->doMount("three", Table::kTypeName, tableInfo(4)),
+               Shm::Error);
   g1->doUnmount();
   EXPECT_FALSE(em->entity("one"));
   EXPECT_TRUE(one->closed());
