@@ -26,7 +26,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "OrderedTable/Introspection.h"
+#include "OrderedTable/TableAttributes.h"
 #include "OrderedTable/SwTableState.h"
 #include "platform/framework/Assert.h"
 #include "platform/shm/Errors.h"

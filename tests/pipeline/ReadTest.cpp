@@ -2,7 +2,7 @@
 // configuration, and walks that survive changes between their steps.
 #include <algorithm>
 
-#include "OrderedTable/Introspection.h"
+#include "OrderedTable/TableAttributes.h"
 #include "PipelineFixture.h"
 #include "tools/inspect/JsonVisitor.h"
 

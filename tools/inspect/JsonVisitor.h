@@ -1,4 +1,4 @@
-// Builds JSON from object descriptions (platform/introspect/Introspect.h):
+// Builds JSON from object descriptions (platform/attributes/Attributes.h):
 // the form the agent's inspection endpoint answers in, and what mpls-show
 // and the Python module read.
 //
@@ -21,7 +21,7 @@
 
 // Every record and runtime object is described wherever JSON is made of
 // it (a type whose description is not visible would print as its text).
-#include "platform/introspect/Records.h"
+#include "platform/attributes/Records.h"
 
 namespace MicaMplsInspect {
 

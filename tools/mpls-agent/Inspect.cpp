@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "OrderedTable/Introspection.h"
+#include "OrderedTable/TableAttributes.h"
 #include "tools/hw/HwStore.h"
 #include "tools/inspect/Why.h"
 

@@ -1,6 +1,6 @@
 // The questions the agent's inspection endpoint (Endpoint.h) answers, read
 // from the running agent's objects through their descriptions
-// (platform/introspect, OrderedTable/Introspection.h). Read-only, and each
+// (platform/introspect, OrderedTable/TableAttributes.h). Read-only, and each
 // answer's work is bounded: a walk answers one page, "top" looks at a
 // bounded number of the resolver's lanes.
 //

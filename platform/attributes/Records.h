@@ -1,11 +1,11 @@
-// Descriptions (Introspect.h) of the MicaMpls records: label keys, entries,
+// Attributes (Attributes.h) of the MicaMpls records: label keys, entries,
 // log entries and resource keys of both tables, field by field, as the
 // inspection tools and the scripting interface show them.
 //
 //   Introspect::put(visitor, "entry", table->entry(key));
 #pragma once
 
-#include "platform/introspect/Runtime.h"
+#include "platform/attributes/Runtime.h"
 #include "platform/records/MplsIsem2Records.h"
 #include "platform/records/MplsLemRecords.h"
 

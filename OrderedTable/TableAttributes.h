@@ -1,4 +1,4 @@
-// Descriptions (platform/introspect/Introspect.h) of the tables' own
+// Attributes (platform/attributes/Attributes.h) of the tables' own
 // classes, written once for every table family: the software table, its
 // entry wrappers and entry handles, the entry log, and the resource linkage.
 //
@@ -27,8 +27,8 @@
 #include <concepts>
 
 #include "OrderedTable/SwTableState.h"
-#include "platform/introspect/Records.h"
-#include "platform/introspect/Runtime.h"
+#include "platform/attributes/Records.h"
+#include "platform/attributes/Runtime.h"
 
 namespace Introspect {
 

@@ -27,7 +27,7 @@
 // change path; the wall rate also counts the CPU the flooding clients
 // themselves take from the loop's thread on a machine with few cores.
 //
-//   bench_inspect [--keys N] [--rounds R]   (default 65,536 keys per unit,
+//   bench_endpoint [--keys N] [--rounds R]   (default 65,536 keys per unit,
 //                                            5 rounds)
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -225,7 +225,7 @@ struct Host {
     cpu = threadCpu() - c0;
     const double s = std::chrono::duration<double>(Clock::now() - t0).count();
     if (finished != total) {
-      std::fprintf(stderr, "bench_inspect: %lu of %lu changes finished\n",
+      std::fprintf(stderr, "bench_endpoint: %lu of %lu changes finished\n",
                    static_cast<unsigned long>(finished),
                    static_cast<unsigned long>(total));
       std::exit(1);
@@ -263,7 +263,7 @@ int main(int argc, char **argv) {
       rounds = static_cast<unsigned>(std::atoi(argv[i + 1]));
     }
   }
-  const std::string name = "bench-inspect-" + std::to_string(::getpid());
+  const std::string name = "bench-endpoint-" + std::to_string(::getpid());
   Host host(name, keys);
   const std::string path =
       Shm::entityManager(name, 0)->directory() + "/.inspect";

@@ -1,4 +1,4 @@
-// Descriptions (Introspect.h) of the runtime's objects: the group resolver
+// Attributes (Attributes.h) of the runtime's objects: the group resolver
 // and the changes it holds, entry handles, table statistics, and the
 // resource tables with their handles and records.
 //
@@ -6,7 +6,7 @@
 //   Introspect::genericIfIterator(*inLifTable, "entry", {}, 100, visitor);
 //
 // The MicaMpls records are described in Records.h, the tables' own classes
-// in OrderedTable/Introspection.h.
+// in OrderedTable/TableAttributes.h.
 #pragma once
 
 #include <bit>
@@ -14,7 +14,7 @@
 #include "platform/asic/GroupResolver.h"
 #include "platform/asic/OrderedSwTable.h"
 #include "platform/asic/Types.h"
-#include "platform/introspect/Introspect.h"
+#include "platform/attributes/Attributes.h"
 #include "platform/resource/InLifResourceTable.h"
 #include "platform/resource/L2AdjToFecResourceTable.h"
 #include "platform/resource/ResourceTable.h"
