@@ -539,6 +539,60 @@ public:
     refresh(p);
     return p.found_ ? verified(index_.at(p.pos_)) : nullptr;
   }
+  // The two ends of an insert, shared by insert() and insertAt():
+  // write(slot) fills a free slot with the record, which is then published.
+  // Replacing publishes the new copy before the old one is unpublished, so
+  // that a reader always finds one of them.
+  template <typename Write>
+  void replaceRecord(std::size_t pos, std::uint32_t flags, std::uint64_t seal,
+                     Write &&write) {
+    freeRoom();
+    const std::uint32_t slot = takeSlot();
+    unsigned char *s = slotAt(slot);
+    const std::uint64_t seq = beginChange();
+    write(s);
+    detail::publish(s, seal);
+    Entry &e = index_.at(pos);
+    detail::unpublish(slotAt(e.slot));
+    endChange(seq);
+    free_.push_back(e.slot);
+    flagged_ += (flags & kFlagged ? 1 : 0) - (e.flags & kFlagged ? 1 : 0);
+    e.slot = slot;
+    e.flags = flags;
+  }
+  // Adds a new key at `hint` (where the lookup left off); returns its
+  // position. Throws CollectionFullError or NoSpaceError with nothing
+  // changed.
+  template <typename Hint, typename Write>
+  std::size_t addRecord(std::uint64_t hash, const Key &key,
+                        std::uint32_t flags, std::uint64_t seal, Hint hint,
+                        Write &&write) {
+    if (index_.size() >= capacity()) {
+      throwFull(&key, sizeof(Key));
+    }
+    if (!spaceForNewKey()) [[unlikely]] {
+      throwNoSpace(&key, sizeof(Key));
+    }
+    freeRoom();
+    const std::uint32_t slot = takeSlot();
+    std::size_t pos;
+    try {
+      pos = index_.insertNew(hash, cmpTo(key), Entry{hash, slot, flags, key},
+                             hint);
+    } catch (...) {
+      free_.push_back(slot);
+      throw;
+    }
+    ++shape_;
+    unsigned char *s = slotAt(slot);
+    const std::uint64_t seq = beginChange();
+    write(s);
+    detail::publish(s, seal);
+    endChange(seq);
+    flagged_ += flags & kFlagged ? 1 : 0;
+    return pos;
+  }
+
   // Inserts or replaces the key's record at its place, built by
   // fill(Record &) in the slot it goes to: fill must write every byte of
   // the record (padding included) and its key must be the place's. Throws
@@ -552,50 +606,16 @@ public:
     refresh(p);
     const std::uint32_t flags = kUsed | (flagged ? kFlagged : 0);
     const std::uint64_t seal = format::sealOf(nextSeq_);
+    const auto write = [&](unsigned char *s) { buildRecord(s, seal, fill); };
     if (p.found_) {
-      Entry &e = index_.at(p.pos_);
       // The old copy's seal is stored to below; fetch it meanwhile.
-      __builtin_prefetch(slotAt(e.slot), 1);
-      freeRoom();
-      const std::uint32_t slot = takeSlot();
-      unsigned char *s = slotAt(slot);
-      const std::uint64_t seq = beginChange();
-      buildRecord(s, seal, fill);
-      detail::publish(s, seal);
-      detail::unpublish(slotAt(e.slot));
-      endChange(seq);
-      free_.push_back(e.slot);
-      flagged_ += (flags & kFlagged ? 1 : 0) - (e.flags & kFlagged ? 1 : 0);
-      e.slot = slot;
-      e.flags = flags;
+      __builtin_prefetch(slotAt(index_.at(p.pos_).slot), 1);
+      replaceRecord(p.pos_, flags, seal, write);
       p.flags_ = flags;
       return;
     }
-    if (index_.size() >= capacity()) {
-      throwFull(&p.key_, sizeof(Key));
-    }
-    if (!spaceForNewKey()) [[unlikely]] {
-      throwNoSpace(&p.key_, sizeof(Key));
-    }
-    freeRoom();
-    const std::uint32_t slot = takeSlot();
-    std::size_t pos;
-    try {
-      pos = index_.insertNew(p.hash_, cmpTo(p.key_),
-                             Entry{p.hash_, slot, flags, p.key_},
-                             typename Array::Pos{p.pos_, false});
-    } catch (...) {
-      free_.push_back(slot);
-      throw;
-    }
-    ++shape_;
-    unsigned char *s = slotAt(slot);
-    const std::uint64_t seq = beginChange();
-    buildRecord(s, seal, fill);
-    detail::publish(s, seal);
-    endChange(seq);
-    flagged_ += flags & kFlagged ? 1 : 0;
-    p.pos_ = pos;
+    p.pos_ = addRecord(p.hash_, p.key_, flags, seal,
+                       typename Array::Pos{p.pos_, false}, write);
     p.found_ = true;
     p.flags_ = flags;
     p.shape_ = shape_;
@@ -665,43 +685,14 @@ public:
       __builtin_prefetch(slotAt(index_.at(p.pos).slot), 1);
     }
     const std::uint32_t flags = kUsed | (flaggedOf(r) ? kFlagged : 0);
-    if (p.found) {
-      freeRoom();
-      const std::uint32_t slot = takeSlot();
-      unsigned char *s = slotAt(slot);
-      const std::uint64_t seq = beginChange();
+    const auto write = [&](unsigned char *s) {
       detail::writeRecord(s, &r, sizeof(Record), ck);
-      detail::publish(s, seal);
-      Entry &e = index_.at(p.pos);
-      detail::unpublish(slotAt(e.slot));
-      endChange(seq);
-      free_.push_back(e.slot);
-      flagged_ += (flags & kFlagged ? 1 : 0) - (e.flags & kFlagged ? 1 : 0);
-      e.slot = slot;
-      e.flags = flags;
+    };
+    if (p.found) {
+      replaceRecord(p.pos, flags, seal, write);
       return;
     }
-    if (index_.size() >= capacity()) {
-      throwFull(&key, sizeof(Key));
-    }
-    if (!spaceForNewKey()) [[unlikely]] {
-      throwNoSpace(&key, sizeof(Key));
-    }
-    freeRoom();
-    const std::uint32_t slot = takeSlot();
-    try {
-      index_.insertNew(h, cmpTo(key), Entry{h, slot, flags, key}, p);
-    } catch (...) {
-      free_.push_back(slot);
-      throw;
-    }
-    ++shape_;
-    unsigned char *s = slotAt(slot);
-    const std::uint64_t seq = beginChange();
-    detail::writeRecord(s, &r, sizeof(Record), ck);
-    detail::publish(s, seal);
-    endChange(seq);
-    flagged_ += flags & kFlagged ? 1 : 0;
+    addRecord(h, key, flags, seal, p, write);
   }
 
   // Removes the key's record. True when it was there. REQUIRES: writer.
